@@ -1,0 +1,115 @@
+// VEL_TraceHandler and its subclasses: the sinks that write trace lines. The application creates
+// one, installs it with VEL_Tools::SetTraceHandler, and owns it.
+//
+//   VEL_TraceHandler        standard output   "<file #line> (level-number) text"
+//   VEL_TraceHandlerMt      standard output   "<file #line> <TID #n> LEVEL - text"
+//   VEL_FileTraceHandler    its own file      "<file #line> LEVEL - text"
+//   VEL_FileTraceHandlerMt  its own file      "<file #line> <TID #n> LEVEL - text"
+//
+// Every line ends with an end-of-line and a flush. LEVEL is INFO, DEBUG, WARN or ERROR; n is the
+// kernel id of the tracing thread. The file sinks truncate their file when constructed; a file
+// that cannot be opened is not reported (its lines are lost).
+//
+// The statics below serialise every sink call process-wide and drop lines traced from inside a
+// sink's output (the recursion guard).
+//
+// Thread safety: the flag, size and offset fields may be changed by any thread while others
+// trace. output() is called by one thread at a time (VEL_Tools::Trace sees to it).
+#ifndef BASE_INCLUDE_VEL_TRACEHANDLER_H
+#define BASE_INCLUDE_VEL_TRACEHANDLER_H
+
+#include <atomic>
+#include <cstdint>
+#include <fstream>
+#include <string>
+
+#include "Thread.h"
+#include "TimeValue.h"
+
+namespace basis {
+class ThreadMutex;
+class CondThreadMutex;
+}  // namespace basis
+
+class VEL_TraceHandler {
+public:
+    // `msgDumpMaxSize` and `msgDumpOffset` are 32-bit; 0xFFFFFFFF (or -1) means none.
+    VEL_TraceHandler(unsigned short flags, unsigned long msgDumpMaxSize,
+                     unsigned long msgDumpOffset);
+    VEL_TraceHandler(const VEL_TraceHandler& other);
+    VEL_TraceHandler& operator=(const VEL_TraceHandler& other);
+    virtual ~VEL_TraceHandler() = default;
+
+    // Writes one line (formats above).
+    virtual void output(const char* file, unsigned long line, unsigned short level,
+                        const char* text);
+
+    unsigned short getTraceFlags() const { return _traceFlags.load(); }
+    void setTraceFlags(unsigned short flags) { _traceFlags.store(flags); }
+    unsigned long getMsgDumpMaxSize() const { return _msgDumpMaxSize.load(); }
+    void setMsgDumpMaxSize(unsigned long size) {
+        _msgDumpMaxSize.store(static_cast<std::uint32_t>(size));
+    }
+    unsigned long getMsgDumpOffset() const { return _msgDumpOffset.load(); }
+    void setMsgDumpOffset(unsigned long offset) {
+        _msgDumpOffset.store(static_cast<std::uint32_t>(offset));
+    }
+
+    // "INFO", "DEBUG", "WARN", "ERROR". REQUIRES: level <= 3.
+    static const char* LevelToString(unsigned short level);
+
+    // True when the calling thread is inside a sink's output.
+    static bool IsInRecursiveTrace();
+    // Claims the right to call a sink: false when the caller already holds it or when a wait for
+    // the current holder fails or lasts longer than `timeout`.
+    static bool AtomicWaitAndStartTracing(const basis::TimeValue& timeout);
+    // Gives the right back and wakes the waiting threads.
+    static void StopTracing();
+
+protected:
+    // The thread-number shown by the multi-threaded formats.
+    static unsigned int TracingThreadNumber();
+
+private:
+    friend class VEL_StaticInit;
+
+    std::atomic<unsigned short> _traceFlags;
+    std::atomic<std::uint32_t> _msgDumpMaxSize;
+    std::atomic<std::uint32_t> _msgDumpOffset;
+
+    // Lock order: never held with VEL_Tools::_HandlerMutex.
+    static basis::ThreadMutex* _TracingMutex;          // guards _TracingThreadID
+    static basis::CondThreadMutex* _TracingCondMutex;  // bound to _TracingMutex
+    static basis::ThreadID_t _TracingThreadID;
+};
+
+class VEL_TraceHandlerMt : public VEL_TraceHandler {
+public:
+    using VEL_TraceHandler::VEL_TraceHandler;
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override;
+};
+
+class VEL_FileTraceHandler : public VEL_TraceHandler {
+public:
+    VEL_FileTraceHandler(const char* fileName, unsigned short flags, unsigned long msgDumpMaxSize,
+                         unsigned long msgDumpOffset);
+    ~VEL_FileTraceHandler() override;
+    VEL_FileTraceHandler(const VEL_FileTraceHandler&) = delete;
+    VEL_FileTraceHandler& operator=(const VEL_FileTraceHandler&) = delete;
+
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override;
+
+protected:
+    std::ofstream _out;
+};
+
+class VEL_FileTraceHandlerMt : public VEL_FileTraceHandler {
+public:
+    using VEL_FileTraceHandler::VEL_FileTraceHandler;
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override;
+};
+
+#endif  // BASE_INCLUDE_VEL_TRACEHANDLER_H

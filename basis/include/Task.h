@@ -1,0 +1,62 @@
+// basis::Task: an active object. A derived class implements open() (set up, then activate) and
+// run() (the body of each thread); activate() starts the threads, wait() joins them.
+//
+// Each started thread calls run() once. The thread does not enter run() before activate() has
+// returned, so the ids it stored are visible to the new thread.
+//
+// Ownership: the task owns its threads. A derived class must make its threads end (and wait()
+// for them) before its own destructor finishes, since run() is one of its members; ~Task joins
+// any thread still left as a last resort.
+//
+// Thread safety: activate, wait and getThreadCount may be called from any thread; wait() called
+// from one of the task's own threads does not join that thread.
+#ifndef BASIS_INCLUDE_TASK_H
+#define BASIS_INCLUDE_TASK_H
+
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Thread.h"
+#include "Tools.h"
+
+namespace basis {
+
+class Task {
+public:
+    Task() = default;
+    virtual ~Task();
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
+
+    virtual Err_t open() = 0;
+
+    // Blocks until every thread of the task has ended. kErr_Ok.
+    Err_t wait();
+    // Number of threads started and not yet joined by wait().
+    unsigned long getThreadCount() const;
+
+protected:
+    // Starts `threadCount` threads running run(). With `ids`, stores each thread's identity in
+    // ids[0 .. threadCount-1]. kErr_Ok, kErr_BadValue for a count of 0, or kErr_Thread when the
+    // system refused a thread (its error number is stored as the last system error; threads
+    // already started keep running).
+    Err_t activate(unsigned long threadCount);
+    Err_t activate(unsigned long threadCount, ThreadID_t* ids);
+
+    virtual bool run() = 0;
+
+    // Stops the task. The base version only waits for the threads when `waitForThreads` is set;
+    // derived classes first tell their loop to end.
+    virtual Err_t close(bool waitForThreads);
+
+private:
+    void threadBody(ThreadID_t* idSlot);
+
+    mutable std::mutex _lock;  // guards _threads; held by activate() until ids are stored
+    std::vector<std::thread> _threads;
+};
+
+}  // namespace basis
+
+#endif  // BASIS_INCLUDE_TASK_H

@@ -1,0 +1,75 @@
+// basis::ThreadMutex and basis::RecursiveThreadMutex: the library's mutual exclusion.
+//
+// Both wrap the standard library mutexes and add owner tracking, so that misuse is reported
+// instead of being undefined behaviour: acquiring a ThreadMutex the calling thread already holds
+// returns kErr_ThreadAcquire (instead of deadlocking), releasing a mutex the caller does not hold
+// returns kErr_ThreadRelease. They also satisfy BasicLockable (lock/unlock) so that standard
+// guards can be used inside the library.
+//
+// Thread safety: any thread may acquire and release. setName must be called before the mutex is
+// shared (it is a diagnostic label only).
+#ifndef BASIS_INCLUDE_THREADMUTEX_H
+#define BASIS_INCLUDE_THREADMUTEX_H
+
+#include <atomic>
+#include <mutex>
+
+#include "ThreadAnnotations.h"
+#include "Tools.h"
+
+namespace basis {
+
+class VEL_CAPABILITY("mutex") ThreadMutex {
+public:
+    constexpr ThreadMutex() = default;
+    ThreadMutex(const ThreadMutex&) = delete;
+    ThreadMutex& operator=(const ThreadMutex&) = delete;
+
+    // kErr_Ok, or kErr_ThreadAcquire when the calling thread already holds the mutex.
+    Err_t acquire() VEL_ACQUIRE();
+    // kErr_Ok, or kErr_ThreadRelease when the calling thread does not hold the mutex.
+    Err_t release() VEL_RELEASE();
+    // True when the mutex was free and is now held by the caller.
+    bool tryAcquire();
+    // True when the calling thread holds the mutex.
+    bool isHeldBySelf() const;
+
+    Err_t setName(const char* name);
+    const char* getName() const { return _name; }
+
+    // BasicLockable, for std::lock_guard and std::unique_lock.
+    void lock() VEL_ACQUIRE() { (void)acquire(); }
+    void unlock() VEL_RELEASE() { (void)release(); }
+
+private:
+    friend class CondThreadMutex;
+
+    std::mutex _mutex;
+    std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free
+    char _name[32] = {};
+};
+
+class VEL_CAPABILITY("mutex") RecursiveThreadMutex {
+public:
+    constexpr RecursiveThreadMutex() = default;
+    RecursiveThreadMutex(const RecursiveThreadMutex&) = delete;
+    RecursiveThreadMutex& operator=(const RecursiveThreadMutex&) = delete;
+
+    // The holder may acquire again; each acquire needs its release. Always kErr_Ok.
+    Err_t acquire() VEL_ACQUIRE();
+    // kErr_Ok, or kErr_ThreadRelease when the calling thread does not hold the mutex.
+    Err_t release() VEL_RELEASE();
+    bool isHeldBySelf() const;
+
+    void lock() VEL_ACQUIRE() { (void)acquire(); }
+    void unlock() VEL_RELEASE() { (void)release(); }
+
+private:
+    std::recursive_mutex _mutex;
+    std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free
+    unsigned long _depth = 0;              // written by the holder only
+};
+
+}  // namespace basis
+
+#endif  // BASIS_INCLUDE_THREADMUTEX_H

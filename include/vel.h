@@ -1,0 +1,34 @@
+// The whole public interface of the vel library.
+#ifndef INCLUDE_VEL_H
+#define INCLUDE_VEL_H
+
+// Foundation
+#include "Atomic.h"
+#include "BoundedString.h"
+#include "BufferMgr.h"
+#include "CondThreadMutex.h"
+#include "Exception.h"
+#include "Guard.h"
+#include "KeelException.h"
+#include "Object.h"
+#include "RWThreadMutex.h"
+#include "StaticInit.h"
+#include "Task.h"
+#include "Thread.h"
+#include "ThreadMutex.h"
+#include "TimeValue.h"
+#include "Tools.h"
+#include "VolatileUID.h"
+
+// Status codes, tracing, start-up
+#include "VELIoVec.h"
+#include "VEL_Err.h"
+#include "VEL_StaticInit.h"
+#include "VEL_Tools.h"
+#include "VEL_TraceHandler.h"
+
+// Network
+#include "VEL_ComEnabler.h"
+#include "VEL_ComTools.h"
+
+#endif  // INCLUDE_VEL_H

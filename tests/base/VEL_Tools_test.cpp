@@ -1,0 +1,261 @@
+#include "VEL_Tools.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "Thread.h"
+#include "VELIoVec.h"
+
+namespace {
+
+using veltest::RecordingSink;
+using veltest::ScopedSink;
+
+std::string errStr(int code) {
+    return VEL_Tools::GetErrStr(static_cast<VELErr_t>(code));
+}
+
+TEST(GetErrStrTest, KnownUnknownAndEmptySlotsWithTheLastSystemError) {
+    basis::Thread::SetLastSystemErr(0);
+    EXPECT_EQ(errStr(0), "No error {0}");
+    basis::Thread::SetLastSystemErr(88);
+    EXPECT_EQ(errStr(114), "Invalid socket {88}");
+    basis::Thread::SetLastSystemErr(-3);
+    EXPECT_EQ(errStr(12), "Input buffer too large {-3}");
+    basis::Thread::SetLastSystemErr(7);
+    const struct {
+        int code;
+        const char* text;
+    } cases[] = {
+            {13, "Unknown error (13) {7}"},
+            {150, "Incomplete operation (further function calls needed) {7}"},
+            {151, "Unknown error (151) {7}"},
+            {205, "Queue is empty,Failed to spawn a thread {7}"},
+            {206, "Unknown error :206 {7}"},
+            {207, "Unknown error (207) {7}"},
+            {301, "Maximum number of event handlers reached (reactor size or FD_SETSIZE) {7}"},
+            {313, "The reactor file descriptor is corrupt {7}"},
+            {314, "Unknown error (314) {7}"},
+            {400, "Unknown error (400) {7}"},
+            {-1, "Unknown error (-1) {7}"},
+            {99, "Unknown error (99) {7}"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(errStr(c.code), c.text) << "code " << c.code;
+    }
+}
+
+TEST(GetErrStrTest, EveryDeclaredCodeHasItsOwnText) {
+    const int firsts[] = {0, 100, 200, 300};
+    const int counts[] = {13, 51, 6, 14};  // 206 is declared without text
+    for (int g = 0; g < 4; ++g) {
+        for (int slot = 0; slot < counts[g]; ++slot) {
+            EXPECT_EQ(errStr(firsts[g] + slot).find("Unknown error"), std::string::npos)
+                    << firsts[g] + slot;
+        }
+    }
+}
+
+TEST(TraceTest, IsTraceOnFollowsTheSinkFlags) {
+    EXPECT_FALSE(VEL_Tools::IsTraceOn(0xFFFF));
+    EXPECT_EQ(VEL_Tools::Trace("f", 1, 0, "lost"), kVELErr_Ok);
+    RecordingSink errorsOnly(kVELTrace_Error);
+    ScopedSink installed(&errorsOnly);
+    EXPECT_TRUE(VEL_Tools::IsTraceOn(kVELTrace_ComError));
+    EXPECT_FALSE(VEL_Tools::IsTraceOn(kVELTrace_Com));
+    errorsOnly.setTraceFlags(kVELTrace_Com);
+    EXPECT_TRUE(VEL_Tools::IsTraceOn(kVELTrace_ComError));
+    EXPECT_FALSE(VEL_Tools::IsTraceOn(kVELTrace_Frame | kVELTrace_MsgDump));
+}
+
+class RecursiveSink : public RecordingSink {
+public:
+    RecursiveSink() : RecordingSink(0xFFFF) {}
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override {
+        VEL_Tools::Trace(file, line, level, "nested");
+        RecordingSink::output(file, line, level, text);
+    }
+};
+
+TEST(TraceTest, LinesTracedFromInsideTheSinkAreDropped) {
+    RecursiveSink sink;
+    ScopedSink installed(&sink);
+    EXPECT_EQ(VEL_Tools::Trace("f.cpp", 3, 0, "outer"), kVELErr_Ok);
+    ASSERT_EQ(sink.texts().size(), 1u);
+    EXPECT_EQ(sink.texts()[0], "outer");
+}
+
+TEST(TraceTest, ForbiddenThreadNeverTraces) {
+    RecordingSink sink(0xFFFF);
+    ScopedSink installed(&sink);
+    std::thread muted([] {
+        VEL_Tools::PreventThreadFromTracing(basis::Thread::Self());
+        VEL_Tools::Trace("f", 1, 0, "muted");
+    });
+    muted.join();
+    VEL_Tools::Trace("f", 2, 0, "heard");
+    EXPECT_FALSE(sink.contains("muted"));
+    EXPECT_TRUE(sink.contains("heard"));
+}
+
+class ThrowingSink : public RecordingSink {
+public:
+    ThrowingSink() : RecordingSink(0xFFFF) {}
+    void output(const char*, unsigned long, unsigned short, const char* text) override {
+        if (std::string(text) == "boom") {
+            throw std::runtime_error("sink failed");
+        }
+        RecordingSink::output("f", 0, 0, text);
+    }
+};
+
+TEST(TraceTest, SinkExceptionPropagatesAndReleasesTheSerialiser) {
+    ThrowingSink sink;
+    ScopedSink installed(&sink);
+    EXPECT_THROW(VEL_Tools::Trace("f", 1, 0, "boom"), std::runtime_error);
+    EXPECT_EQ(VEL_Tools::Trace("f", 2, 0, "after"), kVELErr_Ok);
+    EXPECT_TRUE(sink.contains("after"));
+}
+
+// A sink whose output blocks until released, to hold the serialiser.
+class BlockingSink : public RecordingSink {
+public:
+    BlockingSink() : RecordingSink(0xFFFF) {}
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override {
+        std::unique_lock<std::mutex> hold(_gate);
+        if (std::string(text) == "slow") {
+            _entered = true;
+            _changed.notify_all();
+            _changed.wait_for(hold, std::chrono::seconds(10), [this] { return _open; });
+        }
+        hold.unlock();
+        RecordingSink::output(file, line, level, text);
+    }
+    void waitEntered() {
+        std::unique_lock<std::mutex> hold(_gate);
+        _changed.wait_for(hold, std::chrono::seconds(10), [this] { return _entered; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> hold(_gate);
+        _open = true;
+        _changed.notify_all();
+    }
+
+private:
+    std::mutex _gate;
+    std::condition_variable _changed;
+    bool _entered = false;
+    bool _open = false;
+};
+
+TEST(TraceTest, SecondThreadGivesUpAfterTwoSecondsWhileTheSinkIsBusy) {
+    BlockingSink sink;
+    ScopedSink installed(&sink);
+    std::thread slow([] { VEL_Tools::Trace("f", 1, 0, "slow"); });
+    sink.waitEntered();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(VEL_Tools::Trace("f", 2, 0, "dropped"), kVELErr_Ok);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    sink.open();
+    slow.join();
+    EXPECT_GE(waited, std::chrono::milliseconds(1900));
+    EXPECT_LT(waited, std::chrono::seconds(8));
+    EXPECT_FALSE(sink.contains("dropped"));
+    EXPECT_TRUE(sink.contains("slow"));
+}
+
+class MemDumpTest : public ::testing::Test {
+protected:
+    std::vector<std::string> dump(const char* data, unsigned int size, unsigned long maxSize,
+                                  unsigned long offset) {
+        RecordingSink sink(kVELTrace_MsgDump, maxSize, offset);
+        ScopedSink installed(&sink);
+        VEL_Tools::MemDump("f.cpp", 7, 3, data, size, 5);
+        return sink.texts();
+    }
+    static std::string address(const void* p) {
+        char text[16];
+        std::snprintf(text, sizeof(text), "%08X",
+                      static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(p)));
+        return text;
+    }
+    static constexpr const char* kHeader =
+            "MSGDUMP - +- ADDR -+--------------- HEX ---------------+---- ASCII ----+";
+};
+
+TEST_F(MemDumpTest, SeventeenBytesGiveAFullRowAndAPaddedOne) {
+    const char data[17] = {'A',  'B',  'C', 'D', 0x7F, static_cast<char>(0x80),
+                           0x0A, 0x00, ' ', '~', '1',  '2',
+                           '3',  '4',  '5', '6', 'Z'};
+    const auto lines = dump(data, 17, 0xFFFFFFFF, 0xFFFFFFFF);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0], "MSGDUMP - Dumping buffer number 5, containing 17 bytes");
+    EXPECT_EQ(lines[1], kHeader);
+    EXPECT_EQ(lines[2], "MSGDUMP - " + address(data) +
+                                "  41424344 7F800A00 207E3132 33343536 ABCD\x7F... ~123456");
+    EXPECT_EQ(lines[3], "MSGDUMP - " + address(data + 16) + "  5A" + std::string(6, ' ') + " " +
+                                std::string(8, ' ') + " " + std::string(8, ' ') + " " +
+                                std::string(8, ' ') + " Z");
+}
+
+TEST_F(MemDumpTest, ColumnsLineUpUnderTheHeader) {
+    const char data[16] = {};
+    const auto lines = dump(data, 16, 0xFFFFFFFF, 0xFFFFFFFF);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[2].size(), std::string("MSGDUMP - ").size() + 10 + 36 + 16);
+    EXPECT_EQ(lines[2].substr(lines[2].size() - 16), std::string(16, '.'));
+}
+
+TEST_F(MemDumpTest, MaximumWithoutOffsetShowsTheLastBytes) {
+    const char data[] = "0123456789";
+    const auto lines = dump(data, 10, 4, 0xFFFFFFFF);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "MSGDUMP - Dumping buffer number 5, containing 4 bytes");
+    EXPECT_EQ(lines[2].substr(lines[2].size() - 4), "6789");
+    EXPECT_EQ(lines[2].substr(10, 8), address(data + 6));
+}
+
+TEST_F(MemDumpTest, OffsetAndMaximumShowTheBytesAfterTheOffset) {
+    const char data[] = "0123456789";
+    const auto lines = dump(data, 10, 4, 2);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[2].substr(lines[2].size() - 4), "2345");
+    EXPECT_EQ(lines[2].substr(10, 8), address(data + 2));
+}
+
+TEST_F(MemDumpTest, EmptyBufferAndOffsetBeyondTheBufferDumpNothing) {
+    const std::vector<std::string> expected = {
+            "MSGDUMP - Dumping buffer number 5, containing 0 bytes", kHeader,
+            "MSGDUMP - Buffer size is 0."};
+    EXPECT_EQ(dump("", 0, 0xFFFFFFFF, 0xFFFFFFFF), expected);
+    EXPECT_EQ(dump("abc", 3, 0xFFFFFFFF, 3), expected);
+    EXPECT_EQ(dump("abc", 3, static_cast<unsigned long>(-1), 99), expected);
+}
+
+TEST_F(MemDumpTest, DumpNeedsTheMessageDumpBitAndVectorsAreNumbered) {
+    RecordingSink sink(kVELTrace_Error);
+    ScopedSink installed(&sink);
+    VEL_Tools::MemDump("f", 1, 3, "abc", 3, 0);
+    EXPECT_TRUE(sink.texts().empty());
+    sink.setTraceFlags(kVELTrace_MsgDump);
+    char a[] = "ab";
+    char b[] = "xyz";
+    VELIoVec vec[] = {{a, 2}, {b, 3}};
+    VEL_Tools::MemDumpVec("f", 1, 3, vec, 2);
+    EXPECT_TRUE(sink.contains("Dumping buffer number 0, containing 2 bytes"));
+    EXPECT_TRUE(sink.contains("Dumping buffer number 1, containing 3 bytes"));
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+#include "ThreadMutex.h"
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "CondThreadMutex.h"
+#include "Exception.h"
+#include "Guard.h"
+#include "RWThreadMutex.h"
+#include "Thread.h"
+
+namespace {
+
+using basis::kErr_Ok;
+
+TEST(ThreadMutexTest, SecondAcquireBySameThreadFailsInsteadOfDeadlocking) {
+    basis::ThreadMutex mutex;
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    EXPECT_EQ(mutex.acquire(), basis::kErr_ThreadAcquire);
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+    EXPECT_EQ(mutex.release(), basis::kErr_ThreadRelease);
+}
+
+TEST(ThreadMutexTest, ReleaseByAnotherThreadIsRefused) {
+    basis::ThreadMutex mutex;
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    basis::Err_t fromOther = kErr_Ok;
+    std::thread other([&] { fromOther = mutex.release(); });
+    other.join();
+    EXPECT_EQ(fromOther, basis::kErr_ThreadRelease);
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+}
+
+TEST(ThreadMutexTest, GuardThrowsThreadExceptionWithItsFrameOnFailedAcquire) {
+    basis::ThreadMutex mutex;
+    basis::GuardEx<basis::ThreadMutex> outer(mutex);
+    try {
+        basis::GuardEx<basis::ThreadMutex> inner(mutex);
+        FAIL() << "a second guard on the same mutex must throw";
+    } catch (const basis::ThreadException& e) {
+        EXPECT_EQ(e.getStatusName(), "kErr_ThreadAcquire");
+        ASSERT_EQ(e.getStack().size(), 1u);
+        EXPECT_EQ(e.getStack()[0].getFile(), "basis/Guard");
+        EXPECT_EQ(e.getStack()[0].getFunction(),
+                  "basis::GuardEx<class basis::ThreadMutex>::__ctor");
+        EXPECT_EQ(e.getDescription(), basis::Tools::GetErrStr(basis::kErr_ThreadAcquire));
+    }
+    EXPECT_TRUE(mutex.isHeldBySelf());  // the outer guard still holds it
+}
+
+TEST(ThreadMutexTest, RecursiveMutexCountsItsAcquisitions) {
+    basis::RecursiveThreadMutex mutex;
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+    EXPECT_TRUE(mutex.isHeldBySelf());
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+    EXPECT_FALSE(mutex.isHeldBySelf());
+    EXPECT_EQ(mutex.release(), basis::kErr_ThreadRelease);
+}
+
+TEST(CondThreadMutexTest, TimedWaitEndsWithTimeoutAfterItsLimit) {
+    basis::ThreadMutex mutex;
+    basis::CondThreadMutex cond(mutex);
+    const basis::TimeValue limit(0, 50000);
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(cond.wait(&limit), basis::kErr_Timeout);
+    const basis::TimeValue waited = basis::TimeValue::GetHRTime() - start;
+    EXPECT_TRUE(mutex.isHeldBySelf());
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+    EXPECT_GE(waited, limit);
+    EXPECT_LT(waited, basis::TimeValue(2, 0));
+}
+
+TEST(CondThreadMutexTest, SignalWakesWaiterAndWaitWithoutTheMutexIsRefused) {
+    basis::ThreadMutex mutex;
+    basis::CondThreadMutex cond(mutex);
+    EXPECT_EQ(cond.wait(nullptr), basis::kErr_ThreadAcquire);
+
+    bool ready = false;
+    std::thread signaller([&] {
+        std::lock_guard<basis::ThreadMutex> hold(mutex);
+        ready = true;
+        cond.signal();
+    });
+    const basis::TimeValue limit(10, 0);
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    basis::Err_t result = kErr_Ok;
+    while (!ready && result == kErr_Ok) {
+        result = cond.wait(&limit);
+    }
+    EXPECT_TRUE(ready);
+    EXPECT_EQ(result, kErr_Ok);
+    mutex.release();
+    signaller.join();
+}
+
+TEST(RWThreadMutexTest, ReadersShareAndWriterExcludes) {
+    basis::RWThreadMutex lock;
+    ASSERT_EQ(lock.acquireRead(), kErr_Ok);
+    std::atomic<bool> secondReaderIn{false};
+    std::thread reader([&] {
+        basis::ReadGuard<basis::RWThreadMutex> hold(lock);
+        secondReaderIn = true;
+    });
+    reader.join();  // would hang if readers excluded each other
+    EXPECT_TRUE(secondReaderIn);
+
+    std::atomic<bool> writerIn{false};
+    std::thread writer([&] {
+        basis::WriteGuard<basis::RWThreadMutex> hold(lock);
+        writerIn = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(writerIn);  // still excluded by our read lock
+    lock.release();
+    writer.join();
+    EXPECT_TRUE(writerIn);
+}
+
+TEST(ThreadTest, IdentityOrderAndLastSystemError) {
+    const basis::ThreadID_t self = basis::Thread::Self();
+    EXPECT_FALSE(basis::Thread::Equal(self, basis::Thread::kInvalidID));
+    EXPECT_NE(basis::Thread::ToNumber(self), 0u);
+    basis::ThreadID_t other;
+    std::thread([&] {
+        other = basis::Thread::Self();
+        basis::Thread::SetLastSystemErr(77);
+    }).join();
+    EXPECT_FALSE(basis::Thread::Equal(self, other));
+    EXPECT_TRUE((self < other) != (other < self));
+    basis::Thread::SetLastSystemErr(5);
+    EXPECT_EQ(basis::Thread::GetLastSystemErr(), 5);  // per thread: 77 stayed in the other one
+    EXPECT_EQ(errno, 5);
+}
+
+}  // namespace

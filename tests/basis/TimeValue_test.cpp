@@ -1,0 +1,67 @@
+#include "TimeValue.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using basis::TimeValue;
+
+TEST(TimeValueTest, ConstructionNormalisesMicrosecondsIntoSeconds) {
+    const TimeValue carried(1, 2500000);
+    EXPECT_EQ(carried.getSecond(), 3);
+    EXPECT_EQ(carried.getMicrosecond(), 500000);
+
+    const TimeValue borrowed(1, -250000);
+    EXPECT_EQ(borrowed.getSecond(), 0);
+    EXPECT_EQ(borrowed.getMicrosecond(), 750000);
+
+    const TimeValue negative(0, -1);
+    EXPECT_EQ(negative.getSecond(), -1);
+    EXPECT_EQ(negative.getMicrosecond(), 999999);
+}
+
+TEST(TimeValueTest, ArithmeticCarriesAndBorrows) {
+    const TimeValue a(2, 900000);
+    const TimeValue b(0, 200000);
+    EXPECT_EQ(a + b, TimeValue(3, 100000));
+    EXPECT_EQ(b - a, TimeValue(-3, 300000));  // -2.7 s
+    EXPECT_EQ((b - a).toMicroseconds(), -2700000);
+    TimeValue c = a;
+    c += TimeValue(0, 125000);
+    EXPECT_EQ(c, TimeValue(3, 25000));
+}
+
+TEST(TimeValueTest, ComparisonIsLexicographic) {
+    const TimeValue never(-1, 0);
+    EXPECT_LT(never, TimeValue::kZero);
+    EXPECT_LT(TimeValue(1, 999999), TimeValue(2, 0));
+    EXPECT_GT(TimeValue(2, 1), TimeValue(2, 0));
+    EXPECT_LE(TimeValue(2, 0), TimeValue(2, 0));
+    EXPECT_NE(TimeValue(2, 0), TimeValue(2, 1));
+}
+
+TEST(TimeValueTest, MillisecondsRoundUpAndNegativeGivesZero) {
+    EXPECT_EQ(TimeValue(0, 1).toMillisecondsCeil(), 1);
+    EXPECT_EQ(TimeValue(1, 999).toMillisecondsCeil(), 1001);
+    EXPECT_EQ(TimeValue(-1, 0).toMillisecondsCeil(), 0);
+    EXPECT_EQ(TimeValue::FromMicroseconds(1250000), TimeValue(1, 250000));
+}
+
+TEST(TimeValueTest, ConvertsToTimevalPointer) {
+    TimeValue value(4, 5);
+    timeval* raw = value;
+    EXPECT_EQ(raw->tv_sec, 4);
+    EXPECT_EQ(raw->tv_usec, 5);
+}
+
+TEST(TimeValueTest, MonotonicClockNeverGoesBack) {
+    TimeValue previous = TimeValue::GetHRTime();
+    for (int i = 0; i < 1000; ++i) {
+        const TimeValue now = TimeValue::GetHRTime();
+        ASSERT_GE(now, previous);
+        previous = now;
+    }
+    EXPECT_GT(TimeValue::GetTimeOfDay().getSecond(), 1600000000);  // a 2020s wall clock
+}
+
+}  // namespace

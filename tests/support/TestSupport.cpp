@@ -1,0 +1,76 @@
+#include "TestSupport.h"
+
+#include <dirent.h>
+
+#include "VEL_Tools.h"
+
+namespace veltest {
+
+bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return predicate();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+int OpenFdCount() {
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    int count = 0;
+    while (readdir(dir) != nullptr) {
+        ++count;
+    }
+    closedir(dir);
+    return count - 3;  // ".", ".." and the descriptor of the directory itself
+}
+
+void RecordingSink::output(const char* file, unsigned long line, unsigned short level,
+                           const char* text) {
+    std::lock_guard<std::mutex> hold(_lock);
+    _lines.push_back(Line{file, line, level, text});
+}
+
+std::vector<RecordingSink::Line> RecordingSink::lines() const {
+    std::lock_guard<std::mutex> hold(_lock);
+    return _lines;
+}
+
+std::vector<std::string> RecordingSink::texts() const {
+    std::lock_guard<std::mutex> hold(_lock);
+    std::vector<std::string> texts;
+    for (const Line& line : _lines) {
+        texts.push_back(line.text);
+    }
+    return texts;
+}
+
+bool RecordingSink::contains(const std::string& part) const {
+    std::lock_guard<std::mutex> hold(_lock);
+    for (const Line& line : _lines) {
+        if (line.text.find(part) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void RecordingSink::clear() {
+    std::lock_guard<std::mutex> hold(_lock);
+    _lines.clear();
+}
+
+ScopedSink::ScopedSink(VEL_TraceHandler* sink) {
+    VEL_Tools::SetTraceHandler(sink);
+}
+
+ScopedSink::~ScopedSink() {
+    VEL_Tools::SetTraceHandler(nullptr);
+}
+
+}  // namespace veltest

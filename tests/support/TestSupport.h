@@ -1,0 +1,64 @@
+// Helpers shared by the test suites: condition waits with deadlines, a trace sink that records
+// lines, and descriptor counting.
+#ifndef TESTS_SUPPORT_TESTSUPPORT_H
+#define TESTS_SUPPORT_TESTSUPPORT_H
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VEL_TraceHandler.h"
+
+namespace veltest {
+
+// Polls `predicate` every millisecond until it holds or `limit` has passed; returns its last
+// value. For conditions that no condition variable announces.
+bool WaitFor(const std::function<bool()>& predicate,
+             std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Number of descriptors open in this process (entries of /proc/self/fd).
+int OpenFdCount();
+
+// A sink that records each text it is given, with its level and file, instead of printing.
+class RecordingSink : public VEL_TraceHandler {
+public:
+    struct Line {
+        std::string file;
+        unsigned long line;
+        unsigned short level;
+        std::string text;
+    };
+
+    explicit RecordingSink(unsigned short flags, unsigned long maxSize = 0xFFFFFFFF,
+                           unsigned long offset = 0xFFFFFFFF)
+        : VEL_TraceHandler(flags, maxSize, offset) {}
+
+    void output(const char* file, unsigned long line, unsigned short level,
+                const char* text) override;
+
+    std::vector<Line> lines() const;
+    std::vector<std::string> texts() const;
+    // True when some recorded text contains `part`.
+    bool contains(const std::string& part) const;
+    void clear();
+
+private:
+    mutable std::mutex _lock;
+    std::vector<Line> _lines;
+};
+
+// Installs a sink for one scope and removes it afterwards.
+class ScopedSink {
+public:
+    explicit ScopedSink(VEL_TraceHandler* sink);
+    ~ScopedSink();
+    ScopedSink(const ScopedSink&) = delete;
+    ScopedSink& operator=(const ScopedSink&) = delete;
+};
+
+}  // namespace veltest
+
+#endif  // TESTS_SUPPORT_TESTSUPPORT_H
