@@ -30,5 +30,7 @@
 // Network
 #include "VEL_ComEnabler.h"
 #include "VEL_ComTools.h"
+#include "VEL_CryptoTools.h"
+#include "VEL_Message.h"
 
 #endif  // INCLUDE_VEL_H
