@@ -174,15 +174,25 @@ iovec* IoVecArray::fill(const VELIoVec* v, unsigned long n) {
     return _array;
 }
 
-void advance(VELIoVec*& v, unsigned long& n, std::size_t moved) {
+std::size_t advance(VELIoVec*& v, unsigned long& n, std::size_t moved) {
     while (n > 0 && v->iov_len <= moved) {
         moved -= v->iov_len;
         ++v;
         --n;
     }
-    if (n > 0 && moved > 0) {
-        v->iov_base += moved;
-        v->iov_len -= static_cast<std::uint32_t>(moved);
+    if (n == 0) {
+        return 0;
+    }
+    v->iov_base += moved;
+    v->iov_len -= static_cast<std::uint32_t>(moved);
+    return moved;
+}
+
+void advanceFilling(VELIoVec*& v, unsigned long& n, std::size_t moved, VELIoVec& startedAs) {
+    const VELIoVec* before = v;
+    const std::size_t rest = advance(v, n, moved);
+    if (n > 0 && v != before) {
+        startedAs = VELIoVec{v->iov_base - rest, static_cast<std::uint32_t>(v->iov_len + rest)};
     }
 }
 

@@ -104,8 +104,11 @@ private:
 // Advances a scatter/gather position past `moved` bytes: every element whose length is at most
 // what remains of `moved` is skipped (pointer forward, count down), then the first unfinished
 // element is advanced in place (base += rest, length -= rest). With `moved` 0 this skips leading
-// empty elements.
-void advance(VELIoVec*& v, unsigned long& n, std::size_t moved);
+// empty elements. Returns `rest`, what the element now first in line was advanced by.
+std::size_t advance(VELIoVec*& v, unsigned long& n, std::size_t moved);
+// advance() for a receive that gives back the element it is filling when it times out:
+// `startedAs` follows the first unfinished element as it was before any byte went into it.
+void advanceFilling(VELIoVec*& v, unsigned long& n, std::size_t moved, VELIoVec& startedAs);
 // Sum of the element lengths.
 std::size_t totalLength(const VELIoVec* v, unsigned long n);
 

@@ -194,21 +194,16 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
     const std::size_t expected = velcom::totalLength(v, n);
     std::size_t received = 0;
     // The element being filled, as it was when filling it began.
-    VELIoVec* started = nullptr;
-    VELIoVec startedAs{};
+    VELIoVec startedAs = *current;
     velcom::IoVecArray staged(left);
     while (left > 0) {
-        if (current != started) {
-            started = current;
-            startedAs = *current;
-        }
         msghdr message{};
         message.msg_iov = staged.fill(current, left);
         message.msg_iovlen = staged.size();
         const ssize_t got = ::recvmsg(fd, &message, 0);
         if (got > 0) {
             received += static_cast<std::size_t>(got);
-            velcom::advance(current, left, static_cast<std::size_t>(got));
+            velcom::advanceFilling(current, left, static_cast<std::size_t>(got), startedAs);
             continue;
         }
         if (got == 0) {
@@ -221,7 +216,7 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
         basis::Thread::SetLastSystemErr(err);
         code = velcom::mapRecvError(err, velcom::RecvOp::kReadv);
         if (code == kVELErr_Timeout) {
-            *started = startedAs;
+            *current = startedAs;
             return recvTimedOut(expected, received, nullptr, v,
                                 static_cast<unsigned long>(current - v));
         }

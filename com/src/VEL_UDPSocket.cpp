@@ -249,14 +249,9 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
         return code;
     }
     const int fd = static_cast<int>(getHandle());
-    VELIoVec* started = nullptr;  // the element being filled, as it was when filling began
-    VELIoVec startedAs{};
+    VELIoVec startedAs = *current;  // the element being filled, as it was when filling began
     velcom::IoVecArray staged(left);
     while (left > 0) {
-        if (current != started) {
-            started = current;
-            startedAs = *current;
-        }
         sockaddr_in sender{};
         msghdr message{};
         message.msg_name = &sender;
@@ -271,7 +266,7 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
             }
             const VELErr_t mapped = velcom::mapRecvError(err, velcom::RecvOp::kRecvFrom);
             if (mapped == kVELErr_Timeout) {
-                *started = startedAs;
+                *current = startedAs;
             }
             return failed(err, mapped, from);
         }
@@ -285,7 +280,7 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
         if (got == 0) {
             return emptyDatagram();
         }
-        velcom::advance(current, left, static_cast<std::size_t>(got));
+        velcom::advanceFilling(current, left, static_cast<std::size_t>(got), startedAs);
     }
     return kVELErr_Ok;
 }
