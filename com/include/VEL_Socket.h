@@ -21,8 +21,12 @@
 //
 // Thread safety: distinct objects are independent. One thread at a time transfers on and
 // configures a socket. Any thread may read getHandle(), isValid() and isClosing(), and one other
-// thread may call close() while the owner is blocked in recv or accept: the owner's call then
-// ends (kVELErr_SockHalfClosed, kVELErr_Accept). GetNbInstances() is safe from any thread.
+// thread may call close() while the owner is blocked in a transfer, a wait or accept: close()
+// shuts the connection down, which ends the owner's call (kVELErr_SockHalfClosed, kVELErr_Accept,
+// ...), waits until that call has left the descriptor, and only then gives the number back to the
+// system, so that the owner can never touch a descriptor that has been reused. With linger on,
+// only reception is shut down: a blocked send then ends by itself before close() completes.
+// GetNbInstances() is safe from any thread.
 #ifndef COM_INCLUDE_VEL_SOCKET_H
 #define COM_INCLUDE_VEL_SOCKET_H
 
@@ -103,6 +107,23 @@ public:
     void setClosing(bool closing);
 
 protected:
+    // Marks a use of the descriptor for the span of one call: close() from another thread waits
+    // until no use is left before it releases the number. fd() is the descriptor, read after the
+    // use was marked (-1 when there is none). REQUIRES: the thread holding one does not call
+    // close() on the same socket.
+    class HandleUse {
+    public:
+        explicit HandleUse(const VEL_Socket& socket) : _socket(socket) { ++_socket._users; }
+        ~HandleUse() { --_socket._users; }
+        HandleUse(const HandleUse&) = delete;
+        HandleUse& operator=(const HandleUse&) = delete;
+
+        int fd() const { return static_cast<int>(_socket._handle.load()); }
+
+    private:
+        const VEL_Socket& _socket;
+    };
+
     // `local` is the endpoint to bind (or to listen on); its resolve flag is kept.
     explicit VEL_Socket(const VEL_SockAddr& local);
 
@@ -182,6 +203,9 @@ private:
     VEL_SockAddr _remoteAddr;
     // Guards _closing only. Taken alone (never with _Mutex).
     mutable basis::RWThreadMutex _lock;
+    // Calls inside the descriptor (HandleUse). Paired with _handle: a call marks its use, then
+    // reads the handle; close() forgets the handle, then waits for the uses to end.
+    mutable std::atomic<unsigned int> _users;
 
     // Created at library start-up; guards _NbSockets. A leaf lock: nothing is taken under it.
     static basis::ThreadMutex* _Mutex;

@@ -98,7 +98,7 @@ private:
     friend class VEL_TCPAcceptor;
     friend class VEL_TCPConnector;
 
-    VELErr_t pollReadable();
+    VELErr_t pollReadable(int fd);
     VELErr_t transferFailed(int err, VELErr_t code) const;
     VELErr_t recvTimedOut(std::size_t expected, std::size_t received, const char* data,
                           const VELIoVec* filled, unsigned long filledCount) const;

@@ -72,7 +72,7 @@ public:
 private:
     VELErr_t checkSend(const VEL_SockAddr* to) const;
     VELErr_t checkRecv() const;
-    ssize_t receiveOne(char* buf, std::size_t len, VEL_SockAddr* from, int* err) const;
+    ssize_t receiveOne(int fd, char* buf, std::size_t len, VEL_SockAddr* from, int* err) const;
     VELErr_t failed(int err, VELErr_t code, const VEL_SockAddr* peer) const;
 };
 

@@ -23,8 +23,9 @@ constexpr unsigned long kFileDescLimit = 2048;
 
 // Copies `text` into a caller's host-name buffer, always terminated.
 void copyHostName(const char* text, char* out) {
-    std::strncpy(out, text, VEL_ComTools::kHostNameSize - 1);
-    out[VEL_ComTools::kHostNameSize - 1] = '\0';
+    const std::size_t length = ::strnlen(text, VEL_ComTools::kHostNameSize - 1);
+    std::memcpy(out, text, length);
+    out[length] = '\0';
 }
 
 }  // namespace

@@ -72,7 +72,8 @@ VEL_Socket::VEL_Socket(const VEL_SockAddr& local)
       _closed(false),
       _closing(false),
       _localAddr(local),
-      _remoteAddr() {}
+      _remoteAddr(),
+      _users(0) {}
 
 VEL_Socket::~VEL_Socket() {
     (void)VEL_Socket::close();  // nobody is left to report a failure to
@@ -91,14 +92,17 @@ VELErr_t VEL_Socket::close() {
     if (handle != kVEL_NoHandle) {
         const int fd = static_cast<int>(handle);
         setClosing(true);
-        // Closing alone would not wake a thread blocked in recv or accept on this descriptor;
-        // shutting down does. With linger on (time 0) the close must reset the connection, which
-        // a shutdown would turn into an orderly end. Failures (not connected) do not matter here.
-        if (_options.getLinger() != 1) {
-            (void)::shutdown(fd, SHUT_RDWR);
-        }
-        // Forget the number before releasing it: the system may hand it out again at once.
+        // Forget the number first: a call that starts from now on finds no descriptor.
         _handle.store(kVEL_NoHandle);
+        // Closing alone would not wake a thread blocked on this descriptor; a shutdown does. With
+        // linger on (time 0) the close must reset the connection, which a shutdown of the sending
+        // side would turn into an orderly end. Failures (not connected) do not matter here.
+        (void)::shutdown(fd, _options.getLinger() == 1 ? SHUT_RD : SHUT_RDWR);
+        // The system may hand the number out again at once: only release it when no call of
+        // another thread is still inside the descriptor.
+        while (_users.load() != 0) {
+            basis::Thread::YieldControl();
+        }
         if (::close(fd) != 0) {
             const int err = errno;
             basis::Thread::SetLastSystemErr(err);
@@ -146,9 +150,10 @@ VELErr_t VEL_Socket::waitForWrite(const basis::TimeValue* limit) {
 }
 
 VELErr_t VEL_Socket::waitFor(short events, const basis::TimeValue* limit) {
+    const HandleUse use(*this);
+    const int handle = use.fd();
     short revents = 0;
     int err = 0;
-    const int handle = static_cast<int>(getHandle());
     int ready = -1;
     if (handle < 0) {
         err = EBADF;  // poll() would ignore a negative descriptor and wait for nothing

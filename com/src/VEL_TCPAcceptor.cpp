@@ -72,6 +72,7 @@ VELErr_t VEL_TCPAcceptor::open() {
 }
 
 VELErr_t VEL_TCPAcceptor::accept(VEL_Socket*& out) {
+    const HandleUse use(*this);
     velcom::traceComInfo([&] {
         return "Accepting a connection for the TCP acceptor " + velcom::fdText(getHandle()) +
                " ; " + kListening + velcom::toText(getLocalAddr());
@@ -88,7 +89,7 @@ VELErr_t VEL_TCPAcceptor::accept(VEL_Socket*& out) {
     int err = 0;
     do {
         length = sizeof(peer);
-        fd = ::accept(static_cast<int>(getHandle()), reinterpret_cast<sockaddr*>(&peer), &length);
+        fd = ::accept(use.fd(), reinterpret_cast<sockaddr*>(&peer), &length);
     } while (fd < 0 && (err = errno) == EINTR);
     if (fd < 0) {
         basis::Thread::SetLastSystemErr(err);

@@ -62,6 +62,7 @@ VELErr_t VEL_TCPSocket::transferFailed(int err, VELErr_t code) const {
 }
 
 VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok || len == 0) {
         return code;
@@ -70,7 +71,7 @@ VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     while (len > 0) {
         const ssize_t sent = ::send(fd, buf, len, MSG_NOSIGNAL);
         if (sent > 0) {
@@ -87,12 +88,12 @@ VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
 }
 
 VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok || len == 0) {
         return code;
     }
-    const unsigned int handle = getHandle();
-    const int fd = static_cast<int>(handle);
+    const int fd = use.fd();
     unsigned int received = 0;
     while (received < len) {
         const ssize_t got = ::recv(fd, buf + received, len - received, 0);
@@ -107,7 +108,7 @@ VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
         if (err == EINTR) {
             // Another thread closing this socket may have interrupted the call; the descriptor
             // number must not be used again then.
-            if (isClosing() || getHandle() != handle) {
+            if (isClosing() || use.fd() != fd) {
                 return kVELErr_SockHalfClosed;
             }
             continue;
@@ -148,6 +149,7 @@ VELErr_t VEL_TCPSocket::writev(VELIoVec* v, unsigned long n) {
     if (n < 2) {
         return send(v[0].iov_base, v[0].iov_len);
     }
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     VELIoVec* current = v;
     unsigned long left = n;
@@ -159,7 +161,7 @@ VELErr_t VEL_TCPSocket::writev(VELIoVec* v, unsigned long n) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     velcom::IoVecArray staged(left);
     while (left > 0) {
         msghdr message{};
@@ -183,6 +185,7 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
     if (n < 2) {
         return recv(v[0].iov_base, v[0].iov_len);
     }
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     VELIoVec* current = v;
     unsigned long left = n;
@@ -190,7 +193,7 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
     if (code != kVELErr_Ok || left == 0) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     const std::size_t expected = velcom::totalLength(v, n);
     std::size_t received = 0;
     // The element being filled, as it was when filling it began.
@@ -226,11 +229,12 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
 }
 
 VELErr_t VEL_TCPSocket::sendAvail(const char* buf, unsigned int* len) {
+    const HandleUse use(*this);
     const VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok || *len == 0) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     for (;;) {
         const ssize_t sent = ::send(fd, buf, *len, MSG_NOSIGNAL);
         if (sent >= 0) {
@@ -251,11 +255,12 @@ VELErr_t VEL_TCPSocket::sendAvail(const char* buf, unsigned int* len) {
 }
 
 VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok || *len == 0) {
         return code;
     }
-    code = pollReadable();
+    code = pollReadable(use.fd());
     if (code != kVELErr_Ok) {
         if (code == kVELErr_Timeout) {
             *len = 0;
@@ -263,7 +268,7 @@ VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
         }
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     for (;;) {
         const ssize_t got = ::recv(fd, buf, *len, 0);
         if (got > 0) {
@@ -293,6 +298,7 @@ VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
 }
 
 VELErr_t VEL_TCPSocket::writevAvail(VELIoVec*& v, unsigned long& n) {
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok) {
         return code;
@@ -305,7 +311,7 @@ VELErr_t VEL_TCPSocket::writevAvail(VELIoVec*& v, unsigned long& n) {
     msghdr message{};
     message.msg_iov = staged.fill(v, n);
     message.msg_iovlen = staged.size();
-    const ssize_t sent = ::sendmsg(static_cast<int>(getHandle()), &message, MSG_NOSIGNAL);
+    const ssize_t sent = ::sendmsg(use.fd(), &message, MSG_NOSIGNAL);
     if (sent >= 0) {
         velcom::advance(v, n, static_cast<std::size_t>(sent));
         return n == 0 ? kVELErr_Ok : kVELErr_Incomplete;
@@ -334,6 +340,7 @@ VELErr_t VEL_TCPSocket::writevAvail(VELIoVec*& v, unsigned long& n) {
 }
 
 VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
+    const HandleUse use(*this);
     VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok) {
         return code;
@@ -342,7 +349,7 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
     if (n == 0) {
         return kVELErr_Ok;
     }
-    code = pollReadable();
+    code = pollReadable(use.fd());
     if (code != kVELErr_Ok) {
         return code == kVELErr_Timeout ? kVELErr_Incomplete : code;
     }
@@ -350,7 +357,7 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
     msghdr message{};
     message.msg_iov = staged.fill(v, n);
     message.msg_iovlen = staged.size();
-    const ssize_t got = ::recvmsg(static_cast<int>(getHandle()), &message, 0);
+    const ssize_t got = ::recvmsg(use.fd(), &message, 0);
     if (got > 0) {
         velcom::advance(v, n, static_cast<std::size_t>(got));
         return n == 0 ? kVELErr_Ok : kVELErr_Incomplete;
@@ -370,17 +377,17 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
 }
 
 VELErr_t VEL_TCPSocket::hasRecv() {
+    const HandleUse use(*this);
     const VELErr_t code = checkTransfer();
-    return code != kVELErr_Ok ? code : pollReadable();
+    return code != kVELErr_Ok ? code : pollReadable(use.fd());
 }
 
 // One poll without waiting. A readable descriptor (input, end of stream, or a pending error that
 // the next receive reports) gives Ok.
-VELErr_t VEL_TCPSocket::pollReadable() {
+VELErr_t VEL_TCPSocket::pollReadable(int fd) {
     short revents = 0;
     int err = 0;
-    const int ready = velcom::pollOne(static_cast<int>(getHandle()), POLLIN,
-                                      &basis::TimeValue::kZero, &revents, &err);
+    const int ready = velcom::pollOne(fd, POLLIN, &basis::TimeValue::kZero, &revents, &err);
     if (ready > 0) {
         return kVELErr_Ok;
     }

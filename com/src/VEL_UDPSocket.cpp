@@ -104,6 +104,7 @@ VELErr_t VEL_UDPSocket::checkRecv() const {
 }
 
 VELErr_t VEL_UDPSocket::sendTo(const char* buf, unsigned int len, const VEL_SockAddr* to) {
+    const HandleUse use(*this);
     VELErr_t code = checkSend(to);
     if (code != kVELErr_Ok || len == 0) {
         return code;
@@ -112,7 +113,7 @@ VELErr_t VEL_UDPSocket::sendTo(const char* buf, unsigned int len, const VEL_Sock
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     const bool connected = isConnected();
     while (len > 0) {
         const ssize_t sent =
@@ -135,6 +136,7 @@ VELErr_t VEL_UDPSocket::writevTo(VELIoVec* v, unsigned long n, const VEL_SockAdd
     if (n < 2) {
         return sendTo(v[0].iov_base, v[0].iov_len, to);
     }
+    const HandleUse use(*this);
     VELErr_t code = checkSend(to);
     VELIoVec* current = v;
     unsigned long left = n;
@@ -146,7 +148,7 @@ VELErr_t VEL_UDPSocket::writevTo(VELIoVec* v, unsigned long n, const VEL_SockAdd
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     velcom::IoVecArray staged(left);
     msghdr message{};
     if (!isConnected()) {
@@ -171,8 +173,8 @@ VELErr_t VEL_UDPSocket::writevTo(VELIoVec* v, unsigned long n, const VEL_SockAdd
 
 // One receive, retried when interrupted: the datagram's whole length (MSG_TRUNC makes Linux
 // report it even when the buffer was shorter), or -1 with *err set. `from` gets the sender.
-ssize_t VEL_UDPSocket::receiveOne(char* buf, std::size_t len, VEL_SockAddr* from, int* err) const {
-    const int fd = static_cast<int>(getHandle());
+ssize_t VEL_UDPSocket::receiveOne(int fd, char* buf, std::size_t len, VEL_SockAddr* from,
+                                  int* err) const {
     for (;;) {
         sockaddr_in sender{};
         socklen_t length = sizeof(sender);
@@ -192,6 +194,7 @@ ssize_t VEL_UDPSocket::receiveOne(char* buf, std::size_t len, VEL_SockAddr* from
 }
 
 VELErr_t VEL_UDPSocket::recvFrom(char* buf, unsigned int len, VEL_SockAddr* from) {
+    const HandleUse use(*this);
     const VELErr_t code = checkRecv();
     if (code != kVELErr_Ok || len == 0) {
         return code;
@@ -199,7 +202,7 @@ VELErr_t VEL_UDPSocket::recvFrom(char* buf, unsigned int len, VEL_SockAddr* from
     unsigned int received = 0;
     while (received < len) {
         int err = 0;
-        const ssize_t got = receiveOne(buf + received, len - received, from, &err);
+        const ssize_t got = receiveOne(use.fd(), buf + received, len - received, from, &err);
         if (got < 0) {
             return failed(err, velcom::mapRecvError(err, velcom::RecvOp::kRecvFrom), from);
         }
@@ -216,12 +219,13 @@ VELErr_t VEL_UDPSocket::recvFrom(char* buf, unsigned int len, VEL_SockAddr* from
 }
 
 VELErr_t VEL_UDPSocket::recvAvailFrom(char* buf, unsigned int* len, VEL_SockAddr* from) {
+    const HandleUse use(*this);
     const VELErr_t code = checkRecv();
     if (code != kVELErr_Ok || *len == 0) {
         return code;
     }
     int err = 0;
-    const ssize_t got = receiveOne(buf, *len, from, &err);
+    const ssize_t got = receiveOne(use.fd(), buf, *len, from, &err);
     if (got < 0) {
         return failed(err, velcom::mapRecvError(err, velcom::RecvOp::kRecvAvailFrom), from);
     }
@@ -241,6 +245,7 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
     if (n < 2) {
         return recvFrom(v[0].iov_base, v[0].iov_len, from);
     }
+    const HandleUse use(*this);
     const VELErr_t code = checkRecv();
     VELIoVec* current = v;
     unsigned long left = n;
@@ -248,7 +253,7 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
     if (code != kVELErr_Ok || left == 0) {
         return code;
     }
-    const int fd = static_cast<int>(getHandle());
+    const int fd = use.fd();
     VELIoVec startedAs = *current;  // the element being filled, as it was when filling began
     velcom::IoVecArray staged(left);
     while (left > 0) {
