@@ -167,10 +167,15 @@ protected:
     // Reads the bound address back into the local address. kVELErr_GetSockName, errno stored;
     // not traced.
     VELErr_t readLocalAddr();
-    // The checks every stream transfer starts with: kVELErr_SockNotConnected without a
-    // descriptor or connection, kVELErr_SockHalfClosed once closed; traced with the remote
-    // address.
+    // The checks every transfer starts with: `notReady` when `ready` is false, otherwise
+    // kVELErr_SockHalfClosed once closed; failures traced with the remote address.
+    VELErr_t checkUse(bool ready, VELErr_t notReady) const;
+    // checkUse for stream transfers: kVELErr_SockNotConnected without a descriptor or connection.
     VELErr_t checkTransfer() const;
+    // Creates the descriptor (socket(AF_INET, type, 0)) and takes it over. On failure the error
+    // is stored, the socket closed and kVELErr_SocketCreate traced with `label` and the local
+    // address.
+    VELErr_t createHandle(int type, const char* label);
     bool isClosed() const { return _closed.load(); }
     // Without native time-outs a blocking send could hang on a full buffer for ever: waits for
     // room, at most the send time-out. Ok at once with native time-outs on; otherwise the code

@@ -472,17 +472,28 @@ std::string VEL_Socket::remoteText() const {
     return "Remote address : " + velcom::toText(_remoteAddr);
 }
 
-VELErr_t VEL_Socket::checkTransfer() const {
-    VELErr_t code = kVELErr_Ok;
-    if (!isValid() || !_connected.load()) {
-        code = kVELErr_SockNotConnected;
-    } else if (_closed.load()) {
-        code = kVELErr_SockHalfClosed;
-    } else {
-        return kVELErr_Ok;
+VELErr_t VEL_Socket::checkUse(bool ready, VELErr_t notReady) const {
+    const VELErr_t code =
+            !ready ? notReady : (_closed.load() ? kVELErr_SockHalfClosed : kVELErr_Ok);
+    if (code != kVELErr_Ok) {
+        velcom::traceComError(code, [&] { return remoteText(); });
     }
-    velcom::traceComError(code, [&] { return remoteText(); });
     return code;
+}
+
+VELErr_t VEL_Socket::checkTransfer() const {
+    return checkUse(isValid() && _connected.load(), kVELErr_SockNotConnected);
+}
+
+VELErr_t VEL_Socket::createHandle(int type, const char* label) {
+    velcom::ScopedFd fd(::socket(AF_INET, type, 0));
+    if (!fd.valid()) {
+        const int err = errno;
+        basis::Thread::SetLastSystemErr(err);
+        return abortOpen(kVELErr_SocketCreate, label, _localAddr);
+    }
+    takeHandle(fd.release());
+    return kVELErr_Ok;
 }
 
 VELErr_t VEL_Socket::resetInheritedOptions(const VEL_SockOptions& inherited) {

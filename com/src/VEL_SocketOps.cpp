@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <new>
 #include <sstream>
 
+#include "Thread.h"
 #include "VEL_SockAddr.h"
 #include "VEL_StaticInit.h"
 
@@ -120,6 +122,33 @@ VELErr_t mapAcceptError(int err) {
         default:
             return kVELErr_Accept;
     }
+}
+
+VELErr_t endOfStream() {
+    basis::Thread::SetLastSystemErr(0);
+    return kVELErr_SockHalfClosed;
+}
+
+int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to) {
+    IoVecArray staged(n);
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr_in*>(to);
+    message.msg_namelen = to != nullptr ? sizeof(*to) : 0;
+    while (n > 0) {
+        message.msg_iov = staged.fill(v, n);
+        message.msg_iovlen = staged.size();
+        // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
+        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
+        if (sent > 0) {
+            advance(v, n, static_cast<std::size_t>(sent));
+            continue;
+        }
+        const int err = sent == 0 ? EAGAIN : errno;  // nothing taken counts as would-block
+        if (err != EINTR) {
+            return err;
+        }
+    }
+    return 0;
 }
 
 int pollOne(int fd, short events, const basis::TimeValue* limit, short* revents, int* err) {

@@ -15,6 +15,7 @@
 #ifndef COM_SRC_VEL_SOCKETOPS_H
 #define COM_SRC_VEL_SOCKETOPS_H
 
+#include <netinet/in.h>
 #include <sys/uio.h>
 
 #include <cstddef>
@@ -69,6 +70,15 @@ VELErr_t mapConnectError(int err);
 // Status for a failed accept: kVELErr_Interrupted for EINTR (retried by the caller),
 // kVELErr_Accept for anything else.
 VELErr_t mapAcceptError(int err);
+
+// The end of a stream (or an empty datagram): clears the thread's last system error, since no
+// system call failed, and gives kVELErr_SockHalfClosed.
+VELErr_t endOfStream();
+
+// Sends the elements with sendmsg until all are gone, retrying EINTR and advancing `v` and `n`
+// in place. `to` is the destination of a datagram (null: the connected peer). No SIGPIPE.
+// Returns 0, or the errno of the failure (EAGAIN for a send that took nothing).
+int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to);
 
 // Waits until `fd` reports one of `events` or `limit` has passed (null: no limit), retrying
 // EINTR with the time that remains. Returns 1 with *revents set when the descriptor is ready,

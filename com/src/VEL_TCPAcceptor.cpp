@@ -39,13 +39,9 @@ VELErr_t VEL_TCPAcceptor::open() {
     if (isValid()) {
         return kVELErr_Ok;
     }
-    velcom::ScopedFd fd(::socket(AF_INET, SOCK_STREAM, 0));
-    if (!fd.valid()) {
-        const int err = errno;
-        basis::Thread::SetLastSystemErr(err);
-        return abortOpen(kVELErr_SocketCreate, kListening, getLocalAddr());
+    if (createHandle(SOCK_STREAM, kListening) != kVELErr_Ok) {
+        return kVELErr_SocketCreate;
     }
-    takeHandle(fd.release());
     VELErr_t code = setCommonOptions();
     if (code == kVELErr_Ok) {
         code = VEL_Socket::setOptions(getListenOptions());

@@ -16,12 +16,6 @@ namespace {
 
 const VEL_StaticInit kStaticInit;
 
-// The end of the stream: no system error is pending.
-VELErr_t peerClosed() {
-    basis::Thread::SetLastSystemErr(0);
-    return kVELErr_SockHalfClosed;
-}
-
 }  // namespace
 
 VEL_TCPSocket::VEL_TCPSocket(unsigned short port, const char* host)
@@ -33,13 +27,9 @@ VELErr_t VEL_TCPSocket::open() {
     if (isValid()) {
         return kVELErr_Ok;
     }
-    velcom::ScopedFd fd(::socket(AF_INET, SOCK_STREAM, 0));
-    if (!fd.valid()) {
-        const int err = errno;
-        basis::Thread::SetLastSystemErr(err);
-        return abortOpen(kVELErr_SocketCreate, "Local address : ", getLocalAddr());
+    if (createHandle(SOCK_STREAM, "Local address : ") != kVELErr_Ok) {
+        return kVELErr_SocketCreate;
     }
-    takeHandle(fd.release());
     if (getLocalAddr().isSet()) {
         if (bindLocalAddr() != kVELErr_Ok) {
             return abortOpen(kVELErr_Bind, "Local address : ", getLocalAddr());
@@ -102,7 +92,7 @@ VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
             continue;
         }
         if (got == 0) {
-            return peerClosed();
+            return velcom::endOfStream();
         }
         const int err = errno;
         if (err == EINTR) {
@@ -161,22 +151,9 @@ VELErr_t VEL_TCPSocket::writev(VELIoVec* v, unsigned long n) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = use.fd();
-    velcom::IoVecArray staged(left);
-    while (left > 0) {
-        msghdr message{};
-        message.msg_iov = staged.fill(current, left);
-        message.msg_iovlen = staged.size();
-        // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
-        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
-        if (sent > 0) {
-            velcom::advance(current, left, static_cast<std::size_t>(sent));
-            continue;
-        }
-        const int err = sent == 0 ? EAGAIN : errno;
-        if (err != EINTR) {
-            return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kWritev));
-        }
+    const int err = velcom::sendAll(use.fd(), current, left, nullptr);
+    if (err != 0) {
+        return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kWritev));
     }
     return kVELErr_Ok;
 }
@@ -210,7 +187,7 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
             continue;
         }
         if (got == 0) {
-            return peerClosed();
+            return velcom::endOfStream();
         }
         const int err = errno;
         if (err == EINTR) {
@@ -279,7 +256,7 @@ VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
             return kVELErr_Ok;
         }
         if (got == 0) {
-            return peerClosed();
+            return velcom::endOfStream();
         }
         const int err = errno;
         if (err == EINTR) {
@@ -363,7 +340,7 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
         return n == 0 ? kVELErr_Ok : kVELErr_Incomplete;
     }
     if (got == 0) {
-        return peerClosed();
+        return velcom::endOfStream();
     }
     const int err = errno;
     code = velcom::mapRecvError(err, velcom::RecvOp::kReadvAvail);

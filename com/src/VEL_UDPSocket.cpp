@@ -15,12 +15,6 @@ const VEL_StaticInit kStaticInit;
 
 constexpr const char* kLocal = "Local address : ";
 
-// An empty datagram reads like the end of a stream: no system error is pending.
-VELErr_t emptyDatagram() {
-    basis::Thread::SetLastSystemErr(0);
-    return kVELErr_SockHalfClosed;
-}
-
 }  // namespace
 
 VEL_UDPSocket::VEL_UDPSocket(unsigned short port, const char* host)
@@ -38,13 +32,9 @@ VELErr_t VEL_UDPSocket::open() {
     if (isValid()) {
         return kVELErr_Ok;
     }
-    velcom::ScopedFd fd(::socket(AF_INET, SOCK_DGRAM, 0));
-    if (!fd.valid()) {
-        const int err = errno;
-        basis::Thread::SetLastSystemErr(err);
-        return abortOpen(kVELErr_SocketCreate, kLocal, getLocalAddr());
+    if (createHandle(SOCK_DGRAM, kLocal) != kVELErr_Ok) {
+        return kVELErr_SocketCreate;
     }
-    takeHandle(fd.release());
     if (bindLocalAddr() != kVELErr_Ok) {
         return abortOpen(kVELErr_Bind, kLocal, getLocalAddr());
     }
@@ -78,29 +68,11 @@ VELErr_t VEL_UDPSocket::failed(int err, VELErr_t code, const VEL_SockAddr* peer)
 }
 
 VELErr_t VEL_UDPSocket::checkSend(const VEL_SockAddr* to) const {
-    VELErr_t code = kVELErr_Ok;
-    if (!isValid() || (to == nullptr && !isConnected())) {
-        code = kVELErr_SockNotConnected;
-    } else if (isClosed()) {
-        code = kVELErr_SockHalfClosed;
-    } else {
-        return kVELErr_Ok;
-    }
-    velcom::traceComError(code, [&] { return remoteText(); });
-    return code;
+    return checkUse(isValid() && (to != nullptr || isConnected()), kVELErr_SockNotConnected);
 }
 
 VELErr_t VEL_UDPSocket::checkRecv() const {
-    VELErr_t code = kVELErr_Ok;
-    if (!isValid()) {
-        code = kVELErr_InvalidSocket;
-    } else if (isClosed()) {
-        code = kVELErr_SockHalfClosed;
-    } else {
-        return kVELErr_Ok;
-    }
-    velcom::traceComError(code, [&] { return remoteText(); });
-    return code;
+    return checkUse(isValid(), kVELErr_InvalidSocket);
 }
 
 VELErr_t VEL_UDPSocket::sendTo(const char* buf, unsigned int len, const VEL_SockAddr* to) {
@@ -148,25 +120,10 @@ VELErr_t VEL_UDPSocket::writevTo(VELIoVec* v, unsigned long n, const VEL_SockAdd
     if (code != kVELErr_Ok) {
         return code;
     }
-    const int fd = use.fd();
-    velcom::IoVecArray staged(left);
-    msghdr message{};
-    if (!isConnected()) {
-        message.msg_name = const_cast<sockaddr_in*>(static_cast<const sockaddr_in*>(*to));
-        message.msg_namelen = VEL_SockAddr::GetSize();
-    }
-    while (left > 0) {
-        message.msg_iov = staged.fill(current, left);
-        message.msg_iovlen = staged.size();
-        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
-        if (sent > 0) {
-            velcom::advance(current, left, static_cast<std::size_t>(sent));
-            continue;
-        }
-        const int err = sent == 0 ? EAGAIN : errno;
-        if (err != EINTR) {
-            return failed(err, velcom::mapSendError(err, velcom::SendOp::kSendTo), to);
-        }
+    const sockaddr_in* destination = isConnected() ? nullptr : static_cast<const sockaddr_in*>(*to);
+    const int err = velcom::sendAll(use.fd(), current, left, destination);
+    if (err != 0) {
+        return failed(err, velcom::mapSendError(err, velcom::SendOp::kSendTo), to);
     }
     return kVELErr_Ok;
 }
@@ -207,7 +164,7 @@ VELErr_t VEL_UDPSocket::recvFrom(char* buf, unsigned int len, VEL_SockAddr* from
             return failed(err, velcom::mapRecvError(err, velcom::RecvOp::kRecvFrom), from);
         }
         if (got == 0) {
-            return emptyDatagram();
+            return velcom::endOfStream();
         }
         if (static_cast<std::size_t>(got) > len - received) {
             return failed(EMSGSIZE, velcom::mapRecvError(EMSGSIZE, velcom::RecvOp::kRecvFrom),
@@ -230,7 +187,7 @@ VELErr_t VEL_UDPSocket::recvAvailFrom(char* buf, unsigned int* len, VEL_SockAddr
         return failed(err, velcom::mapRecvError(err, velcom::RecvOp::kRecvAvailFrom), from);
     }
     if (got == 0) {
-        return emptyDatagram();
+        return velcom::endOfStream();
     }
     if (static_cast<std::size_t>(got) > *len) {
         // Cut to the buffer: Ok with *len unchanged, the rest of the datagram is lost.
@@ -283,7 +240,7 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
                           from);
         }
         if (got == 0) {
-            return emptyDatagram();
+            return velcom::endOfStream();
         }
         velcom::advanceFilling(current, left, static_cast<std::size_t>(got), startedAs);
     }

@@ -50,20 +50,6 @@ public:
     VELErr_t open() override { return kVELErr_Ok; }
 };
 
-int intOption(int fd, int level, int name) {
-    int value = -1;
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
-    return value;
-}
-
-long long timeoutMicros(int fd, int name) {
-    timeval value{};
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, name, &value, &length), 0);
-    return value.tv_sec * 1000000LL + value.tv_usec;
-}
-
 class SocketTest : public veltest::SocketLeakTest {};
 
 TEST_F(SocketTest, FreshSocketRecordsDefaultsAndTheBaseRefusesTransfers) {
@@ -166,12 +152,12 @@ TEST_F(SocketTest, OptionsReachTheDescriptorAndRepeatingThemMakesNoCall) {
     options.setNonBlock(true);
     options.setTimeOut(3);
     ASSERT_EQ(probe.setOptions(options), kVELErr_Ok);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(veltest::IntOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(veltest::IntOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_GE(intOption(fd, SOL_SOCKET, SO_SNDBUF), 16384);
-    EXPECT_EQ(timeoutMicros(fd, SO_RCVTIMEO), 3000000);
-    EXPECT_EQ(timeoutMicros(fd, SO_SNDTIMEO), 3000000);
+    EXPECT_GE(veltest::IntOption(fd, SOL_SOCKET, SO_SNDBUF), 16384);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_RCVTIMEO), 3000000);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_SNDTIMEO), 3000000);
     EXPECT_TRUE(probe.isNoDelay() && probe.isKeepAlive() && probe.isFdCloExec() &&
                 probe.isNonBlock());
     EXPECT_EQ(probe.getSndBufSize(), 16384u);
@@ -198,23 +184,23 @@ TEST_F(SocketTest, NativeTimeOutOfZeroSecondsBecomesOneMillisecond) {
     options.setSendTimeOut(0);
     options.setRecvTimeOut(3);
     ASSERT_EQ(probe.setOptions(options), kVELErr_Ok);
-    const long long send = timeoutMicros(fd, SO_SNDTIMEO);
+    const long long send = veltest::TimeoutMicros(fd, SO_SNDTIMEO);
     EXPECT_GT(send, 0);  // 0 would mean "no limit"; the system rounds 1 ms to its tick
     EXPECT_LE(send, 20000);
-    EXPECT_EQ(timeoutMicros(fd, SO_RCVTIMEO), 3000000);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_RCVTIMEO), 3000000);
 
     VEL_SockOptions general;
     general.setTimeOut(5);  // fills the unspecified ones
     general.setRecvTimeOut(1);
     ASSERT_EQ(probe.setOptions(general), kVELErr_Ok);
-    EXPECT_EQ(timeoutMicros(fd, SO_SNDTIMEO), 5000000);
-    EXPECT_EQ(timeoutMicros(fd, SO_RCVTIMEO), 1000000);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_SNDTIMEO), 5000000);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_RCVTIMEO), 1000000);
 
     VEL_SockOptions off;
     off.setNonBlock(false);
     ASSERT_EQ(probe.setOptions(off), kVELErr_Ok);
-    EXPECT_EQ(timeoutMicros(fd, SO_SNDTIMEO), 0);
-    EXPECT_EQ(timeoutMicros(fd, SO_RCVTIMEO), 0);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_SNDTIMEO), 0);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_RCVTIMEO), 0);
     EXPECT_EQ(probe.getSendTimeOut(), 5);  // the values stay recorded
 }
 
@@ -228,8 +214,8 @@ TEST_F(SocketTest, BufferLargerThanTheSystemGrantsWarnsAndFails) {
     EXPECT_EQ(probe.setOptSndBufSize(huge), kVELErr_SndBuf);
     EXPECT_EQ(probe.getSndBufSize(), 0u);  // not recorded, whatever the warning says
     EXPECT_EQ(probe.setOptRcvBufSize(huge), kVELErr_RcvBuf);
-    const std::string granted =
-            std::to_string(intOption(static_cast<int>(probe.getHandle()), SOL_SOCKET, SO_SNDBUF));
+    const std::string granted = std::to_string(
+            veltest::IntOption(static_cast<int>(probe.getHandle()), SOL_SOCKET, SO_SNDBUF));
     EXPECT_TRUE(sink.contains("COM - Warning! Failed to set the TCP send buffer size for <FD = " +
                               fd + "> to 1073741824 bytes. The OS only gave " + granted +
                               " bytes; this is the value that will be used."));

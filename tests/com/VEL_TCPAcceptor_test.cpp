@@ -23,20 +23,6 @@ namespace {
 
 const std::string kBadHost = std::string(70, 'h') + ".invalid";
 
-int fdOf(const VEL_Socket& socket) {
-    return static_cast<int>(socket.getHandle());
-}
-
-veltest::RawFd rawConnect(unsigned short port) {
-    veltest::RawFd client(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    return client;
-}
-
 class TCPAcceptorTest : public veltest::SocketLeakTest {};
 
 TEST_F(TCPAcceptorTest, OpenOnPortZeroReportsThePortAndOpenTwiceKeepsTheHandle) {
@@ -50,7 +36,7 @@ TEST_F(TCPAcceptorTest, OpenOnPortZeroReportsThePortAndOpenTwiceKeepsTheHandle) 
     EXPECT_EQ(acceptor.getLocalAddr().getPort(), port);
     char byte = 0;
     EXPECT_EQ(acceptor.send(&byte, 1), kVELErr_InvalidAction);
-    veltest::RawFd client = rawConnect(port);  // it listens on that port
+    veltest::RawFd client = veltest::RawConnect(port);  // it listens on that port
     const basis::TimeValue limit(2, 0);
     EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
 }
@@ -74,7 +60,7 @@ TEST_F(TCPAcceptorTest, AcceptedSocketReportsBothEndsAndIsTheCallers) {
     VEL_TCPAcceptor acceptor(0, "127.0.0.1");
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
     const unsigned short port = acceptor.getLocalAddr().getPort();
-    veltest::RawFd client = rawConnect(port);
+    veltest::RawFd client = veltest::RawConnect(port);
     sockaddr_in clientAddress{};
     socklen_t length = sizeof(clientAddress);
     ASSERT_EQ(getsockname(client.get(), reinterpret_cast<sockaddr*>(&clientAddress), &length), 0);
@@ -143,7 +129,7 @@ TEST_F(TCPAcceptorTest, CloseFromAnotherThreadEndsABlockedAccept) {
                 veltest::WaitFor([&] { return done.load(); }, std::chrono::milliseconds(5000));
         veltest::RawFd rescue;
         if (!ended) {
-            rescue = rawConnect(port);  // lets the thread out so that it can be joined
+            rescue = veltest::RawConnect(port);  // lets the thread out so that it can be joined
         }
         waiter.join();
         delete out;
@@ -155,20 +141,6 @@ TEST_F(TCPAcceptorTest, CloseFromAnotherThreadEndsABlockedAccept) {
     EXPECT_TRUE(released);
 }
 
-int intOption(int fd, int level, int name) {
-    int value = -1;
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
-    return value;
-}
-
-long long timeoutMicros(int fd, int name) {
-    timeval value{};
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, name, &value, &length), 0);
-    return value.tv_sec * 1000000LL + value.tv_usec;
-}
-
 TEST_F(TCPAcceptorTest, ListeningOptionsDoNotReachAcceptedSockets) {
     VEL_SockOptions options;
     options.setNoDelay(true);
@@ -178,24 +150,24 @@ TEST_F(TCPAcceptorTest, ListeningOptionsDoNotReachAcceptedSockets) {
     options.setSndBufSize(32768);
     VEL_TCPAcceptor acceptor(0, "127.0.0.1", options);
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
-    EXPECT_EQ(intOption(fdOf(acceptor), IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(veltest::IntOption(veltest::Fd(acceptor), IPPROTO_TCP, TCP_NODELAY), 1);
     EXPECT_TRUE(acceptor.isNoDelay());
-    veltest::RawFd client = rawConnect(acceptor.getLocalAddr().getPort());
+    veltest::RawFd client = veltest::RawConnect(acceptor.getLocalAddr().getPort());
     VEL_Socket* out = nullptr;
     ASSERT_EQ(acceptor.accept(out), kVELErr_Ok);
     std::unique_ptr<VEL_Socket> accepted(out);
-    const int fd = fdOf(*accepted);
+    const int fd = veltest::Fd(*accepted);
     EXPECT_FALSE(accepted->isNoDelay());
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0);
+    EXPECT_EQ(veltest::IntOption(fd, IPPROTO_TCP, TCP_NODELAY), 0);
     EXPECT_FALSE(accepted->isKeepAlive());
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_EQ(veltest::IntOption(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
     EXPECT_FALSE(accepted->isNonBlock());
-    EXPECT_EQ(timeoutMicros(fd, SO_SNDTIMEO), 0);
-    EXPECT_EQ(timeoutMicros(fd, SO_RCVTIMEO), 0);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_SNDTIMEO), 0);
+    EXPECT_EQ(veltest::TimeoutMicros(fd, SO_RCVTIMEO), 0);
     EXPECT_EQ(accepted->getSendTimeOut(), 2);
     // The system keeps the listener's buffer size; the socket records it.
     EXPECT_EQ(accepted->getSndBufSize(), 32768u);
-    EXPECT_GE(intOption(fd, SOL_SOCKET, SO_SNDBUF), 32768);
+    EXPECT_GE(veltest::IntOption(fd, SOL_SOCKET, SO_SNDBUF), 32768);
 }
 
 }  // namespace

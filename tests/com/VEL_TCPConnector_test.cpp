@@ -25,14 +25,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-int fdOf(const VEL_Socket& socket) {
-    return static_cast<int>(socket.getHandle());
-}
-
-bool isDescriptorNonBlocking(const VEL_Socket& socket) {
-    return (fcntl(fdOf(socket), F_GETFL) & O_NONBLOCK) != 0;
-}
-
 std::string printed(unsigned short port) {
     return "<host = 127.0.0.1, port = " + std::to_string(port) + ">";
 }
@@ -69,16 +61,16 @@ TEST_F(TCPConnectorTest, ConnectGivesABlockingConnectedSocketWithItsOptions) {
     ASSERT_EQ(connector.connect(socket), kVELErr_Ok);
     std::unique_ptr<VEL_Socket> client(socket);
     EXPECT_TRUE(client->isConnected());
-    EXPECT_FALSE(isDescriptorNonBlocking(*client));
+    EXPECT_FALSE(veltest::IsNonBlocking(veltest::Fd(*client)));
     EXPECT_EQ(client->getRemoteAddr().getPort(), port);
     EXPECT_TRUE(client->isNoDelay());
     int noDelay = 0;
     socklen_t length = sizeof(noDelay);
-    getsockopt(fdOf(*client), IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
+    getsockopt(veltest::Fd(*client), IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
     EXPECT_EQ(noDelay, 1);
     timeval receive{};
     length = sizeof(receive);
-    getsockopt(fdOf(*client), SOL_SOCKET, SO_RCVTIMEO, &receive, &length);
+    getsockopt(veltest::Fd(*client), SOL_SOCKET, SO_RCVTIMEO, &receive, &length);
     EXPECT_EQ(receive.tv_sec, 1);
     EXPECT_TRUE(sink.contains(
             "COM - Connecting a TCP socket <FD = " + std::to_string(client->getHandle()) +
@@ -145,7 +137,7 @@ TEST_F(TCPConnectorTest, AsyncConnectToASilentPeerIsInProgress) {
     std::unique_ptr<VEL_TCPSocket> pending(socket);
     ASSERT_NE(socket, nullptr);
     EXPECT_EQ(socket->getRemoteAddr().getPort(), silent.port());
-    EXPECT_TRUE(isDescriptorNonBlocking(*socket));
+    EXPECT_TRUE(veltest::IsNonBlocking(veltest::Fd(*socket)));
     EXPECT_FALSE(socket->isConnected());
     EXPECT_EQ(socket->waitForWrite(&basis::TimeValue::kZero), kVELErr_Timeout);
 }
@@ -168,10 +160,10 @@ TEST_F(TCPConnectorTest, AsyncConnectThenFinishGivesAWorkingBlockingSocket) {
         ASSERT_EQ(connector.finishAsyncConnect(socket), kVELErr_Ok);
     }
     EXPECT_TRUE(socket->isConnected());
-    EXPECT_FALSE(isDescriptorNonBlocking(*socket));
+    EXPECT_FALSE(veltest::IsNonBlocking(veltest::Fd(*socket)));
     timeval receive{};
     socklen_t length = sizeof(receive);
-    getsockopt(fdOf(*socket), SOL_SOCKET, SO_RCVTIMEO, &receive, &length);
+    getsockopt(veltest::Fd(*socket), SOL_SOCKET, SO_RCVTIMEO, &receive, &length);
     EXPECT_EQ(receive.tv_sec, 1);
     expectTalks(acceptor, *socket);
 }

@@ -26,10 +26,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-int fdOf(const VEL_Socket& socket) {
-    return static_cast<int>(socket.getHandle());
-}
-
 void setDescriptorNonBlocking(int fd, bool on) {
     const int flags = fcntl(fd, F_GETFL);
     ASSERT_GE(flags, 0);
@@ -71,7 +67,7 @@ TEST_F(TCPSocketTest, OpenOnPortZeroReportsTheChosenPortAndOpenTwiceKeepsIt) {
     const unsigned int handle = socket.getHandle();
     sockaddr_in bound{};
     socklen_t length = sizeof(bound);
-    ASSERT_EQ(getsockname(fdOf(socket), reinterpret_cast<sockaddr*>(&bound), &length), 0);
+    ASSERT_EQ(getsockname(veltest::Fd(socket), reinterpret_cast<sockaddr*>(&bound), &length), 0);
     EXPECT_NE(socket.getLocalAddr().getPort(), 0);
     EXPECT_EQ(socket.getLocalAddr().getPort(), ntohs(bound.sin_port));
     EXPECT_EQ(socket.open(), kVELErr_Ok);
@@ -242,7 +238,7 @@ TEST_F(TCPSocketTest, SendWaitsForRoomAtMostTheSendTimeOut) {
     options.setSendTimeOut(1);  // native time-outs stay off: the wait comes from send itself
     veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
     ASSERT_TRUE(link.socket);
-    ASSERT_GT(fillConnection(fdOf(*link.socket)), 0u);
+    ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
     veltest::RecordingSink sink(kVELTrace_ComError);
     veltest::ScopedSink installed(&sink);
     const auto start = steady_clock::now();
@@ -265,7 +261,7 @@ TEST_F(TCPSocketTest, SendAvailReportsNothingSentWhenTheBufferIsFull) {
         veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
         ASSERT_TRUE(link.socket);
         if (round == 0) {
-            setDescriptorNonBlocking(fdOf(*link.socket), true);
+            setDescriptorNonBlocking(veltest::Fd(*link.socket), true);
         }
         const std::string chunk = veltest::Pattern(65536, 3);
         std::size_t taken = 0;
@@ -295,13 +291,13 @@ TEST_F(TCPSocketTest, RecvAvailReportsWhatWasWaiting) {
     EXPECT_EQ(link.socket->recvAvail(buf, &len), kVELErr_Incomplete);
     EXPECT_EQ(len, 0u);
     ASSERT_TRUE(veltest::WriteAll(link.peer.get(), "wxyz"));
-    ASSERT_TRUE(veltest::WaitForPending(fdOf(*link.socket), 4));
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*link.socket), 4));
     len = 10;
     EXPECT_EQ(link.socket->recvAvail(buf, &len), kVELErr_Incomplete);
     EXPECT_EQ(len, 4u);
     EXPECT_EQ(std::string(buf, 4), "wxyz");
     ASSERT_TRUE(veltest::WriteAll(link.peer.get(), "0123456789AB"));
-    ASSERT_TRUE(veltest::WaitForPending(fdOf(*link.socket), 12));
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*link.socket), 12));
     len = 10;
     EXPECT_EQ(link.socket->recvAvail(buf, &len), kVELErr_Ok);
     EXPECT_EQ(len, 10u);
@@ -314,7 +310,7 @@ TEST_F(TCPSocketTest, RecvAvailReportsWhatWasWaiting) {
 TEST_F(TCPSocketTest, WritevAvailAdvancesTheCallersArrayAndKeepsDataOnWouldBlock) {
     veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer();
     ASSERT_TRUE(link.socket);
-    setDescriptorNonBlocking(fdOf(*link.socket), true);  // the way a reactor drives it
+    setDescriptorNonBlocking(veltest::Fd(*link.socket), true);  // the way a reactor drives it
     std::string out = veltest::Pattern(8 << 20, 4);
     std::vector<std::uint32_t> lengths(8, 1 << 20);
     lengths.insert(lengths.begin() + 3, 0);
@@ -355,7 +351,7 @@ TEST_F(TCPSocketTest, WritevAvailTimeOutDropsTheRest) {
     options.setSendTimeOut(0);
     veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
     ASSERT_TRUE(link.socket);
-    ASSERT_GT(fillConnection(fdOf(*link.socket)), 0u);
+    ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
     std::string out = "0123456789";
     std::vector<VELIoVec> elements = cut(out, {4, 6});
     VELIoVec* v = elements.data();
@@ -370,8 +366,8 @@ TEST_F(TCPSocketTest, WritevAvailTimeOutDropsTheRest) {
 TEST_F(TCPSocketTest, WritevAvailWouldBlockKeepsTheArray) {
     veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer();
     ASSERT_TRUE(link.socket);
-    ASSERT_GT(fillConnection(fdOf(*link.socket)), 0u);
-    setDescriptorNonBlocking(fdOf(*link.socket), true);
+    ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
+    setDescriptorNonBlocking(veltest::Fd(*link.socket), true);
     std::string out = "0123456789";
     std::vector<VELIoVec> elements = cut(out, {4, 6});
     VELIoVec* v = elements.data();
@@ -394,14 +390,14 @@ TEST_F(TCPSocketTest, ReadvAvailFillsWhatIsWaitingAndAdvancesTheArray) {
     EXPECT_EQ(v, elements.data());
     EXPECT_EQ(n, 3u);
     ASSERT_TRUE(veltest::WriteAll(link.peer.get(), "abcde"));
-    ASSERT_TRUE(veltest::WaitForPending(fdOf(*link.socket), 5));
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*link.socket), 5));
     EXPECT_EQ(link.socket->readvAvail(v, n), kVELErr_Incomplete);
     EXPECT_EQ(v, &elements[1]);
     EXPECT_EQ(n, 2u);
     EXPECT_EQ(elements[1].iov_base, &in[5]);
     EXPECT_EQ(elements[1].iov_len, 2u);
     ASSERT_TRUE(veltest::WriteAll(link.peer.get(), "fghi"));
-    ASSERT_TRUE(veltest::WaitForPending(fdOf(*link.socket), 4));
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*link.socket), 4));
     EXPECT_EQ(link.socket->readvAvail(v, n), kVELErr_Ok);
     EXPECT_EQ(n, 0u);
     EXPECT_EQ(in, "abcdefghi");

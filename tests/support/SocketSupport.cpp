@@ -1,6 +1,7 @@
 #include "SocketSupport.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -52,7 +53,9 @@ RawFd rawListener(int backlog, unsigned short* port) {
     return listener;
 }
 
-RawFd rawConnect(unsigned short port) {
+}  // namespace
+
+RawFd RawConnect(unsigned short port) {
     RawFd client(socket(AF_INET, SOCK_STREAM, 0));
     const sockaddr_in address = loopback(port);
     if (client.get() < 0 ||
@@ -62,8 +65,6 @@ RawFd rawConnect(unsigned short port) {
     }
     return client;
 }
-
-}  // namespace
 
 RawFd::~RawFd() {
     reset();
@@ -116,7 +117,7 @@ RawPair MakeRawPair() {
     if (listener.get() < 0) {
         return pair;
     }
-    pair.client = rawConnect(port);
+    pair.client = RawConnect(port);
     pair.server.reset(accept(listener.get(), nullptr, nullptr));
     if (pair.server.get() < 0) {
         ADD_FAILURE() << "raw accept: errno " << errno;
@@ -162,8 +163,30 @@ StalledListener::StalledListener() {
     // the handshakes that follow.
     _listener = rawListener(0, &_port);
     if (_listener.get() >= 0) {
-        _filler = rawConnect(_port);
+        _filler = RawConnect(_port);
     }
+}
+
+int Fd(const VEL_Socket& socket) {
+    return static_cast<int>(socket.getHandle());
+}
+
+int IntOption(int fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0) << "option " << name;
+    return value;
+}
+
+long long TimeoutMicros(int fd, int name) {
+    timeval value{};
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, name, &value, &length), 0) << "option " << name;
+    return value.tv_sec * 1000000LL + value.tv_usec;
+}
+
+bool IsNonBlocking(int fd) {
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
 
 bool WriteAll(int fd, const void* data, std::size_t size) {

@@ -79,6 +79,17 @@ private:
     unsigned short _port = 0;
 };
 
+// The descriptor of a library socket.
+int Fd(const VEL_Socket& socket);
+// Connects a raw TCP descriptor to 127.0.0.1:`port` (fails the calling test when it cannot).
+RawFd RawConnect(unsigned short port);
+// An integer socket option, and a time-out option (SO_SNDTIMEO, SO_RCVTIMEO) in microseconds, as
+// the system has them.
+int IntOption(int fd, int level, int name);
+long long TimeoutMicros(int fd, int name);
+// Whether O_NONBLOCK is set on the descriptor.
+bool IsNonBlocking(int fd);
+
 // Writes all of `data` to `fd`.
 bool WriteAll(int fd, const void* data, std::size_t size);
 bool WriteAll(int fd, const std::string& data);
