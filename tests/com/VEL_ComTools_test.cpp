@@ -93,21 +93,6 @@ TEST(ComToolsAddressTest, ReverseLookupOfLoopbackAndOfAnAddressWithoutName) {
     EXPECT_TRUE(sink.texts().empty());  // reverse lookups fail without a trace
 }
 
-TEST(ComToolsAddressTest, LocalHostNameAndAddressAgreeWithTheSystem) {
-    char name[VEL_ComTools::kHostNameSize];
-    ASSERT_EQ(VEL_ComTools::GetLocalHostName(name), kVELErr_Ok);
-    char expected[VEL_ComTools::kHostNameSize];
-    ASSERT_EQ(gethostname(expected, sizeof(expected)), 0);
-    EXPECT_STREQ(name, expected);
-    in_addr local{};
-    in_addr resolved{};
-    const VELErr_t code = VEL_ComTools::GetLocalHostAddr(&local);
-    EXPECT_EQ(code, VEL_ComTools::HostNameToAddr(name, &resolved));
-    if (code == kVELErr_Ok) {
-        EXPECT_EQ(local.s_addr, resolved.s_addr);
-    }
-}
-
 TEST(ComToolsAddressTest, ServicePortsComeFromTheServiceDatabase) {
     unsigned short port = 1;
     veltest::RecordingSink sink(kVELTrace_ComError);

@@ -1,6 +1,5 @@
 #include "VEL_SocketOps.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <unistd.h>
@@ -246,23 +245,6 @@ TEST_F(PollOneTest, DescriptorThatIsNotOpenFailsWithBadDescriptor) {
     int err = 0;
     EXPECT_EQ(velcom::pollOne(pipeFds[0], POLLIN, &basis::TimeValue::kZero, &revents, &err), -1);
     EXPECT_EQ(err, EBADF);
-}
-
-TEST(ScopedFdTest, ClosesWhatItStillHolds) {
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
-    int kept = -1;
-    {
-        velcom::ScopedFd first(pipeFds[0]);
-        velcom::ScopedFd second(pipeFds[1]);
-        kept = second.release();
-        EXPECT_FALSE(second.valid());
-    }
-    EXPECT_EQ(fcntl(pipeFds[0], F_GETFD), -1);  // closed by its holder
-    EXPECT_NE(fcntl(kept, F_GETFD), -1);        // released: still open
-    velcom::ScopedFd holder(kept);
-    holder.reset();
-    EXPECT_EQ(fcntl(kept, F_GETFD), -1);
 }
 
 }  // namespace

@@ -186,6 +186,20 @@ TEST_F(TCPSocketTest, RecvAfterThePeerClosedReportsHalfClosedWithoutSystemError)
     EXPECT_EQ(link.socket->readv(elements, 2), kVELErr_SockHalfClosed);
 }
 
+TEST_F(TCPSocketTest, CloseWithLingerResetsTheConnection) {
+    // Without linger the peer sees an orderly end; with linger on it sees a reset.
+    for (const bool linger : {false, true}) {
+        VEL_SockOptions options;
+        options.setLinger(linger);
+        veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair(options);
+        ASSERT_TRUE(pair.client && pair.server);
+        ASSERT_EQ(pair.client->close(), kVELErr_Ok);
+        char buf[4];
+        EXPECT_EQ(pair.server->recv(buf, 4), kVELErr_SockHalfClosed) << linger;
+        EXPECT_EQ(basis::Thread::GetLastSystemErr(), linger ? ECONNRESET : 0) << linger;
+    }
+}
+
 TEST_F(TCPSocketTest, ReceiveTimeOutTracesTheCountsAndDumpsWhatArrived) {
     veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
     veltest::ScopedSink installed(&sink);
