@@ -6,6 +6,7 @@
 #include "CondThreadMutex.h"
 #include "StaticInit.h"
 #include "ThreadMutex.h"
+#include "VEL_Socket.h"
 #include "VEL_Tools.h"
 #include "VEL_TraceHandler.h"
 
@@ -41,6 +42,8 @@ VEL_StaticInit::~VEL_StaticInit() {
 // and start-up goes on.
 void VEL_StaticInit::initStaticMembers() const {
     gBasisInit = new (std::nothrow) basis::StaticInit();
+    // Reserved: the secure-session table and its three locks, then the timer-identifier lock,
+    // are created here, ahead of the trace statics, when their modules are added.
     VEL_Tools::_HandlerMutex = new (std::nothrow) basis::ThreadMutex();
     VEL_Tools::_ForbiddenThreadsSet = new (std::nothrow) std::set<basis::ThreadID_t>();
     VEL_TraceHandler::_TracingMutex = new (std::nothrow) basis::ThreadMutex();
@@ -48,14 +51,18 @@ void VEL_StaticInit::initStaticMembers() const {
         VEL_TraceHandler::_TracingCondMutex =
                 new (std::nothrow) basis::CondThreadMutex(*VEL_TraceHandler::_TracingMutex);
     }
+    VEL_Socket::_Mutex = new (std::nothrow) basis::ThreadMutex();
 }
 
 // Releases in the reverse order of creation.
 void VEL_StaticInit::releaseStaticMembers() const {
+    destroy(VEL_Socket::_Mutex);
     destroy(VEL_TraceHandler::_TracingCondMutex);
     destroy(VEL_TraceHandler::_TracingMutex);
     VEL_Tools::_AnyForbidden.store(false);
     destroy(VEL_Tools::_ForbiddenThreadsSet);
     destroy(VEL_Tools::_HandlerMutex);
+    // Reserved: the timer-identifier lock, then the secure-session locks and table (emptied
+    // first) are released here, in the reverse order of their creation above.
     destroy(gBasisInit);
 }
