@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "Thread.h"
 #include "ThreadMutex.h"
@@ -100,8 +102,14 @@ VELErr_t VEL_Socket::close() {
         (void)::shutdown(fd, _options.getLinger() == 1 ? SHUT_RD : SHUT_RDWR);
         // The system may hand the number out again at once: only release it when no call of
         // another thread is still inside the descriptor.
-        while (_users.load() != 0) {
-            basis::Thread::YieldControl();
+        // A use normally ends at once (the shutdown woke it); a send blocked on a full buffer
+        // with linger on may take until its time-out, so back off instead of spinning.
+        for (unsigned int spins = 0; _users.load() != 0; ++spins) {
+            if (spins < 100) {
+                basis::Thread::YieldControl();
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
         }
         if (::close(fd) != 0) {
             const int err = errno;
