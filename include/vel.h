@@ -42,4 +42,11 @@
 #include "VEL_TCPSocket.h"
 #include "VEL_UDPSocket.h"
 
+// Work queues and thread pool
+#include "VEL_Executable.h"
+#include "VEL_FastQueue.h"
+#include "VEL_Queue.h"
+#include "VEL_QueueBase.h"
+#include "VEL_ThreadPool.h"
+
 #endif  // INCLUDE_VEL_H
