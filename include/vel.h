@@ -34,12 +34,17 @@
 #include "VEL_Connector.h"
 #include "VEL_CryptoTools.h"
 #include "VEL_Message.h"
+#include "VEL_OXLv1.h"
+#include "VEL_OXLv2.h"
+#include "VEL_OXLv5.h"
 #include "VEL_SockAddr.h"
 #include "VEL_SockOptions.h"
 #include "VEL_Socket.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TN3270.h"
+#include "VEL_Transport.h"
 #include "VEL_UDPSocket.h"
 
 // Work queues and thread pool

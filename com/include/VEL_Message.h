@@ -6,6 +6,7 @@
 // reset or released. Copying is SHALLOW: the copy constructor and operator= copy the four
 // pointers, so both copies share the same buffers and wrapper and no reference is counted. Only
 // one of the copies may give the buffers back: call detach() on the other before it is destroyed.
+// operator= does not give back the buffers the target held: reset() it first, or they leak.
 // A message lent by a pool (basis::ObjectMgr<VEL_Message>) remembers its wrapper; release()
 // empties it and returns it to the pool.
 //

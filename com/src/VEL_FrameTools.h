@@ -1,0 +1,86 @@
+// Internal to the network module (not installed, never included by a public header): what the
+// framing transports share.
+//
+// - Network-order integers read from and written into header blocks.
+// - The length pair that opens the OXL headers: a 32-bit total length and its complement.
+// - prepareBody sizes a message's body for a receive; bodyElement is the body as one
+//   scatter/gather element; writeFrame sends a frame's parts and body in one gathered write.
+// - traceRecvFailure writes the lines of a failed receive.
+//
+// Thread safety: every function is safe from any thread on distinct data.
+#ifndef COM_SRC_VEL_FRAMETOOLS_H
+#define COM_SRC_VEL_FRAMETOOLS_H
+
+#include <cstdint>
+
+#include "VELIoVec.h"
+#include "VEL_Err.h"
+
+class VEL_Message;
+class VEL_Socket;
+
+namespace velcom {
+
+inline void putUint16(char* at, std::uint16_t value) {
+    at[0] = static_cast<char>(value >> 8);
+    at[1] = static_cast<char>(value);
+}
+
+inline void putUint32(char* at, std::uint32_t value) {
+    putUint16(at, static_cast<std::uint16_t>(value >> 16));
+    putUint16(at + 2, static_cast<std::uint16_t>(value));
+}
+
+inline std::uint16_t getUint16(const char* at) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(at);
+    return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
+}
+
+inline std::uint32_t getUint32(const char* at) {
+    return static_cast<std::uint32_t>(getUint16(at)) << 16 | getUint16(at + 2);
+}
+
+// Writes `total` at `header` and its bitwise complement right after it (8 bytes).
+inline void putLengthPair(char* header, std::uint32_t total) {
+    putUint32(header, total);
+    putUint32(header + 4, ~total);
+}
+
+// Reads the length pair into *total; false when the complement does not match.
+inline bool getLengthPair(const char* header, std::uint32_t* total) {
+    *total = getUint32(header);
+    return ~getUint32(header + 4) == *total;
+}
+
+// Gives the message a body of `length` bytes for a receive to fill (none for 0). Whatever the
+// body held is dropped rather than copied when the buffer has to grow. kVELErr_Alloc when no
+// buffer of that size can be had.
+VELErr_t prepareBody(VEL_Message* message, std::uint32_t length);
+
+// The message's body as one element: {data, size}, or {null, 0} without a body.
+VELIoVec bodyElement(const VEL_Message& message);
+
+// Appends the message's body (when it has one) to the `count` elements of `iov` and writes them
+// all in one writev. A failure is traced ("COM - <status>") and returned.
+// REQUIRES: room for one more element in `iov`.
+VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
+                    const VEL_Message& message, const char* file = __builtin_FILE(),
+                    unsigned long line = __builtin_LINE());
+
+// The lines of a failed receive, each under its own trace mask, at the error level:
+//   network errors: "COM - <status> ; <what>"
+//   message dumps:  "COM - <status> ; <headerLabel>" and a dump of the header bytes, then, when
+//                   `body` is given, "COM - <status> ; <bodyLabel>" and a dump of its body
+//   network errors: "COM - <status>"
+void traceRecvFailure(VELErr_t code, const char* what, const char* headerLabel, const char* header,
+                      unsigned int headerSize, const char* bodyLabel = nullptr,
+                      const VEL_Message* body = nullptr, const char* file = __builtin_FILE(),
+                      unsigned long line = __builtin_LINE());
+
+// "COM - <status>" at the error level when network errors are traced.
+void traceFailure(VELErr_t code, const char* file = __builtin_FILE(),
+                  unsigned long line = __builtin_LINE());
+
+}  // namespace velcom
+
+#endif  // COM_SRC_VEL_FRAMETOOLS_H

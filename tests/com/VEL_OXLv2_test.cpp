@@ -1,0 +1,172 @@
+#include "VEL_OXLv2.h"
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "MemorySocket.h"
+#include "TestSupport.h"
+#include "VEL_Message.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+using veltest::Be32;
+using veltest::Body;
+using veltest::Hex;
+using veltest::MemorySocket;
+
+// zlib used directly, independently of the library.
+std::string deflated(const std::string& plain) {
+    uLongf length = compressBound(plain.size());
+    std::string stream(length, '\0');
+    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                       reinterpret_cast<const Bytef*>(plain.data()), plain.size()),
+              Z_OK);
+    stream.resize(length);
+    return stream;
+}
+
+std::string inflated(const std::string& stream, std::size_t size) {
+    std::string plain(size, '\0');
+    uLongf length = size;
+    EXPECT_EQ(uncompress(reinterpret_cast<Bytef*>(&plain[0]), &length,
+                         reinterpret_cast<const Bytef*>(stream.data()), stream.size()),
+              Z_OK);
+    return plain.substr(0, length);
+}
+
+// A compressed frame: header, RSCV, record (`tag`, then `announced`), then `stream`.
+std::string compressedFrame(const std::string& rscv, std::uint32_t announced,
+                            const std::string& stream, const char* tag = "02000000") {
+    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
+    return Be32(total) + Be32(~total) + std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" +
+           rscv + Hex(tag) + Be32(announced) + stream;
+}
+
+class OXLv2Test : public veltest::BufferLeakTest {
+protected:
+    MemorySocket _socket;
+    VEL_OXLv2 _transport{&_socket, 1000};
+};
+
+TEST_F(OXLv2Test, CompressedFramesCarryTheRecordAndAStandardZlibStream) {
+    const std::string plain = std::string(600, 'a') + "tail";
+    VEL_Message message;
+    ASSERT_EQ(message.setData(plain.data(), plain.size()), kVELErr_Ok);
+    ASSERT_EQ(message.setRSCV("r", 1), kVELErr_Ok);
+    _transport.setCompression(true);
+    ASSERT_EQ(_transport.sendMessage(&message), kVELErr_Ok);
+    const std::string stream = Body(message);  // the message keeps the compressed body
+    EXPECT_EQ(inflated(stream, plain.size()), plain);
+    EXPECT_EQ(_socket.written(), compressedFrame("r", 0x25C, stream));
+
+    _socket.feed(_socket.written());
+    VEL_Message received;
+    ASSERT_EQ(_transport.recvMessage(&received), kVELErr_Ok);
+    EXPECT_EQ(Body(received), plain);
+    EXPECT_EQ(veltest::RSCV(received), "r");
+}
+
+TEST_F(OXLv2Test, CompressionFailsWithoutRoomInTheSixteenBitCapacity) {
+    std::mt19937 random(7);
+    std::string noise(60000, '\0');
+    for (char& byte : noise) {
+        byte = static_cast<char>(random());
+    }
+    const struct {
+        std::string body;
+        VELErr_t code;
+    } cases[] = {
+            {"", kVELErr_Compression},              // no room at all
+            {noise, kVELErr_Compression},           // 66000 cut to 464 bytes
+            {std::string(60000, 'z'), kVELErr_Ok},  // fits in 464 bytes
+            {std::string(70000, 'z'), kVELErr_Ok},  // 77000 cut to 11464 bytes
+    };
+    _transport.setCompression(true);
+    for (const auto& c : cases) {
+        VEL_Message message;
+        ASSERT_EQ(message.setData(c.body.data(), c.body.size()), kVELErr_Ok);
+        _socket.clearOutput();
+        EXPECT_EQ(_transport.sendMessage(&message), c.code) << c.body.size();
+        EXPECT_EQ(_socket.writeCalls(), c.code == kVELErr_Ok ? 1u : 0u);
+        const std::string sent = Body(message);
+        EXPECT_EQ(c.code == kVELErr_Ok ? inflated(sent, c.body.size()) : sent, c.body);
+    }
+}
+
+TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
+    const std::string compressible(200, 'h');
+    // The first word of a received record is not checked, and not sent back.
+    _socket.feed(compressedFrame("", 200, deflated(compressible), "7F7F7F7F") +
+                 Hex("00000011 FFFFFFEE 0004 32 00") + "world");
+    VEL_Message message;
+    ASSERT_EQ(message.setRSCV("old", 3), kVELErr_Ok);  // dropped: the frames carry none
+    for (const std::string& expected : {compressible, std::string("world")}) {
+        ASSERT_EQ(_transport.recvMessage(&message), kVELErr_Ok);
+        EXPECT_EQ(Body(message), expected);
+        EXPECT_FALSE(message.checkRSCV());
+        const bool compressed = expected == compressible;
+        EXPECT_EQ(_transport.getCompression(), compressed);
+        _socket.clearOutput();
+        ASSERT_EQ(_transport.sendMessage(&message), kVELErr_Ok);
+        EXPECT_EQ(_socket.written().substr(11, 5),
+                  compressed ? Hex("43 02000000") : std::string("\0worl", 5));
+    }
+}
+
+TEST_F(OXLv2Test, BadFramesAreRefusedBeforeTheBodyIsRead) {
+    const std::string stream = deflated("hello");
+    const struct {
+        const char* what;
+        std::string frame;
+        VELErr_t code;
+        std::size_t unread;
+    } cases[] = {
+            {"check", Hex("00000011 FFFFFFEF 0004 32 00") + "hello", kVELErr_BadStreamHeader, 5},
+            {"H 3", Hex("00000011 FFFFFFEE 0003 32 00") + "hello", kVELErr_BadStreamHeader, 5},
+            {"H 260", Hex("00000200 FFFFFDFF 0104 32 00") + "hello", kVELErr_BadStreamHeader, 5},
+            {"version", Hex("00000011 FFFFFFEE 0004 31 00") + "hello", kVELErr_BadStreamHeader, 5},
+            {"total < H + 8", Hex("0000000B FFFFFFF4 0004 32 00") + "hello",
+             kVELErr_BadStreamHeader, 5},
+            {"no room for the record", Hex("00000013 FFFFFFEC 0004 32 43") + "hello",
+             kVELErr_MessageTooBig, 5},
+            {"body 1001", Hex("000003F5 FFFFFC0A 0004 32 00") + "hello", kVELErr_MessageTooBig, 5},
+            {"uncompressed 1001", compressedFrame("", 1001, stream), kVELErr_MessageTooBig,
+             stream.size()},
+            {"announced too short", compressedFrame("", 4, stream), kVELErr_Uncompression, 0},
+            {"not a zlib stream", compressedFrame("", 5, "hello"), kVELErr_Uncompression, 0},
+    };
+    for (const auto& c : cases) {
+        MemorySocket socket;
+        socket.feed(c.frame);
+        VEL_Message message;
+        EXPECT_EQ(VEL_OXLv2(&socket, 1000).recvMessage(&message), c.code) << c.what;
+        EXPECT_EQ(socket.unread(), c.unread) << c.what;
+        if (c.code == kVELErr_Uncompression) {  // the compressed body is kept
+            EXPECT_EQ(Body(message), c.frame.substr(20)) << c.what;
+        }
+    }
+}
+
+TEST_F(OXLv2Test, FailedUncompressIsTracedWithHeaderAndBodyDumps) {
+    veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
+    veltest::ScopedSink installed(&sink);
+    _socket.feed(compressedFrame("", 5, "hello"));
+    VEL_Message message;
+    EXPECT_EQ(_transport.recvMessage(&message), kVELErr_Uncompression);
+    const std::string status = "COM - " + VEL_Tools::GetErrStr(kVELErr_Uncompression);
+    const std::vector<std::string> texts = sink.texts();
+    ASSERT_EQ(texts.size(), 10u);  // line, two labelled dumps of three lines each, status
+    EXPECT_EQ(texts[0], status + " ; Error receiving an OXLv2 message");
+    EXPECT_EQ(texts[1], status + " ; Received header :");
+    EXPECT_EQ(texts[5], status + " ; Received message :");
+    EXPECT_EQ(texts[6], "MSGDUMP - Dumping buffer number 0, containing 5 bytes");
+    EXPECT_EQ(texts[9], status);
+}
+
+}  // namespace
