@@ -31,4 +31,11 @@
 #include "VEL_ComEnabler.h"
 #include "VEL_ComTools.h"
 
+// Timers
+#include "VEL_TimerHandler.h"
+#include "VEL_TimerManager.h"
+#include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerLinearQueue.h"
+#include "VEL_TimerSubscriberInterface.h"
+
 #endif  // INCLUDE_VEL_H

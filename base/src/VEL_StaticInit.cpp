@@ -6,6 +6,7 @@
 #include "CondThreadMutex.h"
 #include "StaticInit.h"
 #include "ThreadMutex.h"
+#include "VEL_TimerHandler.h"
 #include "VEL_Tools.h"
 #include "VEL_TraceHandler.h"
 
@@ -41,6 +42,9 @@ VEL_StaticInit::~VEL_StaticInit() {
 // and start-up goes on.
 void VEL_StaticInit::initStaticMembers() const {
     gBasisInit = new (std::nothrow) basis::StaticInit();
+    // 5: timer identifiers
+    VEL_TimerHandler::_GeneratorLock = new (std::nothrow) basis::ThreadMutex();
+    // 6 to 9: tracing
     VEL_Tools::_HandlerMutex = new (std::nothrow) basis::ThreadMutex();
     VEL_Tools::_ForbiddenThreadsSet = new (std::nothrow) std::set<basis::ThreadID_t>();
     VEL_TraceHandler::_TracingMutex = new (std::nothrow) basis::ThreadMutex();
@@ -52,10 +56,14 @@ void VEL_StaticInit::initStaticMembers() const {
 
 // Releases in the reverse order of creation.
 void VEL_StaticInit::releaseStaticMembers() const {
+    // 9 to 6: tracing
     destroy(VEL_TraceHandler::_TracingCondMutex);
     destroy(VEL_TraceHandler::_TracingMutex);
     VEL_Tools::_AnyForbidden.store(false);
     destroy(VEL_Tools::_ForbiddenThreadsSet);
     destroy(VEL_Tools::_HandlerMutex);
+    // 5: timer identifiers, with the generator made on first use
+    destroy(VEL_TimerHandler::_Generator);
+    destroy(VEL_TimerHandler::_GeneratorLock);
     destroy(gBasisInit);
 }

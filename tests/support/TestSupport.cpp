@@ -17,6 +17,24 @@ bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds l
     return true;
 }
 
+void Gate::pass() {
+    std::unique_lock<std::mutex> hold(_lock);
+    _entered = true;
+    _changed.notify_all();
+    _changed.wait(hold, [this] { return _open; });
+}
+
+bool Gate::waitEntered(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> hold(_lock);
+    return _changed.wait_for(hold, limit, [this] { return _entered; });
+}
+
+void Gate::open() {
+    std::lock_guard<std::mutex> hold(_lock);
+    _open = true;
+    _changed.notify_all();
+}
+
 int OpenFdCount() {
     DIR* dir = opendir("/proc/self/fd");
     if (dir == nullptr) {

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TESTSUPPORT_H
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -18,6 +19,23 @@ namespace veltest {
 // value. For conditions that no condition variable announces.
 bool WaitFor(const std::function<bool()>& predicate,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// A gate that a thread under test passes only once the test opens it; the test can wait until
+// some thread has reached it.
+class Gate {
+public:
+    // Marks the gate reached, then blocks until it is open.
+    void pass();
+    // True once some thread has reached the gate, false if none did within `limit`.
+    bool waitEntered(std::chrono::milliseconds limit);
+    void open();
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    bool _entered = false;
+    bool _open = false;
+};
 
 // Number of descriptors open in this process (entries of /proc/self/fd).
 int OpenFdCount();
