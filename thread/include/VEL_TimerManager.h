@@ -25,14 +25,16 @@
 // callback or a subscriber's destructor. Code that only cancels (a destructor's unsubscribe)
 // reaches the manager through PeekInstance, which never creates one.
 //
-// Lock order: _InstanceMutex, then _registryLock, then a slot's lock (and inside that, the
-// pool's own lock). A handler's mutex is held during its callback, which may subscribe, so it is
-// never taken while any of these is held. _wakeLock is taken alone.
+// Lock order: _InstanceMutex, then a handler's mutex, then _registryLock, then a slot's lock.
+// A handler's mutex is held during its callback, which may subscribe and unsubscribe, so it is
+// never taken while the registry or a slot is locked. The pool's lock, the identifier
+// generator's lock and _wakeLock are taken alone.
 #ifndef THREAD_INCLUDE_VEL_TIMERMANAGER_H
 #define THREAD_INCLUDE_VEL_TIMERMANAGER_H
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 
 #include <boost/shared_ptr.hpp>
@@ -133,6 +135,11 @@ protected:
     virtual bool triggerSubscriber(VEL_TimerHandler* handler, unsigned long arg);
 
     // For the strategies.
+
+    // Runs `work` on a timer thread: an exception it throws is traced (mask 36) and dropped.
+    static void RunCatching(const std::function<void()>& work);
+    // Traces (mask 36) and throws the std::runtime_error of a thread that could not start.
+    [[noreturn]] static void ThrowSpawnFailure();
 
     // `date` with its microseconds moved to the next 125 ms boundary, by a whole tick when it
     // stands on one.

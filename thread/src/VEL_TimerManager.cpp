@@ -168,6 +168,10 @@ basis::Err_t VEL_TimerManager::open() {
         return basis::kErr_Ok;
     }
     _stop.store(true);
+    ThrowSpawnFailure();
+}
+
+void VEL_TimerManager::ThrowSpawnFailure() {
     const std::string reason = "Failed to spawn timer manager thread : " +
                                std::to_string(basis::Thread::GetLastSystemErr());
     if (VEL_Tools::IsTraceOn(kVELTrace_ThreadError)) {
@@ -181,17 +185,21 @@ basis::Err_t VEL_TimerManager::open() {
 bool VEL_TimerManager::run() {
     bool result = true;
     while (!_stop.load()) {
-        try {
-            result = executeSubscribers();
-        } catch (const std::bad_alloc&) {
-            TraceCaught(kVELErr_Alloc, "VEL_TimerManager caught memory exception.");
-        } catch (const std::exception&) {
-            TraceCaught(kVELErr_StlException, "VEL_TimerManager caught STL exception.");
-        } catch (...) {
-            TraceCaught(kVELErr_UnknownException, "VEL_TimerManager caught unknown exception.");
-        }
+        RunCatching([this, &result] { result = executeSubscribers(); });
     }
     return result;
+}
+
+void VEL_TimerManager::RunCatching(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        TraceCaught(kVELErr_Alloc, "VEL_TimerManager caught memory exception.");
+    } catch (const std::exception&) {
+        TraceCaught(kVELErr_StlException, "VEL_TimerManager caught STL exception.");
+    } catch (...) {
+        TraceCaught(kVELErr_UnknownException, "VEL_TimerManager caught unknown exception.");
+    }
 }
 
 void VEL_TimerManager::TraceCaught(VELErr_t code, const char* text) {
