@@ -1,5 +1,6 @@
 #include "VEL_TimerManagerCircularQueue.h"
 
+#include <cassert>
 #include <mutex>
 
 #include "VEL_StaticInit.h"
@@ -48,6 +49,7 @@ void VEL_TimerManagerCircularQueue::subscribeHandler(VEL_TimerHandler* handler, 
 
 // The wheel's date is written only on this thread, so it is read here unlocked.
 bool VEL_TimerManagerCircularQueue::executeSubscribers() {
+    assert(basis::Thread::Equal(basis::Thread::Self(), _threadId));
     while (!isStopping()) {
         notifyActivity();
         collectDue(basis::TimeValue::GetHRTime());

@@ -1,5 +1,6 @@
 #include "VEL_TimerManagerLinearQueue.h"
 
+#include <cassert>
 #include <mutex>
 
 #include "VEL_StaticInit.h"
@@ -35,6 +36,7 @@ void VEL_TimerManagerLinearQueue::subscribeHandler(VEL_TimerHandler* handler, un
 }
 
 bool VEL_TimerManagerLinearQueue::executeSubscribers() {
+    assert(basis::Thread::Equal(basis::Thread::Self(), _threadId));
     while (!isStopping()) {
         notifyActivity();
         const basis::TimeValue now = basis::TimeValue::GetHRTime();
