@@ -28,8 +28,26 @@
 #include "VEL_TraceHandler.h"
 
 // Network
+#include "VEL_Acceptor.h"
 #include "VEL_ComEnabler.h"
 #include "VEL_ComTools.h"
+#include "VEL_Connector.h"
+#include "VEL_CryptoTools.h"
+#include "VEL_Message.h"
+#include "VEL_SockAddr.h"
+#include "VEL_SockOptions.h"
+#include "VEL_Socket.h"
+#include "VEL_TCPAcceptor.h"
+#include "VEL_TCPConnector.h"
+#include "VEL_TCPSocket.h"
+#include "VEL_UDPSocket.h"
+
+// Work queues and thread pool
+#include "VEL_Executable.h"
+#include "VEL_FastQueue.h"
+#include "VEL_Queue.h"
+#include "VEL_QueueBase.h"
+#include "VEL_ThreadPool.h"
 
 // Timers
 #include "VEL_TimerHandler.h"

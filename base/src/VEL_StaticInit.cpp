@@ -6,6 +6,7 @@
 #include "CondThreadMutex.h"
 #include "StaticInit.h"
 #include "ThreadMutex.h"
+#include "VEL_Socket.h"
 #include "VEL_TimerHandler.h"
 #include "VEL_Tools.h"
 #include "VEL_TraceHandler.h"
@@ -42,6 +43,7 @@ VEL_StaticInit::~VEL_StaticInit() {
 // and start-up goes on.
 void VEL_StaticInit::initStaticMembers() const {
     gBasisInit = new (std::nothrow) basis::StaticInit();
+    // 1 to 4: the secure-session table and its three locks come here when that module is added.
     // 5: timer identifiers
     VEL_TimerHandler::_GeneratorLock = new (std::nothrow) basis::ThreadMutex();
     // 6 to 9: tracing
@@ -52,10 +54,14 @@ void VEL_StaticInit::initStaticMembers() const {
         VEL_TraceHandler::_TracingCondMutex =
                 new (std::nothrow) basis::CondThreadMutex(*VEL_TraceHandler::_TracingMutex);
     }
+    // 10: socket count
+    VEL_Socket::_Mutex = new (std::nothrow) basis::ThreadMutex();
 }
 
 // Releases in the reverse order of creation.
 void VEL_StaticInit::releaseStaticMembers() const {
+    // 10: socket count
+    destroy(VEL_Socket::_Mutex);
     // 9 to 6: tracing
     destroy(VEL_TraceHandler::_TracingCondMutex);
     destroy(VEL_TraceHandler::_TracingMutex);
@@ -65,5 +71,6 @@ void VEL_StaticInit::releaseStaticMembers() const {
     // 5: timer identifiers, with the generator made on first use
     destroy(VEL_TimerHandler::_Generator);
     destroy(VEL_TimerHandler::_GeneratorLock);
+    // 4 to 1: the secure-session locks, then its table (emptied first), go here.
     destroy(gBasisInit);
 }

@@ -11,6 +11,8 @@
 #ifndef BASIS_INCLUDE_THREADMUTEX_H
 #define BASIS_INCLUDE_THREADMUTEX_H
 
+#include <pthread.h>
+
 #include <atomic>
 #include <mutex>
 
@@ -26,13 +28,29 @@ public:
     ThreadMutex& operator=(const ThreadMutex&) = delete;
 
     // kErr_Ok, or kErr_ThreadAcquire when the calling thread already holds the mutex.
-    Err_t acquire() VEL_ACQUIRE();
+    // Inline: the work queues take this mutex once per element.
+    Err_t acquire() VEL_ACQUIRE() {
+        const unsigned long self = SelfHandle();
+        if (_owner.load(std::memory_order_relaxed) == self) {
+            return kErr_ThreadAcquire;  // would deadlock on itself
+        }
+        _mutex.lock();
+        _owner.store(self, std::memory_order_relaxed);
+        return kErr_Ok;
+    }
     // kErr_Ok, or kErr_ThreadRelease when the calling thread does not hold the mutex.
-    Err_t release() VEL_RELEASE();
+    Err_t release() VEL_RELEASE() {
+        if (_owner.load(std::memory_order_relaxed) != SelfHandle()) {
+            return kErr_ThreadRelease;
+        }
+        _owner.store(0, std::memory_order_relaxed);
+        _mutex.unlock();
+        return kErr_Ok;
+    }
     // True when the mutex was free and is now held by the caller.
     bool tryAcquire();
     // True when the calling thread holds the mutex.
-    bool isHeldBySelf() const;
+    bool isHeldBySelf() const { return _owner.load(std::memory_order_relaxed) == SelfHandle(); }
 
     Err_t setName(const char* name);
     const char* getName() const { return _name; }
@@ -43,6 +61,8 @@ public:
 
 private:
     friend class CondThreadMutex;
+
+    static unsigned long SelfHandle() { return static_cast<unsigned long>(pthread_self()); }
 
     std::mutex _mutex;
     std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free

@@ -14,35 +14,12 @@ unsigned long selfHandle() {
 
 }  // namespace
 
-Err_t ThreadMutex::acquire() {
-    const unsigned long self = selfHandle();
-    if (_owner.load(std::memory_order_relaxed) == self) {
-        return kErr_ThreadAcquire;  // would deadlock on itself
-    }
-    _mutex.lock();
-    _owner.store(self, std::memory_order_relaxed);
-    return kErr_Ok;
-}
-
-Err_t ThreadMutex::release() {
-    if (_owner.load(std::memory_order_relaxed) != selfHandle()) {
-        return kErr_ThreadRelease;
-    }
-    _owner.store(0, std::memory_order_relaxed);
-    _mutex.unlock();
-    return kErr_Ok;
-}
-
 bool ThreadMutex::tryAcquire() {
     if (!_mutex.try_lock()) {
         return false;
     }
     _owner.store(selfHandle(), std::memory_order_relaxed);
     return true;
-}
-
-bool ThreadMutex::isHeldBySelf() const {
-    return _owner.load(std::memory_order_relaxed) == selfHandle();
 }
 
 Err_t ThreadMutex::setName(const char* name) {

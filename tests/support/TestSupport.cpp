@@ -1,6 +1,11 @@
 #include "TestSupport.h"
 
 #include <dirent.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "VEL_Tools.h"
 
@@ -15,6 +20,23 @@ bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds l
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+int RunWithoutNetwork(const std::function<bool()>& check) {
+    const pid_t child = fork();
+    if (child < 0) {
+        return 2;
+    }
+    if (child == 0) {
+        if (unshare(CLONE_NEWNET) != 0) {
+            _exit(2);
+        }
+        _exit(check() ? 0 : 1);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
 void Gate::pass() {

@@ -20,6 +20,12 @@ namespace veltest {
 bool WaitFor(const std::function<bool()>& predicate,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
 
+// Runs `check` in a child process placed in a new, empty network namespace, so that a name
+// lookup it makes can reach no name server (no query leaves the machine; the lookup fails at
+// once). Returns 0 when `check` returned true, 1 when it returned false, 2 when an isolated
+// namespace cannot be made here (the caller skips its test).
+int RunWithoutNetwork(const std::function<bool()>& check);
+
 // A gate that a thread under test passes only once the test opens it; the test can wait until
 // some thread has reached it.
 class Gate {

@@ -1,0 +1,382 @@
+#include "VEL_TCPSocket.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+
+#include "Thread.h"
+#include "Tools.h"
+#include "VEL_SocketOps.h"
+#include "VEL_StaticInit.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+const VEL_StaticInit kStaticInit;
+
+}  // namespace
+
+VEL_TCPSocket::VEL_TCPSocket(unsigned short port, const char* host)
+    : VEL_Socket(VEL_SockAddr(port, host)) {}
+
+VEL_TCPSocket::VEL_TCPSocket(const VEL_SockAddr& local) : VEL_Socket(local) {}
+
+VELErr_t VEL_TCPSocket::open() {
+    if (isValid()) {
+        return kVELErr_Ok;
+    }
+    if (createHandle(SOCK_STREAM, "Local address : ") != kVELErr_Ok) {
+        return kVELErr_SocketCreate;
+    }
+    if (getLocalAddr().isSet()) {
+        if (bindLocalAddr() != kVELErr_Ok) {
+            return abortOpen(kVELErr_Bind, "Local address : ", getLocalAddr());
+        }
+        if (getLocalAddr().getPort() == 0 && readLocalAddr() != kVELErr_Ok) {
+            return abortOpen(kVELErr_GetSockName, "Local address : ", getLocalAddr());
+        }
+    }
+    const VELErr_t code = setCommonOptions();
+    return code == kVELErr_Ok ? kVELErr_Ok : abortOpen(code, "Local address : ", getLocalAddr());
+}
+
+// Stores the error and traces it; resets are only returned.
+VELErr_t VEL_TCPSocket::transferFailed(int err, VELErr_t code) const {
+    basis::Thread::SetLastSystemErr(err);
+    if (code != kVELErr_SockHalfClosed) {
+        velcom::traceComError(code, [&] { return remoteText(); });
+    }
+    return code;
+}
+
+VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    code = waitBeforeSend();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    const int fd = use.fd();
+    while (len > 0) {
+        const ssize_t sent = ::send(fd, buf, len, MSG_NOSIGNAL);
+        if (sent > 0) {
+            buf += sent;
+            len -= static_cast<unsigned int>(sent);
+            continue;
+        }
+        const int err = sent == 0 ? EAGAIN : errno;  // nothing taken counts as would-block
+        if (err != EINTR) {
+            return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kSend));
+        }
+    }
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    const int fd = use.fd();
+    unsigned int received = 0;
+    while (received < len) {
+        const ssize_t got = ::recv(fd, buf + received, len - received, 0);
+        if (got > 0) {
+            received += static_cast<unsigned int>(got);
+            continue;
+        }
+        if (got == 0) {
+            return velcom::endOfStream();
+        }
+        const int err = errno;
+        if (err == EINTR) {
+            // Another thread closing this socket may have interrupted the call; the descriptor
+            // number must not be used again then.
+            if (isClosing() || use.fd() != fd) {
+                return kVELErr_SockHalfClosed;
+            }
+            continue;
+        }
+        basis::Thread::SetLastSystemErr(err);
+        code = velcom::mapRecvError(err, velcom::RecvOp::kRecv);
+        if (code == kVELErr_Timeout) {
+            return recvTimedOut(len, received, buf, nullptr, 0);
+        }
+        return transferFailed(err, code);
+    }
+    return kVELErr_Ok;
+}
+
+// Traces a receive time-out with the byte counts and, with trace bit 16, dumps what arrived
+// (`data` for a plain receive, the `filled` elements for a vector one).
+VELErr_t VEL_TCPSocket::recvTimedOut(std::size_t expected, std::size_t received, const char* data,
+                                     const VELIoVec* filled, unsigned long filledCount) const {
+    velcom::traceComError(kVELErr_Timeout, [&] {
+        return remoteText() + "; " + std::to_string(expected) + " bytes expected, " +
+               std::to_string(received) + " received.";
+    });
+    if (received > 0 && VEL_Tools::IsTraceOn(kVELTrace_MsgDump)) {
+        VEL_Tools::TraceText(kVELLevel_Error,
+                             VEL_Tools::ErrText("COM", kVELErr_Timeout, "Received data : "));
+        if (filled == nullptr) {
+            VEL_Tools::MemDump(basis::Tools::Basename(__FILE__), __LINE__, kVELLevel_Error, data,
+                               static_cast<unsigned int>(received), 0);
+        } else {
+            VEL_Tools::MemDumpVec(basis::Tools::Basename(__FILE__), __LINE__, kVELLevel_Error,
+                                  filled, filledCount);
+        }
+    }
+    return kVELErr_Timeout;
+}
+
+VELErr_t VEL_TCPSocket::writev(VELIoVec* v, unsigned long n) {
+    if (n < 2) {
+        return send(v[0].iov_base, v[0].iov_len);
+    }
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    VELIoVec* current = v;
+    unsigned long left = n;
+    velcom::advance(current, left, 0);  // leading empty elements
+    if (code != kVELErr_Ok || left == 0) {
+        return code;
+    }
+    code = waitBeforeSend();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    const int err = velcom::sendAll(use.fd(), current, left, nullptr);
+    if (err != 0) {
+        return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kWritev));
+    }
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
+    if (n < 2) {
+        return recv(v[0].iov_base, v[0].iov_len);
+    }
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    VELIoVec* current = v;
+    unsigned long left = n;
+    velcom::advance(current, left, 0);
+    if (code != kVELErr_Ok || left == 0) {
+        return code;
+    }
+    const int fd = use.fd();
+    const std::size_t expected = velcom::totalLength(v, n);
+    std::size_t received = 0;
+    // The element being filled, as it was when filling it began.
+    VELIoVec startedAs = *current;
+    velcom::IoVecArray staged(left);
+    while (left > 0) {
+        msghdr message{};
+        message.msg_iov = staged.fill(current, left);
+        message.msg_iovlen = staged.size();
+        const ssize_t got = ::recvmsg(fd, &message, 0);
+        if (got > 0) {
+            received += static_cast<std::size_t>(got);
+            velcom::advanceFilling(current, left, static_cast<std::size_t>(got), startedAs);
+            continue;
+        }
+        if (got == 0) {
+            return velcom::endOfStream();
+        }
+        const int err = errno;
+        if (err == EINTR) {
+            continue;
+        }
+        basis::Thread::SetLastSystemErr(err);
+        code = velcom::mapRecvError(err, velcom::RecvOp::kReadv);
+        if (code == kVELErr_Timeout) {
+            *current = startedAs;
+            return recvTimedOut(expected, received, nullptr, v,
+                                static_cast<unsigned long>(current - v));
+        }
+        return transferFailed(err, code);
+    }
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_TCPSocket::sendAvail(const char* buf, unsigned int* len) {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || *len == 0) {
+        return code;
+    }
+    const int fd = use.fd();
+    for (;;) {
+        const ssize_t sent = ::send(fd, buf, *len, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            *len = static_cast<unsigned int>(sent);
+            return kVELErr_Ok;
+        }
+        const int err = errno;
+        if (err != EINTR) {
+            const VELErr_t mapped = velcom::mapSendError(err, velcom::SendOp::kSendAvail);
+            if (mapped == kVELErr_Ok) {
+                basis::Thread::SetLastSystemErr(err);
+                *len = kNothingSent;
+                return kVELErr_Ok;
+            }
+            return transferFailed(err, mapped);
+        }
+    }
+}
+
+VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || *len == 0) {
+        return code;
+    }
+    code = pollReadable(use.fd());
+    if (code != kVELErr_Ok) {
+        if (code == kVELErr_Timeout) {
+            *len = 0;
+            return kVELErr_Incomplete;
+        }
+        return code;
+    }
+    const int fd = use.fd();
+    for (;;) {
+        const ssize_t got = ::recv(fd, buf, *len, 0);
+        if (got > 0) {
+            if (static_cast<unsigned int>(got) < *len) {
+                *len = static_cast<unsigned int>(got);
+                return kVELErr_Incomplete;
+            }
+            return kVELErr_Ok;
+        }
+        if (got == 0) {
+            return velcom::endOfStream();
+        }
+        const int err = errno;
+        if (err == EINTR) {
+            continue;
+        }
+        code = velcom::mapRecvError(err, velcom::RecvOp::kRecvAvail);
+        if (code == kVELErr_Incomplete) {
+            basis::Thread::SetLastSystemErr(err);
+            velcom::traceComInfo(
+                    [&] { return "recvAvail timeout on remote address : " + remoteText(); });
+            *len = 0;
+            return kVELErr_Incomplete;
+        }
+        return transferFailed(err, code);
+    }
+}
+
+VELErr_t VEL_TCPSocket::writevAvail(VELIoVec*& v, unsigned long& n) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    velcom::advance(v, n, 0);  // leading empty elements
+    if (n == 0) {
+        return kVELErr_Ok;
+    }
+    velcom::IoVecArray staged(n);
+    msghdr message{};
+    message.msg_iov = staged.fill(v, n);
+    message.msg_iovlen = staged.size();
+    const ssize_t sent = ::sendmsg(use.fd(), &message, MSG_NOSIGNAL);
+    if (sent >= 0) {
+        velcom::advance(v, n, static_cast<std::size_t>(sent));
+        return n == 0 ? kVELErr_Ok : kVELErr_Incomplete;
+    }
+    const int err = errno;
+    basis::Thread::SetLastSystemErr(err);
+    // EAGAIN is both "would block" and "native time-out expired": with native time-outs on it
+    // can only be the latter. Only a real time-out drops the rest of the data.
+    if ((err == EAGAIN && isNonBlock()) || err == ETIMEDOUT) {
+        v->iov_len = 0;
+        n = 0;
+        return kVELErr_Incomplete;
+    }
+    code = velcom::mapSendError(err, velcom::SendOp::kWritevAvail);
+    if (code == kVELErr_InvalidSocket) {
+        velcom::traceComError(
+                code, [&] { return remoteText() + " (error code = " + std::to_string(err) + ")"; });
+    } else if (code == kVELErr_Send) {
+        velcom::traceComError(code, [&] {
+            return "Remote Address : " + velcom::toText(getRemoteAddr()) +
+                   " (error Code = " + std::to_string(err) +
+                   ") (system erro = " + std::to_string(basis::Thread::GetLastSystemErr()) + ")";
+        });
+    }
+    return code;
+}
+
+VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    velcom::advance(v, n, 0);  // leading empty elements
+    if (n == 0) {
+        return kVELErr_Ok;
+    }
+    code = pollReadable(use.fd());
+    if (code != kVELErr_Ok) {
+        return code == kVELErr_Timeout ? kVELErr_Incomplete : code;
+    }
+    velcom::IoVecArray staged(n);
+    msghdr message{};
+    message.msg_iov = staged.fill(v, n);
+    message.msg_iovlen = staged.size();
+    const ssize_t got = ::recvmsg(use.fd(), &message, 0);
+    if (got > 0) {
+        velcom::advance(v, n, static_cast<std::size_t>(got));
+        return n == 0 ? kVELErr_Ok : kVELErr_Incomplete;
+    }
+    if (got == 0) {
+        return velcom::endOfStream();
+    }
+    const int err = errno;
+    code = velcom::mapRecvError(err, velcom::RecvOp::kReadvAvail);
+    if (code == kVELErr_Incomplete) {
+        basis::Thread::SetLastSystemErr(err);
+        velcom::traceComInfo(
+                [&] { return "readvAvail timeout on remote address : " + remoteText(); });
+        return code;
+    }
+    return transferFailed(err, code);
+}
+
+VELErr_t VEL_TCPSocket::hasRecv() {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    return code != kVELErr_Ok ? code : pollReadable(use.fd());
+}
+
+// One poll without waiting. A readable descriptor (input, end of stream, or a pending error that
+// the next receive reports) gives Ok.
+VELErr_t VEL_TCPSocket::pollReadable(int fd) {
+    short revents = 0;
+    int err = 0;
+    const int ready = velcom::pollOne(fd, POLLIN, &basis::TimeValue::kZero, &revents, &err);
+    if (ready > 0) {
+        return kVELErr_Ok;
+    }
+    if (ready == 0) {
+        return kVELErr_Timeout;
+    }
+    basis::Thread::SetLastSystemErr(err);
+    if (VEL_Tools::IsTraceOn(kVELTrace_FrameError)) {
+        VEL_Tools::TraceText(kVELLevel_Error, "FRAME - " + VEL_Tools::GetErrStr(kVELErr_Select) +
+                                                      " ; Unknown error while waiting for event " +
+                                                      velcom::fdText(getHandle()) +
+                                                      "; Last error: " + std::to_string(err));
+    }
+    return kVELErr_Select;
+}
