@@ -53,6 +53,7 @@
 #include "VEL_TimerHandler.h"
 #include "VEL_TimerManager.h"
 #include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerCircularQueueAsync.h"
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_TimerSubscriberInterface.h"
 

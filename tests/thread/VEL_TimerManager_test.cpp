@@ -22,6 +22,7 @@
 
 #include "TestSupport.h"
 #include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerCircularQueueAsync.h"
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_Tools.h"
 
@@ -89,9 +90,10 @@ VEL_TimerManager::Factory_t probeFactory(VELTimerAlgorithm_t algorithm) {
             return &Probe<VEL_TimerManagerLinearQueue>::Create;
         case kVELTimerAlgo_Circular:
             return &Probe<VEL_TimerManagerCircularQueue>::Create;
-        default:
-            return nullptr;
+        case kVELTimerAlgo_CircularAsync:
+            return &Probe<VEL_TimerManagerCircularQueueAsync>::Create;
     }
+    return nullptr;
 }
 
 // Records each call with its time and the manager's pass count at its start.
@@ -452,7 +454,8 @@ TEST_P(TimerServiceTest, CloseSingletonEndsEveryTimerAndReleasesItsSubscriber) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Strategies, TimerServiceTest,
-                         ::testing::Values(kVELTimerAlgo_Linear, kVELTimerAlgo_Circular),
+                         ::testing::Values(kVELTimerAlgo_Linear, kVELTimerAlgo_Circular,
+                                           kVELTimerAlgo_CircularAsync),
                          strategyName);
 
 class TimerWheelTest : public TimerServiceTest {};
@@ -489,7 +492,8 @@ TEST_P(TimerWheelTest, SlotFollowsTheExpiryDate) {
     EXPECT_EQ(recorder->events().size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Strategies, TimerWheelTest, ::testing::Values(kVELTimerAlgo_Circular),
+INSTANTIATE_TEST_SUITE_P(Strategies, TimerWheelTest,
+                         ::testing::Values(kVELTimerAlgo_Circular, kVELTimerAlgo_CircularAsync),
                          strategyName);
 
 class TimerStrategyChoiceTest : public ::testing::Test {
@@ -507,6 +511,8 @@ protected:
 };
 
 TEST_F(TimerStrategyChoiceTest, InitAndFactoryTakeEffectAtTheNextCreation) {
+    EXPECT_TRUE(instanceIs<VEL_TimerManagerCircularQueueAsync>());  // nothing configured
+    VEL_TimerManager::CloseSingleton();
     VEL_TimerManager::Init(kVELTimerAlgo_Linear);
     EXPECT_EQ(VEL_TimerManager::PeekInstance(), nullptr);
     VEL_TimerManager* first = VEL_TimerManager::GetInstance();

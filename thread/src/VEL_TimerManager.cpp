@@ -11,6 +11,7 @@
 #include "Guard.h"
 #include "VEL_StaticInit.h"
 #include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerCircularQueueAsync.h"
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_Tools.h"
 
@@ -125,7 +126,7 @@ VEL_TimerManager* VEL_TimerManager::Create(VELTimerAlgorithm_t algorithm) {
         case kVELTimerAlgo_Circular:
             return VEL_TimerManagerCircularQueue::GetInstance();
         case kVELTimerAlgo_CircularAsync:
-            break;
+            return VEL_TimerManagerCircularQueueAsync::GetInstance();
     }
     return nullptr;
 }
