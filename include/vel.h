@@ -54,4 +54,12 @@
 #include "VEL_QueueBase.h"
 #include "VEL_ThreadPool.h"
 
+// Timers
+#include "VEL_TimerHandler.h"
+#include "VEL_TimerManager.h"
+#include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerCircularQueueAsync.h"
+#include "VEL_TimerManagerLinearQueue.h"
+#include "VEL_TimerSubscriberInterface.h"
+
 #endif  // INCLUDE_VEL_H

@@ -7,6 +7,7 @@
 #include "StaticInit.h"
 #include "ThreadMutex.h"
 #include "VEL_Socket.h"
+#include "VEL_TimerHandler.h"
 #include "VEL_Tools.h"
 #include "VEL_TraceHandler.h"
 
@@ -42,8 +43,10 @@ VEL_StaticInit::~VEL_StaticInit() {
 // and start-up goes on.
 void VEL_StaticInit::initStaticMembers() const {
     gBasisInit = new (std::nothrow) basis::StaticInit();
-    // Reserved: the secure-session table and its three locks, then the timer-identifier lock,
-    // are created here, ahead of the trace statics, when their modules are added.
+    // 1 to 4: the secure-session table and its three locks come here when that module is added.
+    // 5: timer identifiers
+    VEL_TimerHandler::_GeneratorLock = new (std::nothrow) basis::ThreadMutex();
+    // 6 to 9: tracing
     VEL_Tools::_HandlerMutex = new (std::nothrow) basis::ThreadMutex();
     VEL_Tools::_ForbiddenThreadsSet = new (std::nothrow) std::set<basis::ThreadID_t>();
     VEL_TraceHandler::_TracingMutex = new (std::nothrow) basis::ThreadMutex();
@@ -51,18 +54,23 @@ void VEL_StaticInit::initStaticMembers() const {
         VEL_TraceHandler::_TracingCondMutex =
                 new (std::nothrow) basis::CondThreadMutex(*VEL_TraceHandler::_TracingMutex);
     }
+    // 10: socket count
     VEL_Socket::_Mutex = new (std::nothrow) basis::ThreadMutex();
 }
 
 // Releases in the reverse order of creation.
 void VEL_StaticInit::releaseStaticMembers() const {
+    // 10: socket count
     destroy(VEL_Socket::_Mutex);
+    // 9 to 6: tracing
     destroy(VEL_TraceHandler::_TracingCondMutex);
     destroy(VEL_TraceHandler::_TracingMutex);
     VEL_Tools::_AnyForbidden.store(false);
     destroy(VEL_Tools::_ForbiddenThreadsSet);
     destroy(VEL_Tools::_HandlerMutex);
-    // Reserved: the timer-identifier lock, then the secure-session locks and table (emptied
-    // first) are released here, in the reverse order of their creation above.
+    // 5: timer identifiers, with the generator made on first use
+    destroy(VEL_TimerHandler::_Generator);
+    destroy(VEL_TimerHandler::_GeneratorLock);
+    // 4 to 1: the secure-session locks, then its table (emptied first), go here.
     destroy(gBasisInit);
 }

@@ -39,6 +39,24 @@ int RunWithoutNetwork(const std::function<bool()>& check) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
+void Gate::pass() {
+    std::unique_lock<std::mutex> hold(_lock);
+    _entered = true;
+    _changed.notify_all();
+    _changed.wait(hold, [this] { return _open; });
+}
+
+bool Gate::waitEntered(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> hold(_lock);
+    return _changed.wait_for(hold, limit, [this] { return _entered; });
+}
+
+void Gate::open() {
+    std::lock_guard<std::mutex> hold(_lock);
+    _open = true;
+    _changed.notify_all();
+}
+
 int OpenFdCount() {
     DIR* dir = opendir("/proc/self/fd");
     if (dir == nullptr) {

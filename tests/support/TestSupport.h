@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TESTSUPPORT_H
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -24,6 +25,23 @@ bool WaitFor(const std::function<bool()>& predicate,
 // once). Returns 0 when `check` returned true, 1 when it returned false, 2 when an isolated
 // namespace cannot be made here (the caller skips its test).
 int RunWithoutNetwork(const std::function<bool()>& check);
+
+// A gate that a thread under test passes only once the test opens it; the test can wait until
+// some thread has reached it.
+class Gate {
+public:
+    // Marks the gate reached, then blocks until it is open.
+    void pass();
+    // True once some thread has reached the gate, false if none did within `limit`.
+    bool waitEntered(std::chrono::milliseconds limit);
+    void open();
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    bool _entered = false;
+    bool _open = false;
+};
 
 // Number of descriptors open in this process (entries of /proc/self/fd).
 int OpenFdCount();

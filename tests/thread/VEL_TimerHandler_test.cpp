@@ -1,0 +1,178 @@
+#include "VEL_TimerHandler.h"
+
+#include <functional>
+#include <list>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "VEL_TimerManager.h"
+#include "VEL_TimerSubscriberInterface.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+// A manager without a thread: records the handlers put back into its queue.
+class FakeManager : public VEL_TimerManager {
+public:
+    unsigned long unsubscribe(unsigned long) override { return 0; }
+    std::vector<unsigned long> placedArgs;
+
+protected:
+    unsigned long subscribeImpl(const boost::shared_ptr<VEL_TimerSubscriberInterface>&,
+                                unsigned long, long) override {
+        return 0;
+    }
+    void subscribeHandler(VEL_TimerHandler*, unsigned long arg) override {
+        placedArgs.push_back(arg);
+    }
+    bool executeSubscribers() override { return true; }
+};
+
+class Counter : public VEL_TimerSubscriberInterface {
+public:
+    void handleEvent(unsigned long id) override {
+        ids.push_back(id);
+        if (log != nullptr) {
+            log->push_back(this);
+        }
+        if (raise) {
+            raise();
+        }
+    }
+    void cancel() override { ++cancels; }
+
+    std::vector<unsigned long> ids;
+    int cancels = 0;
+    std::vector<Counter*>* log = nullptr;
+    std::function<void()> raise;
+};
+
+class TimerHandlerTest : public ::testing::Test {
+protected:
+    ~TimerHandlerTest() override {
+        for (VEL_TimerHandler& handler : _handlers) {
+            handler.unlock();
+        }
+    }
+    // A handler outside any pool, armed at date `now`.
+    VEL_TimerHandler& arm(unsigned long duration, long repeat,
+                          const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber,
+                          const basis::TimeValue& now = basis::TimeValue(100, 250000)) {
+        _handlers.emplace_back();
+        _handlers.back().setTimer(duration, repeat, subscriber, nullptr, now);
+        return _handlers.back();
+    }
+
+    FakeManager _manager;
+    std::list<VEL_TimerHandler> _handlers;
+};
+
+TEST_F(TimerHandlerTest, RepeatCountGivesTheNumberOfShotsOneIntervalApart) {
+    const int kLimit = 20;
+    // 0 and 1 both mean once; a count beyond 32 bits is clamped, not cut down to 1.
+    const std::pair<long, int> cases[] = {
+            {0, 1}, {1, 1}, {2, 2}, {3, 3}, {0x100000001L, kLimit}, {-1, kLimit}, {-7, kLimit}};
+    for (const auto& [repeat, shots] : cases) {
+        SCOPED_TRACE(repeat);
+        auto counter = boost::make_shared<Counter>();
+        VEL_TimerHandler& handler = arm(2, repeat, counter);
+        _manager.placedArgs.clear();
+        int fired = 0;
+        while (fired < kLimit && !handler.trigger(&_manager, 7)) {
+            ++fired;
+        }
+        EXPECT_EQ(counter->ids.size(), static_cast<size_t>(shots));
+        EXPECT_EQ(counter->ids.front(), handler.getID());
+        // Put back after each shot but the last, each time one interval later than the first
+        // expiry (100.25 s + 2 s), with the strategy's argument passed through.
+        const long rearmed = static_cast<long>(_manager.placedArgs.size());
+        EXPECT_EQ(rearmed, shots == kLimit ? kLimit : shots - 1);
+        EXPECT_EQ(handler.getCurrentDate(), basis::TimeValue(102 + 2 * rearmed, 250000));
+        EXPECT_EQ(_manager.placedArgs, std::vector<unsigned long>(rearmed, 7));
+    }
+    // The interval is clamped to 32 bits as well.
+    VEL_TimerHandler& longest = arm(0x100000005UL, 0, boost::make_shared<Counter>());
+    EXPECT_EQ(longest.getCurrentDate(), basis::TimeValue(100 + 0xFFFFFFFFL, 250000));
+}
+
+TEST_F(TimerHandlerTest, CancelFalseLetsThePendingShotFireWithoutTellingTheSubscriber) {
+    auto counter = boost::make_shared<Counter>();
+    VEL_TimerHandler& handler = arm(1, -1, counter);
+    EXPECT_FALSE(handler.trigger(&_manager, 0));
+    handler.cancel(false);
+    EXPECT_TRUE(handler.trigger(&_manager, 0));
+    EXPECT_EQ(counter->ids.size(), 2u);
+    EXPECT_EQ(counter->cancels, 0);
+    EXPECT_FALSE(handler.isCanceled());
+}
+
+TEST_F(TimerHandlerTest, ThrowingCallbackIsTracedAndEndsTheTimer) {
+    struct Case {
+        std::function<void()> raise;
+        VELErr_t code;
+        const char* text;
+    };
+    const Case cases[] = {
+            {[] { throw std::bad_alloc(); }, kVELErr_Alloc, "Timer caught memory exception."},
+            {[] { throw std::runtime_error("x"); }, kVELErr_StlException,
+             "Timer caught STL exception."},
+            {[] { throw 42; }, kVELErr_UnknownException, "Timer caught unknown exception."}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        veltest::RecordingSink sink(kVELTrace_ThreadError);
+        veltest::ScopedSink installed(&sink);
+        auto thrower = boost::make_shared<Counter>();
+        thrower->raise = c.raise;
+        VEL_TimerHandler& handler = arm(1, -1, thrower);
+        EXPECT_TRUE(handler.trigger(&_manager, 0));
+        const std::vector<veltest::RecordingSink::Line> lines = sink.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].level, kVELLevel_Error);
+        EXPECT_EQ(lines[0].text, "THREAD - " + VEL_Tools::GetErrStr(c.code) + " ; " + c.text);
+    }
+    EXPECT_TRUE(_manager.placedArgs.empty());
+}
+
+TEST_F(TimerHandlerTest, SlotKeepsDatesSortedWithTheNewestFirstAmongEqualDates) {
+    // Seconds of each handler's date, in insertion order: goes first, last, or in between.
+    const long dates[] = {5, 3, 5, 7, 3, 6, 5, 1, 9};
+    std::vector<VEL_TimerHandler*> inserted;
+    VEL_TimerSlot slot;
+    for (long date : dates) {
+        inserted.push_back(&arm(0, 0, boost::make_shared<Counter>(), basis::TimeValue(date, 0)));
+        slot.insert(*inserted.back());
+    }
+    EXPECT_EQ(slot.getCount(), 9u);
+    EXPECT_TRUE(slot.remove(*inserted[5]));
+    EXPECT_FALSE(slot.remove(*inserted[5]));  // in no slot any more
+    // By insertion index: date 1 (#7); dates 3 (#4, #1); dates 5 (#6, #2, #0); 7 (#3); 9 (#8).
+    for (int index : {7, 4, 1, 6, 2, 0, 3}) {
+        EXPECT_EQ(slot.takeDue(basis::TimeValue(8, 0)), inserted[index]) << index;
+    }
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(8, 999999)), nullptr);  // 9 s is later
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[8]);
+    EXPECT_EQ(slot.getCount(), 0u);
+}
+
+TEST(CompositeTimerSubscriberTest, CallsEverySubscriberInListOrderWithTheSameId) {
+    std::vector<Counter*> log;
+    Counter a, b, c;
+    for (Counter* counter : {&a, &b, &c}) {
+        counter->log = &log;
+    }
+    VEL_CompositeTimerSubscriber composite({&c, &a, &b});
+    VEL_CompositeTimerSubscriber copy(composite);
+    copy.handleEvent(42);
+    EXPECT_EQ(log, (std::vector<Counter*>{&c, &a, &b}));
+    EXPECT_EQ(a.ids, std::vector<unsigned long>{42});
+    composite.cancel();  // not forwarded
+    EXPECT_EQ(a.cancels + b.cancels + c.cancels, 0);
+}
+
+}  // namespace

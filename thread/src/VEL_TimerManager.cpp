@@ -1,0 +1,354 @@
+#include "VEL_TimerManager.h"
+
+#include <memory>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include <boost/weak_ptr.hpp>
+
+#include "Guard.h"
+#include "VEL_StaticInit.h"
+#include "VEL_TimerManagerCircularQueue.h"
+#include "VEL_TimerManagerCircularQueueAsync.h"
+#include "VEL_TimerManagerLinearQueue.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+const VEL_StaticInit kStaticInit;
+
+// Handlers are made in blocks; a large block keeps the pool's growth cheap when many timers are
+// armed at once.
+constexpr unsigned long kHandlerBlock = 1024;
+
+void traceDeletedSubscriber(const char* text) {
+    if (VEL_Tools::IsTraceOn(kVELTrace_Thread)) {
+        VEL_Tools::TraceText(kVELLevel_Info, std::string("THREAD - ") + text);
+    }
+}
+
+const char kDeletedOnEvent[] = "Handle event of already deleted subscriber";
+const char kDeletedOnCancel[] = "Close already deleted subscriber";
+
+}  // namespace
+
+// Forwards to an object the manager does not own.
+class VEL_TimerManager::RawPtrWrapperSubscriber : public VEL_TimerSubscriberInterface {
+public:
+    explicit RawPtrWrapperSubscriber(VEL_TimerSubscriberInterface* subscriber)
+        : _subscriber(subscriber) {}
+
+    void handleEvent(unsigned long timerId) override {
+        if (_subscriber == nullptr) {
+            traceDeletedSubscriber(kDeletedOnEvent);
+            return;
+        }
+        _subscriber->handleEvent(timerId);
+    }
+    void cancel() override {
+        if (_subscriber == nullptr) {
+            traceDeletedSubscriber(kDeletedOnCancel);
+            return;
+        }
+        _subscriber->cancel();
+    }
+
+private:
+    VEL_TimerSubscriberInterface* const _subscriber;
+};
+
+// Forwards to a subscriber while it exists, holding it only for the call.
+class VEL_TimerManager::WeakPtrWrapperSubscriber : public VEL_TimerSubscriberInterface {
+public:
+    explicit WeakPtrWrapperSubscriber(
+            const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber)
+        : _subscriber(subscriber) {}
+
+    void handleEvent(unsigned long timerId) override {
+        const boost::shared_ptr<VEL_TimerSubscriberInterface> subscriber = _subscriber.lock();
+        if (!subscriber) {
+            traceDeletedSubscriber(kDeletedOnEvent);
+            return;
+        }
+        subscriber->handleEvent(timerId);
+    }
+    void cancel() override {
+        const boost::shared_ptr<VEL_TimerSubscriberInterface> subscriber = _subscriber.lock();
+        if (!subscriber) {
+            traceDeletedSubscriber(kDeletedOnCancel);
+            return;
+        }
+        subscriber->cancel();
+    }
+
+private:
+    const boost::weak_ptr<VEL_TimerSubscriberInterface> _subscriber;
+};
+
+std::atomic<VELTimerAlgorithm_t> VEL_TimerManager::_Algo{kVELTimerAlgo_CircularAsync};
+std::atomic<VEL_TimerManager::Factory_t> VEL_TimerManager::_Factory{nullptr};
+std::atomic<VEL_TimerManager*> VEL_TimerManager::_Instance{nullptr};
+basis::ThreadMutex VEL_TimerManager::_InstanceMutex;
+
+void VEL_TimerManager::Init(VELTimerAlgorithm_t algorithm) {
+    _Algo.store(algorithm);
+}
+
+void VEL_TimerManager::RegisterFactory(Factory_t factory) {
+    _Factory.store(factory);
+}
+
+VEL_TimerManager* VEL_TimerManager::GetInstance() {
+    VEL_TimerManager* instance = _Instance.load(std::memory_order_acquire);
+    if (instance != nullptr) {
+        return instance;
+    }
+    basis::GuardEx<basis::ThreadMutex> hold(_InstanceMutex);
+    instance = _Instance.load();
+    if (instance == nullptr) {
+        const Factory_t factory = _Factory.load();
+        instance = factory != nullptr ? factory() : Create(_Algo.load());
+        _Instance.store(instance, std::memory_order_release);
+    }
+    return instance;
+}
+
+VEL_TimerManager* VEL_TimerManager::PeekInstance() {
+    return _Instance.load(std::memory_order_acquire);
+}
+
+VEL_TimerManager* VEL_TimerManager::Create(VELTimerAlgorithm_t algorithm) {
+    switch (algorithm) {
+        case kVELTimerAlgo_Linear:
+            return VEL_TimerManagerLinearQueue::GetInstance();
+        case kVELTimerAlgo_Circular:
+            return VEL_TimerManagerCircularQueue::GetInstance();
+        case kVELTimerAlgo_CircularAsync:
+            return VEL_TimerManagerCircularQueueAsync::GetInstance();
+    }
+    return nullptr;
+}
+
+void VEL_TimerManager::CloseSingleton() {
+    VEL_TimerManager* closed = nullptr;
+    {
+        basis::GuardEx<basis::ThreadMutex> hold(_InstanceMutex);
+        closed = _Instance.load();
+        if (closed != nullptr) {
+            closed->stopTimer();
+            (void)closed->wait();
+            (void)closed->close(true);
+            // Subscribers released here may reach the manager from their destructors: it is
+            // still the instance, with nothing left to cancel.
+            closed->releaseAll();
+            _Instance.store(nullptr);
+        }
+    }
+    delete closed;
+    VEL_TimerHandler::CloseGenerator();
+}
+
+VEL_TimerManager* VEL_TimerManager::Started(VEL_TimerManager* manager) {
+    std::unique_ptr<VEL_TimerManager> owned(manager);
+    (void)owned->open();  // kErr_Ok or an exception
+    return owned.release();
+}
+
+VEL_TimerManager::VEL_TimerManager() : _handlerPool(kHandlerBlock) {}
+
+VEL_TimerManager::~VEL_TimerManager() {
+    // The strategies have joined their threads; what is left are timers nobody ended.
+    releaseAll();
+}
+
+basis::Err_t VEL_TimerManager::open() {
+    _stop.store(false);
+    if (activate(1, &_threadId) == basis::kErr_Ok) {
+        return basis::kErr_Ok;
+    }
+    _stop.store(true);
+    ThrowSpawnFailure();
+}
+
+void VEL_TimerManager::ThrowSpawnFailure() {
+    const std::string reason = "Failed to spawn timer manager thread : " +
+                               std::to_string(basis::Thread::GetLastSystemErr());
+    if (VEL_Tools::IsTraceOn(kVELTrace_ThreadError)) {
+        VEL_Tools::TraceText(
+                kVELLevel_Error,
+                "THREAD -  " + VEL_Tools::GetErrStr(kVELErr_TimerSpawn) + " ; " + reason);
+    }
+    throw std::runtime_error(reason);
+}
+
+bool VEL_TimerManager::run() {
+    bool result = true;
+    while (!_stop.load()) {
+        RunCatching([this, &result] { result = executeSubscribers(); });
+    }
+    return result;
+}
+
+void VEL_TimerManager::RunCatching(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        TraceCaught(kVELErr_Alloc, "VEL_TimerManager caught memory exception.");
+    } catch (const std::exception&) {
+        TraceCaught(kVELErr_StlException, "VEL_TimerManager caught STL exception.");
+    } catch (...) {
+        TraceCaught(kVELErr_UnknownException, "VEL_TimerManager caught unknown exception.");
+    }
+}
+
+void VEL_TimerManager::TraceCaught(VELErr_t code, const char* text) {
+    if (VEL_Tools::IsTraceOn(kVELTrace_ThreadError)) {
+        VEL_Tools::TraceText(kVELLevel_Error, VEL_Tools::ErrText("THREAD", code, text));
+    }
+}
+
+unsigned long VEL_TimerManager::subscribe(
+        const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber, unsigned long duration,
+        long period, bool weak) {
+    if (!weak) {
+        return subscribeImpl(subscriber, duration, period);
+    }
+    const boost::shared_ptr<VEL_TimerSubscriberInterface> wrapper(
+            new WeakPtrWrapperSubscriber(subscriber));
+    return subscribeImpl(wrapper, duration, period);
+}
+
+unsigned long VEL_TimerManager::subscribe(VEL_TimerSubscriberInterface* subscriber,
+                                          unsigned long duration, long period) {
+    const boost::shared_ptr<VEL_TimerSubscriberInterface> wrapper(
+            new RawPtrWrapperSubscriber(subscriber));
+    return subscribeImpl(wrapper, duration, period);
+}
+
+void VEL_TimerManager::removeTimer(unsigned long id) {
+    VEL_TimerHandler* handler = nullptr;
+    {
+        basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
+        const auto found = _registry.find(static_cast<std::uint32_t>(id));
+        if (found == _registry.end()) {
+            return;
+        }
+        handler = found->second;
+        _registry.erase(found);
+    }
+    if (handler != nullptr) {
+        handler->unlock();
+    }
+}
+
+void VEL_TimerManager::notifyActivity() {}
+
+void VEL_TimerManager::stopTimer() {
+    std::lock_guard<basis::ThreadMutex> hold(_wakeLock);
+    _stop.store(true);
+    (void)_wakeUp.broadcast();  // cannot fail with the lock held
+}
+
+bool VEL_TimerManager::triggerSubscriber(VEL_TimerHandler* handler, unsigned long arg) {
+    return handler->trigger(this, arg);
+}
+
+basis::TimeValue VEL_TimerManager::NextTick(const basis::TimeValue& date) {
+    return basis::TimeValue(date.getSecond(),
+                            (date.getMicrosecond() / kTickMicroseconds + 1) * kTickMicroseconds);
+}
+
+unsigned long VEL_TimerManager::startTimer(
+        const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber, unsigned long duration,
+        long period) {
+    basis::Object<VEL_TimerHandler>* pooled = nullptr;
+    if (_handlerPool.getFreeObject(&pooled) != basis::kErr_Ok) {
+        return 0;
+    }
+    VEL_TimerHandler* handler = pooled->get();
+    handler->setTimer(duration, period, subscriber, pooled,
+                      NextTick(basis::TimeValue::GetHRTime()));
+    // Read before the handler is placed: from then on it may fire, end and be armed again.
+    const unsigned long id = handler->getID();
+    try {
+        basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
+        _registry[static_cast<std::uint32_t>(id)] = handler;
+    } catch (const std::bad_alloc&) {
+        handler->unlock();
+        return 0;
+    }
+    subscribeHandler(handler, 0);
+    return id;
+}
+
+unsigned long VEL_TimerManager::cancelTimer(unsigned long id, VEL_TimerSlot* slots) {
+    if (id > UINT32_MAX) {
+        return 0;
+    }
+    VEL_TimerHandler* handler = nullptr;
+    bool waiting = false;
+    {
+        basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
+        const auto found = _registry.find(static_cast<std::uint32_t>(id));
+        if (found == _registry.end() || found->second == nullptr) {
+            return 0;
+        }
+        handler = found->second;
+        // With the registry held for writing nobody places the handler, so if it is in a slot
+        // at all, it is in the one its position names.
+        VEL_TimerSlot& slot = slots[handler->getPos()];
+        std::lock_guard<basis::ThreadMutex> slotHold(slot.getLock());
+        waiting = slot.remove(*handler);
+        if (waiting) {
+            _registry.erase(found);
+        } else {
+            // The timer thread holds it for its trigger; the timer ends there, through
+            // removeTimer. Keep the handler out of the pool until it is detached below.
+            handler->cancel(false);
+            handler->retain();
+        }
+    }
+    if (!waiting) {
+        handler->detach();
+        return 0;
+    }
+    handler->cancel(true);
+    handler->unlock();
+    return id;
+}
+
+void VEL_TimerManager::triggerAll(VEL_TimerDueList& due) {
+    // No callback starts once the manager is stopping; what is left stays registered and is
+    // released by the close.
+    while (!isStopping()) {
+        VEL_TimerHandler* handler = due.popFront();
+        if (handler == nullptr) {
+            break;
+        }
+        if (triggerSubscriber(handler, handler->getPos())) {
+            removeTimer(handler->getID());
+        }
+    }
+}
+
+void VEL_TimerManager::sleepFor(const basis::TimeValue& span) {
+    const basis::TimeValue tick(0, kTickMicroseconds);
+    basis::TimeValue limit = span < tick ? span : tick;
+    std::lock_guard<basis::ThreadMutex> hold(_wakeLock);
+    if (!_stop.load() && limit > basis::TimeValue::kZero) {
+        (void)_wakeUp.wait(&limit);  // woken early by stopTimer; a time-out is the normal end
+    }
+}
+
+void VEL_TimerManager::releaseAll() {
+    std::map<std::uint32_t, VEL_TimerHandler*> registry;
+    {
+        basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
+        registry.swap(_registry);
+    }
+    for (const auto& entry : registry) {
+        entry.second->unlock();
+    }
+}
