@@ -1,5 +1,7 @@
 #include "Object.h"
 
+#include <algorithm>
+
 namespace basis {
 
 ThreadMutex BaseObjectMgr::_InstanceMutex;
@@ -22,8 +24,16 @@ Err_t BaseObjectMgr::getFreeObject(BaseObject** object) {
     std::lock_guard<std::mutex> hold(_lock);
     if (_free.empty()) {
         try {
-            _all.reserve(_all.size() + _blockSize);
-            _free.reserve(_all.size() + _blockSize);
+            // Grow geometrically: reserving exactly one more block each time would copy the
+            // lists again at every block. _free can hold every object, so setObject never
+            // allocates.
+            const std::size_t wanted = _all.size() + _blockSize;
+            if (_all.capacity() < wanted) {
+                _all.reserve(std::max(wanted, 2 * _all.capacity()));
+            }
+            if (_free.capacity() < _all.capacity()) {
+                _free.reserve(_all.capacity());
+            }
             for (unsigned long i = 0; i < _blockSize; ++i) {
                 BaseObject* made = createObject();
                 made->_owner = this;
