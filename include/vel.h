@@ -42,4 +42,11 @@
 #include "VEL_TCPSocket.h"
 #include "VEL_UDPSocket.h"
 
+// Reactor
+#include "VEL_EventHandler.h"
+#include "VEL_IOReactor.h"
+#include "VEL_PollingEntry.h"
+#include "VEL_SelectIOReactor.h"
+#include "VEL_SockCtrlIOReactor.h"
+
 #endif  // INCLUDE_VEL_H
