@@ -61,7 +61,8 @@ public:
     virtual bool handleOutput(void* arg);
     virtual bool handleInactivity();
     virtual bool handleClose();
-    // The handle; all bits set (0xFFFFFFFF) means none, which every registration refuses.
+    // The handle; all bits set (0xFFFFFFFF) means none, which every registration refuses. The
+    // reactor may ask for it under its locks: an override only returns the handle.
     virtual unsigned int getHandle() const;
     virtual void setHandle(unsigned int handle);
 

@@ -33,8 +33,10 @@
 //   runs on the reactor thread.
 //
 // The reactor can also be driven without its thread (init, start, then waitEvents and
-// processEvents in turn from one calling thread at a time); the calling thread is then the
-// reactor thread for the span of each call.
+// processEvents in turn, from one thread at a time): the driving thread is the reactor thread.
+//
+// A back end supplies waitForEvents (reporting what it found through reportReady), addHandle,
+// removeHandle, changeHandleOps and wakeUp, and calls stopLoop() first in its destructor.
 //
 // Ownership: the reactor holds each registered handler by shared pointer until the removal is
 // applied (or clean() has run); it never closes handles itself. Stop the loop (stop(), then
@@ -214,6 +216,7 @@ private:
     bool isReactorThread() const;
     void becomeReactorThread();
     VELErr_t wake();
+    VELErr_t tracedWakeUp();
     bool reserveSlot();
     void releaseSlot();
     VEL_PollingEntry* takeEntry();

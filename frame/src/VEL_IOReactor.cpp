@@ -69,6 +69,9 @@ VEL_IOReactor::~VEL_IOReactor() {
 
 basis::Err_t VEL_IOReactor::open() {
     (void)wait();  // a previous loop thread has ended; join it before starting the next
+    // The caller may have driven the reactor (clean, processEvents): from now on only the loop
+    // thread is the reactor thread.
+    _reactorThread.store(0, std::memory_order_relaxed);
     return activate(1);
 }
 
@@ -93,6 +96,10 @@ VELErr_t VEL_IOReactor::wake() {
         _wakeOwed = true;
         return kVELErr_Ok;
     }
+    return tracedWakeUp();
+}
+
+VELErr_t VEL_IOReactor::tracedWakeUp() {
     const VELErr_t code = wakeUp();
     if (code != kVELErr_Ok) {
         velframe::traceError(code);
@@ -447,11 +454,7 @@ VELErr_t VEL_IOReactor::stop() {
         _stopRequested = true;
         _stopped.store(true);
     }
-    const VELErr_t code = wakeUp();
-    if (code != kVELErr_Ok) {
-        velframe::traceError(code);
-    }
-    return code;
+    return tracedWakeUp();
 }
 
 void VEL_IOReactor::start() {

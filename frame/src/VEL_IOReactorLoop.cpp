@@ -91,14 +91,14 @@ VELErr_t VEL_IOReactor::processPendingEvents() {
     }
     const basis::TimeValue now = basis::TimeValue::GetHRTime();
     while (_pendingHead != nullptr) {
-        notifyActivity();
         VEL_PollingEntry* entry = _pendingHead;
-        // Unlinked before its call-backs run, so that neither a failure nor an exception can
+        // Unlinked before anything runs for it, so that neither a failure nor an exception can
         // leave it at the head to be dispatched again.
         _pendingHead = entry->_nextPending;
         entry->_nextPending = nullptr;
         entry->_pending = false;
         --_pendingCount;
+        notifyActivity();
         VELErr_t code = kVELErr_Ok;
         {
             const Dispatching current(*this, entry);

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include <boost/enable_shared_from_this.hpp>
+#include <boost/weak_ptr.hpp>
 #include <gtest/gtest.h>
 
 #include "ReactorSupport.h"
@@ -28,31 +28,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using veltest::ScriptedHandler;
 
-// Echoes what its connection sends; removes itself, then closes, when the client leaves.
-class EchoHandler : public VEL_EventHandler, public boost::enable_shared_from_this<EchoHandler> {
-public:
-    EchoHandler(VEL_Socket* socket, VEL_IOReactor& reactor)
-        : VEL_EventHandler(socket->getHandle()), _socket(socket), _reactor(reactor) {}
-
-    bool handleInput() override {
-        char buffer[4096];
-        unsigned int length = sizeof(buffer);
-        const VELErr_t code = _socket->recvAvail(buffer, &length);
-        if (code == kVELErr_Ok || (code == kVELErr_Incomplete && length > 0)) {
-            return _socket->send(buffer, length) == kVELErr_Ok;
-        }
-        if (code == kVELErr_Incomplete) {
-            return true;
-        }
-        EXPECT_EQ(_reactor.removeEventHandler(shared_from_this()), kVELErr_Ok);
-        return _socket->close() == kVELErr_Ok;
-    }
-
-private:
-    std::unique_ptr<VEL_Socket> _socket;
-    VEL_IOReactor& _reactor;
-};
-
 // A running reactor of the back end under test; it is stopped and cleaned after each test, and
 // every descriptor and socket must be back.
 class ReactorTest : public veltest::SocketLeakTest,
@@ -62,7 +37,8 @@ protected:
         SocketLeakTest::SetUp();
         _reactor = GetParam()(64, basis::TimeValue(1, 0));
         ASSERT_EQ(_reactor->init(), kVELErr_Ok);
-        EXPECT_EQ(_reactor->getNbElement(), 1u);  // the wake-up socket
+        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
+        EXPECT_EQ(_reactor->getNbElement(), 1u);  // the wake-up socket, once
         ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
     }
     void TearDown() override {
@@ -114,10 +90,24 @@ TEST_P(ReactorTest, EchoServerServesManyClientsAtOnce) {
     const auto listener = ScriptedHandler::Make(acceptor.getHandle());
     listener->onInput = [this, &acceptor] {
         VEL_Socket* accepted = nullptr;
-        if (acceptor.accept(accepted) == kVELErr_Ok) {
-            EXPECT_EQ(add(boost::shared_ptr<EchoHandler>(new EchoHandler(accepted, *_reactor))),
-                      kVELErr_Ok);
+        if (acceptor.accept(accepted) != kVELErr_Ok) {
+            return true;
         }
+        const std::shared_ptr<VEL_Socket> socket(accepted);
+        const auto echo = ScriptedHandler::Make(socket->getHandle());
+        const boost::weak_ptr<ScriptedHandler> self = echo;
+        echo->onInput = [this, socket, self] {
+            char buffer[4096];
+            unsigned int length = sizeof(buffer);
+            const VELErr_t code = socket->recvAvail(buffer, &length);
+            if (code == kVELErr_Ok || code == kVELErr_Incomplete) {
+                return length == 0 || socket->send(buffer, length) == kVELErr_Ok;
+            }
+            // The client left: remove, then close.
+            EXPECT_EQ(_reactor->removeEventHandler(self.lock()), kVELErr_Ok);
+            return socket->close() == kVELErr_Ok;
+        };
+        EXPECT_EQ(add(echo), kVELErr_Ok);
         return true;
     };
     ASSERT_EQ(add(listener), kVELErr_Ok);
@@ -137,9 +127,9 @@ TEST_P(ReactorTest, EchoServerServesManyClientsAtOnce) {
                     EXPECT_TRUE(veltest::WriteAll(connection.get(), sent.back()));
                 }
                 for (std::size_t i = 0; i < connections.size(); ++i) {
-                    echoed += veltest::ReadExactly(connections[i].get(), sent[i].size()) == sent[i]
-                                      ? 1
-                                      : 0;
+                    const std::string back =
+                            veltest::ReadExactly(connections[i].get(), sent[i].size());
+                    echoed += back == sent[i] ? 1 : 0;
                 }
             }
         });

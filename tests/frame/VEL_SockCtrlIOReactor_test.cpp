@@ -4,10 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "ReactorSupport.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
-#include "VEL_SelectIOReactor.h"
 #include "VEL_Tools.h"
 #include "VEL_UDPSocket.h"
 
@@ -38,29 +36,6 @@ TEST_F(SockCtrlTest, OneWakeUpDatagramInFlightAndReadingRearms) {
     EXPECT_FALSE(handler->handleInput());
     EXPECT_TRUE(sink.contains("FRAME - Invalid socket {"));
     EXPECT_TRUE(sink.contains("} ; recv failed"));
-}
-
-TEST_F(SockCtrlTest, InitRegistersTheControlSocketOnceAndCleanRemovesIt) {
-    VEL_SelectIOReactor reactor(4, basis::TimeValue());
-    EXPECT_EQ(reactor.getNbElement(), 0u);
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(reactor.init(), kVELErr_Ok);
-        EXPECT_EQ(reactor.init(), kVELErr_Ok);
-        EXPECT_EQ(reactor.getNbElement(), 1u);
-        reactor.start();
-        veltest::RawPair pair = veltest::MakeRawPair();
-        const auto handler = veltest::ScriptedHandler::Make(pair.server.get());
-        handler->onInput = [&pair] { return veltest::Drain(pair.server.get()); };
-        ASSERT_EQ(reactor.open(), basis::kErr_Ok);
-        ASSERT_EQ(reactor.addEventHandler(handler, basis::TimeValue(), kVELOp_Read), kVELErr_Ok);
-        ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
-        EXPECT_TRUE(handler->waitFor("in", 1));
-        EXPECT_EQ(reactor.stop(), kVELErr_Ok);
-        EXPECT_EQ(reactor.wait(), basis::kErr_Ok);
-        EXPECT_EQ(reactor.clean(), kVELErr_Ok);
-        EXPECT_EQ(handler->calls().back(), "close");
-        EXPECT_EQ(reactor.getNbElement(), 0u);
-    }
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "VEL_SelectIOReactor.h"
 
@@ -11,10 +11,6 @@ namespace veltest {
 
 boost::shared_ptr<ScriptedHandler> ScriptedHandler::Make(unsigned int handle) {
     return boost::shared_ptr<ScriptedHandler>(new ScriptedHandler(handle));
-}
-
-bool ScriptedHandler::handleOutput(void* arg) {
-    return call(arg == nullptr ? "out" : "out with argument", onOutput);
 }
 
 bool ScriptedHandler::call(const char* name, const std::function<bool()>& hook) {
@@ -31,29 +27,23 @@ std::vector<std::string> ScriptedHandler::calls() const {
     return _calls;
 }
 
+int ScriptedHandler::countLocked(const std::string& name) const {
+    return static_cast<int>(std::count(_calls.begin(), _calls.end(), name));
+}
+
 int ScriptedHandler::count(const std::string& name) const {
     std::lock_guard<std::mutex> hold(_lock);
-    int found = 0;
-    for (const std::string& call : _calls) {
-        found += call == name ? 1 : 0;
-    }
-    return found;
+    return countLocked(name);
 }
 
 bool ScriptedHandler::waitFor(const std::string& name, int times,
                               std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> hold(_lock);
-    return _changed.wait_for(hold, limit, [&] {
-        int found = 0;
-        for (const std::string& call : _calls) {
-            found += call == name ? 1 : 0;
-        }
-        return found >= times;
-    });
+    return _changed.wait_for(hold, limit, [&] { return countLocked(name) >= times; });
 }
 
-FakeIOReactor::FakeIOReactor(unsigned long size, const basis::TimeValue& idleTimeout)
-    : VEL_IOReactor(size, idleTimeout) {}
+FakeIOReactor::FakeIOReactor(unsigned long size, bool spin)
+    : VEL_IOReactor(size, basis::TimeValue(0, 200000)), _spin(spin) {}
 
 void FakeIOReactor::script(unsigned int handle, unsigned short ops) {
     {
@@ -63,22 +53,9 @@ void FakeIOReactor::script(unsigned int handle, unsigned short ops) {
     _changed.notify_all();
 }
 
-void FakeIOReactor::setSpin(bool spin) {
-    {
-        std::lock_guard<std::mutex> hold(_lock);
-        _spin = spin;
-    }
-    _changed.notify_all();
-}
-
 std::vector<std::string> FakeIOReactor::backEndCalls() const {
     std::lock_guard<std::mutex> hold(_lock);
     return _calls;
-}
-
-std::map<unsigned int, unsigned short> FakeIOReactor::polled() const {
-    std::lock_guard<std::mutex> hold(_lock);
-    return _polled;
 }
 
 int FakeIOReactor::wakeUps() const {
@@ -86,9 +63,10 @@ int FakeIOReactor::wakeUps() const {
     return _wakeUps;
 }
 
-void FakeIOReactor::record(const std::string& call) {
+VELErr_t FakeIOReactor::record(const std::string& call) {
     std::lock_guard<std::mutex> hold(_lock);
     _calls.push_back(call);
+    return kVELErr_Ok;
 }
 
 VELErr_t FakeIOReactor::waitForEvents(const basis::TimeValue* timeout) {
@@ -98,14 +76,12 @@ VELErr_t FakeIOReactor::waitForEvents(const basis::TimeValue* timeout) {
         const auto woken = [this] { return _spin || _woken || !_script.empty() || isStopped(); };
         if (timeout == nullptr) {
             _changed.wait(hold, woken);
-        } else {
-            _changed.wait_for(hold, std::chrono::microseconds(timeout->toMicroseconds()), woken);
+        } else if (!_changed.wait_for(hold, std::chrono::microseconds(timeout->toMicroseconds()),
+                                      woken)) {
+            return kVELErr_Timeout;
         }
         if (isStopped()) {
             return kVELErr_ReactorStopped;
-        }
-        if (_script.empty() && !_woken && !_spin) {
-            return kVELErr_Timeout;
         }
         _woken = false;
         ready.swap(_script);
@@ -114,29 +90,19 @@ VELErr_t FakeIOReactor::waitForEvents(const basis::TimeValue* timeout) {
 }
 
 VELErr_t FakeIOReactor::addHandle(unsigned int handle, unsigned short ops) {
-    record("add " + std::to_string(handle) + " " + std::to_string(ops));
-    std::lock_guard<std::mutex> hold(_lock);
-    _polled[handle] = ops;
-    return kVELErr_Ok;
+    return record("add " + std::to_string(handle) + " " + std::to_string(ops));
 }
 
 VELErr_t FakeIOReactor::removeHandle(unsigned int handle) {
-    record("remove " + std::to_string(handle));
-    std::lock_guard<std::mutex> hold(_lock);
-    _polled.erase(handle);
-    return kVELErr_Ok;
+    return record("remove " + std::to_string(handle));
 }
 
 VELErr_t FakeIOReactor::changeHandleOps(unsigned int handle, unsigned short ops) {
-    record("change " + std::to_string(handle) + " " + std::to_string(ops));
-    std::lock_guard<std::mutex> hold(_lock);
-    _polled[handle] = ops;
-    return kVELErr_Ok;
+    return record("change " + std::to_string(handle) + " " + std::to_string(ops));
 }
 
 VELErr_t FakeIOReactor::doSetSize() {
-    record("resize");
-    return kVELErr_Ok;
+    return record("resize");
 }
 
 VELErr_t FakeIOReactor::wakeUp() {

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,7 +27,7 @@ public:
     static boost::shared_ptr<ScriptedHandler> Make(unsigned int handle);
 
     bool handleInput() override { return call("in", onInput); }
-    bool handleOutput(void* arg) override;
+    bool handleOutput(void* arg) override { return call(arg ? "out(arg)" : "out", onOutput); }
     bool handleInactivity() override { return call("ito", onInactivity); }
     bool handleClose() override { return call("close", onClose); }
 
@@ -40,37 +39,29 @@ public:
 
     std::function<bool()> onInput, onOutput, onInactivity, onClose;
 
-protected:
-    explicit ScriptedHandler(unsigned int handle) : VEL_EventHandler(handle) {}
-
 private:
+    explicit ScriptedHandler(unsigned int handle) : VEL_EventHandler(handle) {}
     bool call(const char* name, const std::function<bool()>& hook);
+    int countLocked(const std::string& name) const;
 
     mutable std::mutex _lock;
     mutable std::condition_variable _changed;
     std::vector<std::string> _calls;
 };
 
-// A reactor over an in-memory back end. Waits report what script() queued (blocking until
-// something is queued, a wake-up comes or the time-out passes), or return at once in spin mode.
+// A reactor over an in-memory back end. A wait reports what script() queued, blocking until
+// something is queued, a wake-up comes or the time-out passes; in spin mode it returns at once.
 class FakeIOReactor : public VEL_IOReactor {
 public:
-    explicit FakeIOReactor(unsigned long size = 16,
-                           const basis::TimeValue& idleTimeout = basis::TimeValue(0, 200000));
+    explicit FakeIOReactor(unsigned long size = 16, bool spin = false);
     ~FakeIOReactor() override { stopLoop(); }
 
     void script(unsigned int handle, unsigned short ops);
-    void setSpin(bool spin);
     // Calls made to the back end, as "add h ops", "remove h", "change h ops", "resize".
     std::vector<std::string> backEndCalls() const;
-    // The handles polled, with their operations.
-    std::map<unsigned int, unsigned short> polled() const;
     int wakeUps() const;
 
-    using VEL_IOReactor::checkInactivity;
     using VEL_IOReactor::GetPollingError;
-    using VEL_IOReactor::processModifSet;
-    using VEL_IOReactor::processPendingEvents;
 
 protected:
     VELErr_t waitForEvents(const basis::TimeValue* timeout) override;
@@ -81,14 +72,13 @@ protected:
     VELErr_t wakeUp() override;
 
 private:
-    void record(const std::string& call);
+    VELErr_t record(const std::string& call);
 
+    const bool _spin;
     mutable std::mutex _lock;
     std::condition_variable _changed;
     std::vector<VELReadyHandle_t> _script;
     std::vector<std::string> _calls;
-    std::map<unsigned int, unsigned short> _polled;
-    bool _spin = false;
     bool _woken = false;
     int _wakeUps = 0;
 };
