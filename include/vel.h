@@ -62,4 +62,11 @@
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_TimerSubscriberInterface.h"
 
+// Reactor
+#include "VEL_EventHandler.h"
+#include "VEL_IOReactor.h"
+#include "VEL_PollingEntry.h"
+#include "VEL_SelectIOReactor.h"
+#include "VEL_SockCtrlIOReactor.h"
+
 #endif  // INCLUDE_VEL_H

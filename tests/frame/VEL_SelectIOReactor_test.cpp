@@ -1,0 +1,343 @@
+#include "VEL_SelectIOReactor.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/weak_ptr.hpp>
+#include <gtest/gtest.h>
+
+#include "ReactorSupport.h"
+#include "SocketSupport.h"
+#include "TestSupport.h"
+#include "VEL_TCPAcceptor.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using veltest::ScriptedHandler;
+
+// A running reactor of the back end under test; it is stopped and cleaned after each test, and
+// every descriptor and socket must be back.
+class ReactorTest : public veltest::SocketLeakTest,
+                    public ::testing::WithParamInterface<veltest::ReactorFactory> {
+protected:
+    void SetUp() override {
+        SocketLeakTest::SetUp();
+        _reactor = GetParam()(64, basis::TimeValue(1, 0));
+        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
+        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
+        EXPECT_EQ(_reactor->getNbElement(), 1u);  // the wake-up socket, once
+        ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
+    }
+    void TearDown() override {
+        EXPECT_EQ(_reactor->stop(), kVELErr_Ok);
+        EXPECT_EQ(_reactor->wait(), basis::kErr_Ok);
+        EXPECT_EQ(_reactor->clean(), kVELErr_Ok);
+        EXPECT_EQ(_reactor->getNbElement(), 0u);
+        _reactor.reset();
+        SocketLeakTest::TearDown();
+    }
+    static boost::shared_ptr<ScriptedHandler> reader(int fd) {
+        const boost::shared_ptr<ScriptedHandler> handler = ScriptedHandler::Make(fd);
+        handler->onInput = [fd] { return veltest::Drain(fd); };
+        return handler;
+    }
+    VELErr_t add(const boost::shared_ptr<VEL_EventHandler>& handler, unsigned short ops = 1) {
+        return _reactor->addEventHandler(handler, basis::TimeValue(), ops);
+    }
+
+    std::unique_ptr<VEL_IOReactor> _reactor;
+};
+
+// The reactor waits without limit (no idle time-out): each change is seen only if it woke it.
+TEST_P(ReactorTest, ChangesFromAnotherThreadWakeTheWait) {
+    veltest::RawPair pair = veltest::MakeRawPair();
+    veltest::RawPair other = veltest::MakeRawPair();
+    const auto handler = reader(pair.server.get());
+    ASSERT_EQ(add(handler), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
+    EXPECT_TRUE(handler->waitFor("in", 1));
+    ASSERT_EQ(_reactor->changeEventHandlerOps(handler, kVELOp_Write), kVELErr_Ok);
+    EXPECT_TRUE(handler->waitFor("out", 1));
+    ASSERT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+    const auto sentinel = reader(other.server.get());
+    ASSERT_EQ(add(sentinel), kVELErr_Ok);
+    const int outputs = handler->count("out");
+    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
+    ASSERT_TRUE(veltest::WriteAll(other.client.get(), "y"));
+    EXPECT_TRUE(sentinel->waitFor("in", 1));
+    EXPECT_EQ(handler->count("in"), 1);
+    EXPECT_LE(handler->count("out"), outputs + 1);  // at most the pass that applied the removal
+    EXPECT_EQ(_reactor->removeEventHandler(sentinel), kVELErr_Ok);
+}
+
+TEST_P(ReactorTest, EchoServerServesManyClientsAtOnce) {
+    constexpr int kThreads = 4, kConnections = 8, kRounds = 20;
+    VEL_TCPAcceptor acceptor(0, "127.0.0.1");
+    ASSERT_EQ(acceptor.open(), kVELErr_Ok);
+    const auto listener = ScriptedHandler::Make(acceptor.getHandle());
+    listener->onInput = [this, &acceptor] {
+        VEL_Socket* accepted = nullptr;
+        if (acceptor.accept(accepted) != kVELErr_Ok) {
+            return true;
+        }
+        const std::shared_ptr<VEL_Socket> socket(accepted);
+        const auto echo = ScriptedHandler::Make(socket->getHandle());
+        const boost::weak_ptr<ScriptedHandler> self = echo;
+        echo->onInput = [this, socket, self] {
+            char buffer[4096];
+            unsigned int length = sizeof(buffer);
+            const VELErr_t code = socket->recvAvail(buffer, &length);
+            if (code == kVELErr_Ok || code == kVELErr_Incomplete) {
+                return length == 0 || socket->send(buffer, length) == kVELErr_Ok;
+            }
+            // The client left: remove, then close.
+            EXPECT_EQ(_reactor->removeEventHandler(self.lock()), kVELErr_Ok);
+            return socket->close() == kVELErr_Ok;
+        };
+        EXPECT_EQ(add(echo), kVELErr_Ok);
+        return true;
+    };
+    ASSERT_EQ(add(listener), kVELErr_Ok);
+    const unsigned short port = acceptor.getLocalAddr().getPort();
+    std::atomic<int> echoed{0};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < kThreads; ++t) {
+        clients.emplace_back([&, t] {
+            std::vector<veltest::RawFd> connections;
+            for (int i = 0; i < kConnections; ++i) {
+                connections.push_back(veltest::RawConnect(port));
+            }
+            for (int round = 0; round < kRounds; ++round) {
+                std::vector<std::string> sent;
+                for (const veltest::RawFd& connection : connections) {
+                    sent.push_back(veltest::Pattern(50 + sent.size() * 97, t * 100 + round));
+                    EXPECT_TRUE(veltest::WriteAll(connection.get(), sent.back()));
+                }
+                for (std::size_t i = 0; i < connections.size(); ++i) {
+                    const std::string back =
+                            veltest::ReadExactly(connections[i].get(), sent[i].size());
+                    echoed += back == sent[i] ? 1 : 0;
+                }
+            }
+        });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    EXPECT_EQ(echoed.load(), kThreads * kConnections * kRounds);
+    // Every echo handler saw its client leave and removed itself.
+    EXPECT_TRUE(veltest::WaitFor([this] { return _reactor->getNbElement() == 2; }));
+    EXPECT_EQ(_reactor->removeEventHandler(listener), kVELErr_Ok);
+}
+
+TEST_P(ReactorTest, RegistrationHammeredFromFourThreads) {
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    const unsigned int seed = ::testing::UnitTest::GetInstance()->random_seed();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    constexpr int kThreads = 4, kHandles = 4;
+    std::vector<veltest::RawPair> pairs;
+    for (int i = 0; i < kThreads * kHandles; ++i) {
+        pairs.push_back(veltest::MakeRawPair());
+    }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 random(seed + t);
+            std::vector<boost::shared_ptr<VEL_EventHandler>> handlers;
+            bool registered[kHandles] = {};
+            for (int i = 0; i < kHandles; ++i) {
+                handlers.push_back(VEL_EventHandler::Create(pairs[t * kHandles + i].server.get()));
+            }
+            const auto end = steady_clock::now() + milliseconds(1500);
+            for (int round = 0; round < 600 && steady_clock::now() < end; ++round) {
+                const int i = static_cast<int>(random() % kHandles);
+                const unsigned short ops = static_cast<unsigned short>(random() % 4);
+                switch (random() % 4) {
+                    case 0:
+                        EXPECT_EQ(add(handlers[i], ops),
+                                  registered[i] ? kVELErr_FdRegistered : kVELErr_Ok);
+                        registered[i] = true;
+                        break;
+                    case 1:
+                        EXPECT_EQ(_reactor->removeEventHandler(handlers[i]),
+                                  registered[i] ? kVELErr_Ok : kVELErr_HandlerNotRegistered);
+                        registered[i] = false;
+                        break;
+                    case 2:
+                        EXPECT_EQ(_reactor->changeEventHandlerOps(handlers[i], ops),
+                                  registered[i] ? kVELErr_Ok : kVELErr_HandlerNotRegistered);
+                        break;
+                    default:
+                        EXPECT_TRUE(veltest::WriteAll(pairs[t * kHandles + i].client.get(), "."));
+                }
+            }
+            for (int i = 0; i < kHandles; ++i) {
+                if (registered[i]) {
+                    EXPECT_EQ(_reactor->removeEventHandler(handlers[i]), kVELErr_Ok);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(_reactor->getNbElement(), 1u);
+    // A pass after the last removals: the registry and the polling set agree.
+    const auto sentinel = reader(pairs[0].client.get());
+    ASSERT_EQ(add(sentinel), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(pairs[0].server.get(), "x"));
+    EXPECT_TRUE(sentinel->waitFor("in", 1));
+    EXPECT_EQ(_reactor->removeEventHandler(sentinel), kVELErr_Ok);
+    for (const char* wrong : {"polling set", "Invalid polling entry", "Bad file descriptor"}) {
+        EXPECT_FALSE(sink.contains(wrong)) << wrong;
+    }
+}
+
+// Broke when the entry lock was held across call-backs: the remover held the table lock and
+// waited for the entry, the call-back held the entry and waited for the table.
+TEST_P(ReactorTest, CallBackRegistersWhileAnotherThreadRemovesItsHandler) {
+    veltest::RawPair first = veltest::MakeRawPair();
+    veltest::RawPair second = veltest::MakeRawPair();
+    const auto served = reader(first.server.get());
+    const auto next = reader(second.server.get());
+    std::atomic<bool> inCallBack{false}, removed{false}, removedMeanwhile{false};
+    std::atomic<VELErr_t> added{kVELErr_Alloc};
+    served->onInput = [&] {
+        inCallBack = true;
+        removedMeanwhile = veltest::WaitFor([&] { return removed.load(); }, milliseconds(3000));
+        added = add(next);
+        return veltest::Drain(first.server.get());
+    };
+    ASSERT_EQ(add(served), kVELErr_Ok);
+    std::thread remover([&] {
+        EXPECT_TRUE(veltest::WaitFor([&] { return inCallBack.load(); }));
+        EXPECT_EQ(_reactor->removeEventHandler(served), kVELErr_Ok);
+        removed = true;
+    });
+    ASSERT_TRUE(veltest::WriteAll(first.client.get(), "x"));
+    remover.join();
+    ASSERT_TRUE(veltest::WriteAll(second.client.get(), "y"));
+    EXPECT_TRUE(next->waitFor("in", 1));
+    EXPECT_TRUE(removedMeanwhile.load());
+    EXPECT_EQ(added.load(), kVELErr_Ok);
+    EXPECT_EQ(_reactor->removeEventHandler(next), kVELErr_Ok);
+}
+
+TEST_P(ReactorTest, ClosedDescriptorLeftRegisteredIsDropped) {
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    veltest::RawPair pair = veltest::MakeRawPair();
+    veltest::RawFd doomed(::dup2(pair.server.get(), 900));  // a number nothing else takes
+    ASSERT_EQ(doomed.get(), 900);
+    const auto handler = ScriptedHandler::Make(900);
+    ASSERT_EQ(add(handler), kVELErr_Ok);
+    doomed.reset();
+    ASSERT_EQ(_reactor->setSize(64), kVELErr_Ok);  // one more pass
+    EXPECT_TRUE(veltest::WaitFor([&] { return _reactor->getNbElement() == 1; }));
+    EXPECT_TRUE(veltest::WaitFor([&] { return handler.use_count() == 1; }));
+    EXPECT_EQ(_reactor->getLastError(), kVELErr_BadFd);
+    EXPECT_TRUE(sink.contains("FRAME - Bad file descriptor {9}"));
+    EXPECT_FALSE(sink.contains("corrupt reactor file descriptor"));
+}
+
+TEST_P(ReactorTest, DescriptorsAbove1023) {
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    if (old.rlim_max < 1600) {
+        GTEST_SKIP() << "hard descriptor limit " << old.rlim_max << " is below 1600";
+    }
+    rlimit raised = old;
+    raised.rlim_cur = std::max<rlim_t>(old.rlim_cur, 1600);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+    {
+        veltest::RawPair pair = veltest::MakeRawPair();
+        veltest::RawFd high(::dup2(pair.server.get(), 1500));
+        ASSERT_EQ(high.get(), 1500);
+        const auto handler = reader(1500);
+        ASSERT_EQ(add(handler), kVELErr_Ok);
+        ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "z"));
+        EXPECT_TRUE(handler->waitFor("in", 1));
+        EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+    }
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+}
+
+TEST_P(ReactorTest, SilentHandlerGetsInactivityAfterItsTimeout) {
+    _reactor->setIdleTimeout(basis::TimeValue(0, 200000));  // passes on a quiet reactor
+    _reactor->setDoIdle(true);
+    veltest::RawPair pair = veltest::MakeRawPair();
+    const auto handler = reader(pair.server.get());
+    const auto registered = steady_clock::now();
+    ASSERT_EQ(_reactor->addEventHandler(handler, basis::TimeValue(0, 300000), 1), kVELErr_Ok);
+    ASSERT_TRUE(handler->waitFor("ito", 1));
+    const auto elapsed = steady_clock::now() - registered;
+    EXPECT_GE(elapsed, milliseconds(300));
+    EXPECT_LE(elapsed, milliseconds(300 + 1000 + 200 + 1000));  // + check period, idle, slack
+    EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+}
+
+std::string backEndName(const ::testing::TestParamInfo<veltest::ReactorFactory>& tested) {
+    return tested.param == &veltest::MakeSelectReactor ? std::string("Select")
+                                                       : "BackEnd" + std::to_string(tested.index);
+}
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, ReactorTest, ::testing::Values(&veltest::MakeSelectReactor),
+                         backEndName);
+
+// The polling set's own bookkeeping, through the back-end calls the core makes.
+class ExposedSelectReactor : public VEL_SelectIOReactor {
+public:
+    ExposedSelectReactor() : VEL_SelectIOReactor(16, basis::TimeValue()) {}
+    using VEL_SelectIOReactor::addHandle;
+    using VEL_SelectIOReactor::changeHandleOps;
+    using VEL_SelectIOReactor::removeHandle;
+};
+
+TEST(SelectPollingSetTest, BoundsFollowAddsAndRemovalsAndFullSetsLeaveHandlesUnpolled) {
+    ExposedSelectReactor reactor;
+    struct Step {
+        char call;
+        unsigned int handle;
+        unsigned short ops;
+        unsigned int highest, lowest;
+    };
+    const Step steps[] = {
+            {'a', 7, 1, 7, 7}, {'a', 3, 2, 7, 3}, {'a', 9, 3, 9, 3}, {'c', 9, 0, 9, 3},
+            {'r', 9, 0, 7, 3}, {'r', 3, 0, 7, 7}, {'c', 7, 3, 7, 7}, {'r', 7, 0, 0, 0x7FFFFFFF},
+    };
+    for (const Step& step : steps) {
+        const VELErr_t code = step.call == 'a'   ? reactor.addHandle(step.handle, step.ops)
+                              : step.call == 'c' ? reactor.changeHandleOps(step.handle, step.ops)
+                                                 : reactor.removeHandle(step.handle);
+        EXPECT_EQ(code, kVELErr_Ok);
+        EXPECT_EQ(reactor.getHighestHandle(), step.highest) << step.call << step.handle;
+        EXPECT_EQ(reactor.getLowestHandle(), step.lowest) << step.call << step.handle;
+    }
+    for (unsigned int handle = 0; handle < VEL_SelectIOReactor::kSetSize; ++handle) {
+        ASSERT_EQ(reactor.addHandle(10000 + handle, kVELOp_Read), kVELErr_Ok);
+    }
+    EXPECT_EQ(reactor.addHandle(20000, kVELOp_Read), kVELErr_Ok);  // read set full: not polled
+    EXPECT_EQ(reactor.getHighestHandle(), 10000 + VEL_SelectIOReactor::kSetSize - 1);
+    EXPECT_EQ(reactor.addHandle(20001, kVELOp_Write), kVELErr_Ok);
+    EXPECT_EQ(reactor.getHighestHandle(), 20001u);
+    EXPECT_EQ(reactor.removeHandle(10000), kVELErr_Ok);  // room again
+    EXPECT_EQ(reactor.changeHandleOps(20000, kVELOp_Read), kVELErr_Ok);
+    EXPECT_EQ(reactor.removeHandle(20001), kVELErr_Ok);
+    EXPECT_EQ(reactor.getHighestHandle(), 20000u);
+}
+
+}  // namespace
