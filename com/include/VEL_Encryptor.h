@@ -30,10 +30,10 @@
 //
 // Lock order: _SessionIDMutex, then _CryptMutex (an ID is checked against the table while the
 // counter is held; the counter is never taken with the table held). A session's _timerLock is
-// never held together with either; it comes before the timer manager's locks: it is held while
-// subscribing, never while unsubscribing (an unsubscribe may wait for the session's own running
-// callback, which takes _timerLock). A session leaves the table under _CryptMutex but is
-// released after it, so its destructor never runs under the table lock.
+// taken alone: a session never calls the timer manager while holding it (a firing timer's
+// handler is locked while its callback takes _timerLock, and an unsubscribe may wait for that
+// callback). A session leaves the table under _CryptMutex but is released after it, so its
+// destructor never runs under the table lock.
 #ifndef COM_INCLUDE_VEL_ENCRYPTOR_H
 #define COM_INCLUDE_VEL_ENCRYPTOR_H
 
@@ -79,6 +79,9 @@ private:
     friend class VEL_Encryptor;
 
     VEL_SecureSession(char* schedule, unsigned long id);
+    // Arms a one-shot timer of `timeout` seconds and records it, unless the session was closed,
+    // or armed by another thread, meanwhile (the new timer is cancelled then).
+    static void Arm(const boost::shared_ptr<VEL_SecureSession>& session, unsigned long timeout);
     // Marks the session closed and cancels its timer. Any thread; not under the table lock.
     void stopTimer();
 
@@ -86,8 +89,9 @@ private:
     char* const _privateKey;
 
     basis::ThreadMutex _timerLock;  // guards _timerId and _closed; see the lock order above
-    unsigned long _timerId VEL_GUARDED_BY(_timerLock) = 0;  // the armed timer, 0 when none
-    bool _closed VEL_GUARDED_BY(_timerLock) = false;        // left the table: never re-armed
+    unsigned long _timerId VEL_GUARDED_BY(_timerLock) = 0;     // the armed timer, 0 when none
+    bool _closed VEL_GUARDED_BY(_timerLock) = false;           // left the table: never re-armed
+    unsigned long _firedEarly VEL_GUARDED_BY(_timerLock) = 0;  // last timer ignored by handleEvent
 };
 
 class VEL_Encryptor {

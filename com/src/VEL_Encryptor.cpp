@@ -67,8 +67,7 @@ boost::shared_ptr<VEL_SecureSession> VEL_SecureSession::Create(char* schedule, u
     }
     const unsigned long timeout = VEL_Encryptor::_InactivityTimeout.load();
     if (timeout != 0) {
-        std::lock_guard<basis::ThreadMutex> hold(session->_timerLock);
-        session->_timerId = armTimer(session, timeout);
+        Arm(session, timeout);
     }
     return session;
 }
@@ -88,18 +87,48 @@ void VEL_SecureSession::ResetInactivityTimer(const boost::shared_ptr<VEL_SecureS
         session->_timerId = 0;  // from here a firing of `previous` is ignored
     }
     cancelTimer(previous);
-    std::lock_guard<basis::ThreadMutex> hold(session->_timerLock);
-    // Closed meanwhile, or re-armed by a concurrent reset: one timer is enough.
-    if (!session->_closed && session->_timerId == 0) {
-        session->_timerId = armTimer(session, timeout);
+    Arm(session, timeout);
+}
+
+void VEL_SecureSession::Arm(const boost::shared_ptr<VEL_SecureSession>& session,
+                            unsigned long timeout) {
+    // Subscribing locks a timer handler, and a firing handler is locked while its callback takes
+    // _timerLock: subscribe first, then record the timer under the lock.
+    const unsigned long timerId = armTimer(session, timeout);
+    bool surplus = false;
+    bool expired = false;
+    {
+        std::lock_guard<basis::ThreadMutex> hold(session->_timerLock);
+        if (timerId != 0 && session->_firedEarly == timerId) {
+            // It fell due before it could be recorded (this thread stalled for a whole
+            // time-out): it has ended, so its identifier must not be kept or cancelled.
+            session->_firedEarly = 0;
+            expired = !session->_closed;
+            session->_closed = true;
+        } else if (session->_closed || session->_timerId != 0) {
+            surplus = true;  // closed meanwhile, or re-armed by a concurrent reset
+        } else {
+            session->_timerId = timerId;
+        }
+    }
+    if (surplus) {
+        cancelTimer(timerId);
+    }
+    if (expired) {
+        (void)VEL_Encryptor::TakeSession(session->_secureSessionID, session.get());
     }
 }
 
 void VEL_SecureSession::handleEvent(unsigned long timerId) {
     {
         std::lock_guard<basis::ThreadMutex> hold(_timerLock);
-        if (_closed || timerId != _timerId) {
-            return;  // replaced by a reset, or stopped: the session was used or closed since
+        if (_closed) {
+            return;
+        }
+        if (timerId != _timerId) {
+            // Replaced by a reset (the session was used since), or not recorded yet (see Arm).
+            _firedEarly = timerId;
+            return;
         }
         // The timer ends with this call and its identifier goes back for reuse: forget it.
         _timerId = 0;
@@ -167,6 +196,14 @@ unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key) co
     } catch (...) {
         session->stopTimer();  // a session that never entered the table must not stay armed
         throw;
+    }
+    bool expired = false;
+    {
+        std::lock_guard<basis::ThreadMutex> hold(session->_timerLock);
+        expired = session->_closed;  // its timer fell due before it entered the table
+    }
+    if (expired) {
+        (void)TakeSession(id, session.get());
     }
     return id;
 }
