@@ -33,6 +33,8 @@
 #include "VEL_ComTools.h"
 #include "VEL_Connector.h"
 #include "VEL_CryptoTools.h"
+#include "VEL_Encryptor.h"
+#include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
