@@ -129,6 +129,35 @@ protected:
     }
 };
 
+// A thread that calls recv() once on the pipe; joined on every path.
+class Reader {
+public:
+    Reader(VEL_Pipe& pipe, unsigned int length)
+        : _data(length, '\0'), _thread([this, &pipe, length] {
+              _tid = veltest::CurrentTid();
+              _result = pipe.recv(&_data[0], length);
+          }) {}
+    ~Reader() { (void)finish(); }
+    // True once the thread blocks (waiting for input).
+    bool blocked() {
+        return veltest::WaitFor([this] { return _tid != 0; }) && veltest::WaitUntilSleeping(_tid);
+    }
+    // recv()'s status, once it has returned.
+    VELErr_t finish() {
+        if (_thread.joinable()) {
+            _thread.join();
+        }
+        return _result;
+    }
+    const std::string& data() const { return _data; }
+
+private:
+    std::string _data;
+    std::atomic<pid_t> _tid{0};
+    VELErr_t _result = kVELErr_Ok;
+    std::thread _thread;
+};
+
 class PipeTest : public veltest::SocketLeakTest,
                  public ::testing::WithParamInterface<veltest::ReactorFactory> {
 protected:
@@ -275,25 +304,38 @@ TEST_P(PipeTest, CloseEndsAWaitingRecvAndLaterCallsFindThePipeClosed) {
     auto pipe = makePipe(false, {&server});
     pipe->setRecvTimeout(20);
     ASSERT_EQ(pipe->open(), kVELErr_Ok);
-    std::atomic<pid_t> tid{0};
-    std::atomic<int> result{-1};
-    std::thread reader([&] {
-        tid = veltest::CurrentTid();
-        char buffer[1];
-        result = pipe->recv(buffer, 1);
-    });
-    ASSERT_TRUE(veltest::WaitFor([&] { return tid != 0; }));
-    ASSERT_TRUE(veltest::WaitUntilSleeping(tid));
+    Reader reader(*pipe, 1);
+    ASSERT_TRUE(reader.blocked());
     const basis::TimeValue start = basis::TimeValue::GetHRTime();
     EXPECT_EQ(pipe->close(), kVELErr_Ok);
-    reader.join();
-    EXPECT_EQ(result, kVELErr_PipeClosed);
+    EXPECT_EQ(reader.finish(), kVELErr_PipeClosed);
     EXPECT_LE(secondsSince(start), 2.0);
     char buffer[1];
     EXPECT_EQ(pipe->recv(buffer, 1), kVELErr_PipeClosed);
     EXPECT_EQ(pipe->send("x", 1), kVELErr_PipeNoConnection);  // the endpoints are gone
     ASSERT_EQ(pipe->addConnection(server.port(), "127.0.0.1"), kVELErr_Ok);
     EXPECT_EQ(pipe->open(), kVELErr_Ok);  // with a new reactor
+}
+
+// A thread waiting in recv() holds the reactor, not the pipe: sends go on, and a connection
+// dropped meanwhile (by either thread) leaves the reactor before its socket is closed.
+TEST_P(PipeTest, SendsGoOnWhileAnotherThreadWaitsInRecv) {
+    Server servers[2];
+    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+    pipe->setRecvTimeout(5);  // waits of 2 s in the reactor
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    VEL_TCPSocket* peers[2] = {&servers[0].accept(), &servers[1].accept()};
+    Reader reader(*pipe, 1);
+    ASSERT_TRUE(reader.blocked());
+    servers[0].stop();
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->send("s", 1), kVELErr_Ok);
+    EXPECT_LE(secondsSince(start), 1.0);
+    EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peers[1]), 1), "s");
+    EXPECT_EQ(peers[1]->send("r", 1), kVELErr_Ok);
+    EXPECT_EQ(reader.finish(), kVELErr_Ok);
+    EXPECT_EQ(reader.data(), "r");
 }
 
 TEST_P(PipeTest, SendsSucceedAgainOnceAStoppedServerIsBack) {
