@@ -4,7 +4,10 @@
 #ifndef BASE_INCLUDE_VEL_ERR_H
 #define BASE_INCLUDE_VEL_ERR_H
 
-enum VELErr_t {
+// The underlying type is fixed so that every 32-bit value is a valid VELErr_t: codes that are
+// not listed here (from a newer peer, or a caller's own) reach GetErrStr without undefined
+// behaviour. It is the type compilers already chose for these values.
+enum VELErr_t : unsigned int {
     kVELErr_Ok = 0,
     kVELErr_Alloc = 1,
     kVELErr_IllegalAddress = 2,
