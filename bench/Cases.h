@@ -1,0 +1,26 @@
+// The cases vel-bench runs, in the order of its table.
+#ifndef BENCH_CASES_H
+#define BENCH_CASES_H
+
+#include <memory>
+
+#include "BenchRunner.h"
+
+namespace velbench {
+
+// Request/response, 64-byte bodies, one connection: vel (OXLv1 client, select reactor server)
+// against plain blocking sockets and a libevent server.
+std::unique_ptr<Case> MakePingPongCase();
+// The same with 200 connections, against libevent.
+std::unique_ptr<Case> MakeManyConnectionsCase();
+// 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.
+std::unique_ptr<Case> MakeStreamCase();
+// 1M items through a pool of 2 threads: VEL_ThreadPool against a std::mutex +
+// std::condition_variable queue with std::thread workers.
+std::unique_ptr<Case> MakeThreadPoolCase();
+// Arm and cancel 100k timers: VEL_TimerManager against a std::multimap keyed by deadline.
+std::unique_ptr<Case> MakeTimerCase();
+
+}  // namespace velbench
+
+#endif  // BENCH_CASES_H
