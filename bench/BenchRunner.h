@@ -56,6 +56,7 @@ struct Options {
     bool json = false;
     int repetitions = 7;
     std::vector<std::string> only;  // case ids to run (empty: all)
+    int variant = -1;               // only this variant (0 = vel), for profiling; -1: all
 };
 
 // Runs the cases and prints the table (or JSON) to standard output. Returns the process exit

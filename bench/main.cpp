@@ -5,6 +5,8 @@
 //   vel-bench --json       the same results as JSON
 //   vel-bench --reps N     N repetitions per case
 //   vel-bench --case ID    only case ID (repeatable); --list prints the ids
+//   vel-bench --variant N  only variant N of each case (0: vel, 1: first reference, ...), for
+//                          profiling one side under perf or callgrind
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +21,8 @@
 namespace {
 
 int usage(const char* program) {
-    std::fprintf(stderr, "usage: %s [--quick] [--json] [--reps N] [--case ID]... [--list]\n",
+    std::fprintf(stderr,
+                 "usage: %s [--quick] [--json] [--reps N] [--case ID]... [--variant N] [--list]\n",
                  program);
     return 2;
 }
@@ -51,6 +54,8 @@ int main(int argc, char** argv) {
             if (options.repetitions < 1) {
                 return usage(argv[0]);
             }
+        } else if (arg == "--variant" && i + 1 < argc) {
+            options.variant = std::atoi(argv[++i]);
         } else if (arg == "--case" && i + 1 < argc) {
             options.only.emplace_back(argv[++i]);
         } else if (arg == "--list") {
