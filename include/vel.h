@@ -33,6 +33,8 @@
 #include "VEL_ComTools.h"
 #include "VEL_Connector.h"
 #include "VEL_CryptoTools.h"
+#include "VEL_Encryptor.h"
+#include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
@@ -62,11 +64,13 @@
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_TimerSubscriberInterface.h"
 
-// Reactor
+// Reactor and pipes
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
+#include "VEL_Pipe.h"
 #include "VEL_PollingEntry.h"
 #include "VEL_SelectIOReactor.h"
 #include "VEL_SockCtrlIOReactor.h"
+#include "VEL_TCPPipe.h"
 
 #endif  // INCLUDE_VEL_H

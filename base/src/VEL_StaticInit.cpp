@@ -4,8 +4,10 @@
 #include <set>
 
 #include "CondThreadMutex.h"
+#include "RWThreadMutex.h"
 #include "StaticInit.h"
 #include "ThreadMutex.h"
+#include "VEL_Encryptor.h"
 #include "VEL_Socket.h"
 #include "VEL_TimerHandler.h"
 #include "VEL_Tools.h"
@@ -43,7 +45,11 @@ VEL_StaticInit::~VEL_StaticInit() {
 // and start-up goes on.
 void VEL_StaticInit::initStaticMembers() const {
     gBasisInit = new (std::nothrow) basis::StaticInit();
-    // 1 to 4: the secure-session table and its three locks come here when that module is added.
+    // 1 to 4: secure sessions
+    VEL_Encryptor::_CryptKey = new (std::nothrow) VEL_Encryptor::SessionMap_t();
+    VEL_Encryptor::_InstanceCreationMutex = new (std::nothrow) basis::ThreadMutex();
+    VEL_Encryptor::_SessionIDMutex = new (std::nothrow) basis::ThreadMutex();
+    VEL_Encryptor::_CryptMutex = new (std::nothrow) basis::RWThreadMutex();
     // 5: timer identifiers
     VEL_TimerHandler::_GeneratorLock = new (std::nothrow) basis::ThreadMutex();
     // 6 to 9: tracing
@@ -58,8 +64,10 @@ void VEL_StaticInit::initStaticMembers() const {
     VEL_Socket::_Mutex = new (std::nothrow) basis::ThreadMutex();
 }
 
-// Releases in the reverse order of creation.
+// Releases in the reverse order of creation, after the secure sessions have been closed: their
+// destructors trace and cancel timers.
 void VEL_StaticInit::releaseStaticMembers() const {
+    VEL_Encryptor::CloseAllSessions();
     // 10: socket count
     destroy(VEL_Socket::_Mutex);
     // 9 to 6: tracing
@@ -71,6 +79,10 @@ void VEL_StaticInit::releaseStaticMembers() const {
     // 5: timer identifiers, with the generator made on first use
     destroy(VEL_TimerHandler::_Generator);
     destroy(VEL_TimerHandler::_GeneratorLock);
-    // 4 to 1: the secure-session locks, then its table (emptied first), go here.
+    // 4 to 1: secure sessions
+    destroy(VEL_Encryptor::_CryptMutex);
+    destroy(VEL_Encryptor::_SessionIDMutex);
+    destroy(VEL_Encryptor::_InstanceCreationMutex);
+    destroy(VEL_Encryptor::_CryptKey);
     destroy(gBasisInit);
 }

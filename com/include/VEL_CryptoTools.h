@@ -7,7 +7,8 @@
 // VEL_CAST_KEY_MASK): peers built with other values cannot talk to each other.
 //
 // Blocks these functions allocate (when given a null pointer) come from malloc and are the
-// caller's to free() with free.
+// caller's to release with free(). When memory runs out the pointer stays null and nothing is
+// written.
 //
 // Thread safety: every function is reentrant.
 #ifndef COM_INCLUDE_VEL_CRYPTOTOOLS_H

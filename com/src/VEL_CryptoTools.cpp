@@ -1,6 +1,5 @@
 #include "VEL_CryptoTools.h"
 
-#include <errno.h>
 #include <sys/random.h>
 
 #include <cstdlib>
@@ -49,7 +48,9 @@ void fillRandomNonZero(unsigned char* bytes, unsigned long count) {
         unsigned char draw[32];
         const ssize_t got = getrandom(draw, sizeof(draw), 0);
         if (got < 0) {
-            continue;  // EINTR; the source never fails otherwise once the system has booted
+            // Without flags, getrandom fails only when a signal interrupts it (EINTR): the other
+            // errors mean a bad buffer, bad flags or a kernel older than 3.17.
+            continue;
         }
         for (ssize_t i = 0; i < got && filled < count; ++i) {
             if (draw[i] != 0) {
@@ -64,32 +65,35 @@ void fillRandomNonZero(unsigned char* bytes, unsigned long count) {
 void VEL_CryptoTools::Encrypt(const char* in, char*& out, unsigned long length,
                               unsigned long& outLength, const char* schedule) {
     outLength = (length + 7) & ~7ul;
-    allocateIfNull(out, outLength + 1);
-    if (length > 0) {
+    // Without a block to write to, nothing is written: the caller finds `out` still null.
+    if (allocateIfNull(out, outLength + 1) != nullptr && length > 0) {
         cbc(in, out, length, schedule, CAST_ENCRYPT);  // zero-pads the last partial block
     }
 }
 
 void VEL_CryptoTools::Decrypt(const char* in, char*& out, unsigned long length,
                               const char* schedule) {
-    allocateIfNull(out, length + 1);
-    if (length > 0) {
+    if (allocateIfNull(out, length + 1) != nullptr && length > 0) {
         cbc(in, out, length, schedule, CAST_DECRYPT);
     }
 }
 
 void VEL_CryptoTools::GenerateCastKey(const char* key, char*& schedule) {
-    allocateIfNull(schedule, kScheduleSize);
     // The key is masked in place: callers pass a block they own.
     unsigned char* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(key));
     for (unsigned long i = 0; i < kKeySize; ++i) {
         bytes[i] ^= kKeyMask[i];
     }
+    if (allocateIfNull(schedule, kScheduleSize) == nullptr) {
+        return;  // out of memory: `schedule` stays null
+    }
     CAST_set_key(reinterpret_cast<CAST_KEY*>(schedule), static_cast<int>(kKeySize), bytes);
 }
 
 void VEL_CryptoTools::GenerateSrcKey(char*& key) {
-    allocateIfNull(key, kKeySize + 1);
+    if (allocateIfNull(key, kKeySize + 1) == nullptr) {
+        return;
+    }
     fillRandomNonZero(reinterpret_cast<unsigned char*>(key), kKeySize);
     key[kKeySize] = '\0';
 }

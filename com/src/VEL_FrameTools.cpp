@@ -47,6 +47,13 @@ VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
     return code;
 }
 
+VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_Message& message) {
+    if (message.size() > 0) {
+        iov[count++] = bodyElement(message);
+    }
+    return count > 0 ? socket.readv(iov, count) : kVELErr_Ok;
+}
+
 void traceRecvFailure(VELErr_t code, const char* what, const char* headerLabel, const char* header,
                       unsigned int headerSize, const char* bodyLabel, const VEL_Message* body,
                       const char* file, unsigned long line) {

@@ -4,7 +4,8 @@
 // - Network-order integers read from and written into header blocks.
 // - The length pair that opens the OXL headers: a 32-bit total length and its complement.
 // - prepareBody sizes a message's body for a receive; bodyElement is the body as one
-//   scatter/gather element; writeFrame sends a frame's parts and body in one gathered write.
+//   scatter/gather element; writeFrame sends a frame's parts and body in one gathered write,
+//   readFrame receives them in one scattered read.
 // - traceRecvFailure writes the lines of a failed receive.
 //
 // Thread safety: every function is safe from any thread on distinct data.
@@ -66,6 +67,11 @@ VELIoVec bodyElement(const VEL_Message& message);
 VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
                     const VEL_Message& message, const char* file = __builtin_FILE(),
                     unsigned long line = __builtin_LINE());
+
+// Appends the message's body (when it has one) to the `count` elements of `iov` and reads them
+// all in one readv (nothing to read: kVELErr_Ok). Returns the socket's status, untraced.
+// REQUIRES: room for one more element in `iov`.
+VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_Message& message);
 
 // The lines of a failed receive, each under its own trace mask, at the error level:
 //   network errors: "COM - <status> ; <what>"

@@ -60,10 +60,7 @@ VELErr_t VEL_OXLv2::recvMessage(VEL_Message* message) {
         velcom::traceFailure(code);
         return code;
     }
-    if (message->size() > 0) {
-        iov[count++] = velcom::bodyElement(*message);
-    }
-    code = count > 0 ? getSocket()->readv(iov, count) : kVELErr_Ok;
+    code = velcom::readFrame(*getSocket(), iov, count, *message);
     if (code == kVELErr_Ok && _compression) {
         code = uncompress(message);
         if (code != kVELErr_Ok) {

@@ -28,6 +28,10 @@ int zlibLevel(unsigned long algorithm) {
     return algorithm > 9 ? 9 : static_cast<int>(algorithm);
 }
 
+unsigned long zlibBound(unsigned long sourceLength) {
+    return ::compressBound(sourceLength);
+}
+
 int zlibCompress(const char* source, unsigned long sourceLength, char* destination,
                  unsigned long* destinationLength, unsigned long algorithm, int format) {
     if (format != kZlibStream) {

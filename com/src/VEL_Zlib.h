@@ -21,6 +21,9 @@ constexpr int kZlibStream = 1;
 // The compression level that `algorithm` selects: 0 to 9 as they are, higher values 9.
 int zlibLevel(unsigned long algorithm);
 
+// The largest zlib stream that `sourceLength` bytes can compress to.
+unsigned long zlibBound(unsigned long sourceLength);
+
 // Compresses `sourceLength` bytes at `source` into `destination`, which holds
 // *destinationLength bytes; on success *destinationLength becomes the length of the stream.
 // `algorithm` selects the level (zlibLevel); `format` must be kZlibStream. Returns 0 on success,

@@ -1,0 +1,177 @@
+// VEL_HOLM: framing with a checked 28-byte header, the message's RSCV and SSCV bytes, optional
+// zlib compression and optional CAST-128 encryption of the body under a secure session that is
+// opened in band.
+//
+// Header (28 bytes; integers in network byte order):
+//   offset 0   2 bytes  magic              "HO" (0x484F)
+//   offset 2   2 bytes  version            256 (0x0100)
+//   offset 4   4 bytes  total length       28 + RSCV + session field + SSCV + body lengths
+//   offset 8   4 bytes  plain size         body length before compression and encryption
+//   offset 12  2 bytes  check word         XOR of the six 16-bit words at offsets 0 to 10, so
+//                                          that the seven words at offsets 0 to 12 XOR to 0
+//   offset 14  2 bytes  reserved           0
+//   offset 16  1 byte   security           bit 7: 0; bit 6: secure; bits 0-5: cipher
+//   offset 17  1 byte   session            bits 2-7: session level; bit 1: key sent; bit 0: reset
+//   offset 18  1 byte   compression        bit 7: initiator; bit 6: compressed;
+//                                          bits 0-5: compression algorithm (the zlib level)
+//   offset 19  1 byte   reserved           0
+//   offset 20  1 byte   RSCV length        0 to 255
+//   offset 21  1 byte   session field      0; 16 (the session key); 4 (a session ID)
+//   offset 22  1 byte   SSCV length        0 to 255
+//   offset 23  5 bytes  reserved           0
+// Then, in this order: RSCV bytes, session field, SSCV bytes, body. The body is the message's
+// data, zlib-compressed when the compressed bit is set, then CAST-128 CBC encrypted when the
+// secure bit is set (its length rounded up to a multiple of 8, zero-padded). The session field's
+// 4-byte form holds the low 32 bits of a session ID, least significant byte first.
+//
+// Secure sessions. openSecureSession draws a random 16-byte key and opens an encryptor session
+// with it; this side is the initiator. Its first secure frame carries the key (session field
+// 16); the peer, holding no key, takes it and opens a matching session when it decrypts that
+// frame (it becomes the responder). Every later secure frame carries a 4-byte session ID: the
+// initiator sends the ID last received from the peer, the responder its own. Each received
+// header sets whether this side compresses and encrypts what it sends. closeSecureSession
+// closes the session and sets the reset bit of the next header (once); a peer that receives the
+// reset bit closes its own session at once, so that either side may open a new one. A frame
+// may carry the reset bit together with a new key.
+//
+// Receive checks (peer input never overruns a buffer or drives an unbounded allocation):
+//   kVELErr_BadStreamHeader  the check word, the version or the magic is wrong; the session
+//                            field is not 16 while no key is held or not 4 while one is; a
+//                            secure frame arrives without a key; the total length is below the
+//                            header and fields; a plain frame's body is not the plain size; a
+//                            secure body is not a multiple of 8, or, uncompressed, not the plain
+//                            size rounded up to 8; a compressed body is above the zlib bound of
+//                            the maximum size (rounded up to 8)
+//   kVELErr_MessageTooBig    the plain size is above the maximum message size or the largest
+//                            buffer; refused before any byte after the header is read
+// After a failed receive the rest of the frame stays unread: close the connection.
+//
+// Ownership: the socket is not owned (see VEL_Transport). The object owns its key block and its
+// encryptor session, which its destructor closes.
+//
+// Thread safety: one object serves one socket and one thread at a time: sends and receives
+// share the header block and the session state. The encryptor behind the sessions is shared and
+// thread-safe. No operation throws.
+#ifndef COM_INCLUDE_VEL_HOLM_H
+#define COM_INCLUDE_VEL_HOLM_H
+
+#include <cstdint>
+
+#include "VELIoVec.h"
+#include "VEL_Transport.h"
+
+// The compression algorithm: the zlib level the sender compresses with (0 stores, 1 is the
+// fastest, 9 the smallest; values 10 to 63 travel as they are and compress as 9). The receiver
+// needs no level to uncompress.
+enum VELHOLMCompAlgo_t : unsigned char {
+    kVELHOLMCompAlgo_Stored = 0,
+    kVELHOLMCompAlgo_Fastest = 1,
+    kVELHOLMCompAlgo_Default = 2,
+    kVELHOLMCompAlgo_Best = 9
+};
+
+constexpr std::uint32_t kVEL_HOLMHeaderSize = 28;
+constexpr std::uint16_t kVEL_HOLMMagic = 0x484F;  // "HO"
+constexpr std::uint16_t kVEL_HOLMVersion = 0x0100;
+// Offsets of the fields after the length words.
+constexpr unsigned kVEL_HOLMCheckOffset = 12;
+constexpr unsigned kVEL_HOLMSecurityOffset = 16;
+constexpr unsigned kVEL_HOLMSessionOffset = 17;
+constexpr unsigned kVEL_HOLMCompressionOffset = 18;
+constexpr unsigned kVEL_HOLMRSCVOffset = 20;
+constexpr unsigned kVEL_HOLMFieldOffset = 21;
+constexpr unsigned kVEL_HOLMSSCVOffset = 22;
+// Bits of the security, session and compression bytes.
+constexpr unsigned char kVEL_HOLMSecureBit = 0x40;
+constexpr unsigned char kVEL_HOLMKeySentBit = 0x02;
+constexpr unsigned char kVEL_HOLMResetBit = 0x01;
+constexpr unsigned kVEL_HOLMLevelShift = 2;
+constexpr unsigned char kVEL_HOLMInitiatorBit = 0x80;
+constexpr unsigned char kVEL_HOLMCompressedBit = 0x40;
+constexpr unsigned char kVEL_HOLMSixBits = 0x3F;  // cipher, session level, algorithm
+// Lengths of the session field.
+constexpr std::uint32_t kVEL_HOLMKeyField = 16;
+constexpr std::uint32_t kVEL_HOLMIDField = 4;
+
+class VEL_HOLM : public VEL_Transport {
+public:
+    // No compression, no session. `maxMessageSize`: the largest plain size recvMessage accepts.
+    VEL_HOLM(VEL_Socket* socket, unsigned long maxMessageSize);
+    // Closes this side's encryptor session and frees the key.
+    ~VEL_HOLM() override;
+    VEL_HOLM(const VEL_HOLM&) = delete;
+    VEL_HOLM& operator=(const VEL_HOLM&) = delete;
+
+    // Compresses the body when compression is on, then encrypts it while secure, then writes
+    // header, RSCV, session field, SSCV and body in one gathered writev. The message keeps the
+    // transformed body. kVELErr_Ok; kVELErr_Compression (an empty body, or a stream that does not
+    // fit in floor(size x 1.1) truncated to 16 bits); kVELErr_SecureSession (secure without an
+    // open session, or the session expired); kVELErr_Alloc; or the socket's error. Nothing is
+    // sent on a failure, which is traced.
+    VELErr_t sendMessage(VEL_Message* message) override;
+    // Reads one frame into the message (RSCV and SSCV buffers released when the frame has none),
+    // decrypting and uncompressing its body as the header says. kVELErr_Ok; the receive checks
+    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression; kVELErr_Alloc;
+    // or the socket's error. Failures are traced, with dumps under trace bit 16.
+    VELErr_t recvMessage(VEL_Message* message) override;
+
+    // Compression of outgoing bodies, with the zlib level `algorithm`. A received header
+    // overrides both.
+    void setCompression(bool on, VELHOLMCompAlgo_t algorithm = kVELHOLMCompAlgo_Default);
+    bool getCompression() const { return _compression; }
+
+    // Opens a session with a fresh random key: this side becomes the initiator, and what it
+    // sends is encrypted. kVELErr_Ok; kVELErr_SecureSession when a key is already held;
+    // kVELErr_Alloc when the key or the session cannot be made.
+    VELErr_t openSecureSession();
+    // Closes the session; the next header carries the reset bit. kVELErr_Ok, or
+    // kVELErr_SecureSession without a key.
+    VELErr_t closeSecureSession();
+    // True while a key is held (opened here, or received from the peer).
+    bool isSecureSession() const { return _key != nullptr; }
+
+protected:
+    // Fills the header for `message` (whose body is already transformed) and appends the header,
+    // RSCV, session field and SSCV elements to `iov` at `count`. Always kVELErr_Ok.
+    // REQUIRES: room for four elements.
+    VELErr_t buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
+                         unsigned long plainSize);
+    // Reads and checks one header, acts on its reset bit, takes over its secure and compression
+    // settings, sizes the message's RSCV, SSCV and body and appends the RSCV, session field and
+    // SSCV elements for the caller to read with the body. REQUIRES: room for three elements.
+    VELErr_t recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
+                        unsigned long& plainSize);
+    // Replace the message's body by its compressed or uncompressed (`plainSize` bytes) form.
+    VELErr_t compress(VEL_Message* message);
+    VELErr_t uncompress(VEL_Message* message, unsigned long plainSize);
+    // Encrypt the body in place (its length rounded up to 8), or decrypt its first `length`
+    // bytes in place and cut it to `length`; decrypt first opens the responder's session from a
+    // received key.
+    VELErr_t encrypt(VEL_Message* message);
+    VELErr_t decrypt(VEL_Message* message, unsigned long length);
+
+private:
+    // Checks the lengths of a header against the session state and the limits; sets *bodyLength.
+    VELErr_t checkLengths(std::uint32_t plainSize, std::uint32_t* bodyLength) const;
+    // Closes the encryptor session and forgets the key, initiator, key-sent, cipher and level.
+    void dropSession();
+    VELErr_t headerFailed(VELErr_t code);
+    VELErr_t messageFailed(VELErr_t code, const VEL_Message* body = nullptr);
+
+    char _header[kVEL_HOLMHeaderSize];
+    VELHOLMCompAlgo_t _compressionAlgorithm;
+    unsigned long _cipher;
+    unsigned long _sessionLevel;
+    bool _compression;
+    bool _secure;
+    bool _keySent;
+    bool _initiator;
+    char* _key;  // 17 bytes (16 key bytes and a 0) from calloc, or null without a session
+    unsigned long _sessionID;      // this side's encryptor session, 0 when none is open
+    unsigned long _peerSessionID;  // the 4-byte session field last received
+    bool _reset;                   // announce a close in the next header
+    unsigned long _maxMessageSize;
+    char _sessionField[kVEL_HOLMIDField];  // the 4-byte session field, sent or received
+};
+
+#endif  // COM_INCLUDE_VEL_HOLM_H

@@ -1,0 +1,445 @@
+#include "VEL_HOLM.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "BoundedString.h"
+#include "BufferMgr.h"
+#include "Exception.h"
+#include "VEL_CryptoTools.h"
+#include "VEL_Encryptor.h"
+#include "VEL_FrameTools.h"
+#include "VEL_Message.h"
+#include "VEL_Socket.h"
+#include "VEL_StaticInit.h"
+#include "VEL_Zlib.h"
+
+namespace {
+
+const VEL_StaticInit kStaticInit;
+
+constexpr std::uint32_t kKeyBlockSize = kVEL_HOLMKeyField + 1;  // the key and a 0
+
+std::uint32_t roundUp8(std::uint32_t length) {
+    return (length + 7) & ~std::uint32_t{7};
+}
+
+unsigned char byteAt(const char* header, unsigned offset) {
+    return static_cast<unsigned char>(header[offset]);
+}
+
+// XOR of the 16-bit words of the header's first `words` words.
+std::uint16_t xorWords(const char* header, unsigned words) {
+    std::uint16_t sum = 0;
+    for (unsigned i = 0; i < words; ++i) {
+        sum ^= velcom::getUint16(header + 2 * i);
+    }
+    return sum;
+}
+
+// The 4-byte session field: the low 32 bits of an ID, least significant byte first.
+void putSessionField(char* at, unsigned long id) {
+    for (int i = 0; i < 4; ++i) {
+        at[i] = static_cast<char>(id >> (8 * i));
+    }
+}
+
+unsigned long getSessionField(const char* at) {
+    unsigned long id = 0;
+    for (int i = 3; i >= 0; --i) {
+        id = id << 8 | static_cast<unsigned char>(at[i]);
+    }
+    return id;
+}
+
+// Runs an encryptor call. With COM error tracing on the encryptor traces and throws its
+// failures; this transport reports a status instead: `failure`, or kVELErr_Alloc when memory
+// ran out.
+template <class Call>
+VELErr_t withoutThrowing(VELErr_t failure, Call call) {
+    try {
+        return call() ? kVELErr_Ok : failure;
+    } catch (const std::bad_alloc&) {
+        return kVELErr_Alloc;
+    } catch (const std::exception&) {
+        return failure;
+    }
+}
+
+// Opens an encryptor session with the 16 key bytes at `key`; *id is 0 when none was opened.
+VELErr_t openEncryptorSession(const char* key, unsigned long* id) {
+    *id = 0;
+    return withoutThrowing(kVELErr_Alloc, [key, id] {
+        VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+        if (encryptor != nullptr) {
+            *id = encryptor->openSession(basis::BoundedString<16>(key, kVEL_HOLMKeyField));
+        }
+        return *id != 0;
+    });
+}
+
+}  // namespace
+
+VEL_HOLM::VEL_HOLM(VEL_Socket* socket, unsigned long maxMessageSize)
+    : VEL_Transport(socket),
+      _header(),
+      _compressionAlgorithm(kVELHOLMCompAlgo_Stored),
+      _cipher(0),
+      _sessionLevel(0),
+      _compression(false),
+      _secure(false),
+      _keySent(false),
+      _initiator(false),
+      _key(nullptr),
+      _sessionID(0),
+      _peerSessionID(0),
+      _reset(false),
+      _maxMessageSize(maxMessageSize),
+      _sessionField() {}
+
+VEL_HOLM::~VEL_HOLM() {
+    dropSession();
+}
+
+void VEL_HOLM::setCompression(bool on, VELHOLMCompAlgo_t algorithm) {
+    _compression = on;
+    _compressionAlgorithm = algorithm;
+}
+
+VELErr_t VEL_HOLM::openSecureSession() {
+    if (_key != nullptr) {
+        return kVELErr_SecureSession;
+    }
+    char random[kKeyBlockSize];
+    char* drawn = random;
+    VEL_CryptoTools::GenerateSrcKey(drawn);
+    _key = static_cast<char*>(std::calloc(kKeyBlockSize, 1));
+    if (_key == nullptr) {
+        return kVELErr_Alloc;
+    }
+    std::memcpy(_key, random, kVEL_HOLMKeyField);
+    const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+    if (code != kVELErr_Ok) {
+        dropSession();
+        return code;
+    }
+    _secure = true;
+    _cipher = 1;
+    _sessionLevel = 1;
+    _keySent = false;
+    _initiator = true;
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_HOLM::closeSecureSession() {
+    if (_key == nullptr) {
+        return kVELErr_SecureSession;
+    }
+    dropSession();
+    _secure = false;
+    _reset = true;
+    return kVELErr_Ok;
+}
+
+void VEL_HOLM::dropSession() {
+    if (_sessionID != 0) {
+        try {
+            VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+            if (encryptor != nullptr) {
+                encryptor->closeSession(_sessionID);
+            }
+        } catch (const std::exception&) {
+            // Only a failed creation of the encryptor throws, and then there is nothing to close.
+        }
+        _sessionID = 0;
+    }
+    std::free(_key);
+    _key = nullptr;
+    _keySent = false;
+    _initiator = false;
+    _cipher = 0;
+    _sessionLevel = 0;
+}
+
+VELErr_t VEL_HOLM::sendMessage(VEL_Message* message) {
+    VELErr_t code = checkArguments(message);
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    const unsigned long plainSize = message->size();
+    if (_secure && _sessionID == 0) {
+        code = kVELErr_SecureSession;  // checked first, so that the body stays as it is
+    }
+    if (code == kVELErr_Ok && _compression) {
+        code = compress(message);
+    }
+    if (code == kVELErr_Ok && _secure) {
+        code = encrypt(message);
+    }
+    if (code != kVELErr_Ok) {
+        velcom::traceFailure(code);
+        return code;
+    }
+    VELIoVec iov[5];
+    unsigned long count = 0;
+    (void)buildHeader(iov, count, message, plainSize);  // cannot fail
+    return velcom::writeFrame(*getSocket(), iov, count, *message);
+}
+
+VELErr_t VEL_HOLM::recvMessage(VEL_Message* message) {
+    VELErr_t code = checkArguments(message);
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    VELIoVec iov[4];
+    unsigned long count = 0;
+    unsigned long plainSize = 0;
+    code = recvHeader(iov, count, message, plainSize);
+    if (code != kVELErr_Ok) {
+        velcom::traceFailure(code);
+        return code;
+    }
+    code = velcom::readFrame(*getSocket(), iov, count, *message);
+    if (code != kVELErr_Ok) {
+        return messageFailed(code);
+    }
+    if (byteAt(_header, kVEL_HOLMFieldOffset) == kVEL_HOLMIDField) {
+        _peerSessionID = getSessionField(_sessionField);
+    }
+    // A compressed body is decrypted whole: the padding after the zlib stream is ignored when
+    // it is uncompressed. A plain one is cut to its size, which drops the padding.
+    if (_secure) {
+        code = decrypt(message, _compression ? message->size() : plainSize);
+    }
+    if (code == kVELErr_Ok && _compression) {
+        code = uncompress(message, plainSize);
+    }
+    return code == kVELErr_Ok ? code : messageFailed(code, message);
+}
+
+VELErr_t VEL_HOLM::buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
+                               unsigned long plainSize) {
+    std::memset(_header, 0, sizeof(_header));
+    velcom::putUint16(_header, kVEL_HOLMMagic);
+    velcom::putUint16(_header + 2, kVEL_HOLMVersion);
+    velcom::putUint32(_header + 8, static_cast<std::uint32_t>(plainSize));
+    _header[kVEL_HOLMSecurityOffset] =
+            static_cast<char>((_secure ? kVEL_HOLMSecureBit : 0) | (_cipher & kVEL_HOLMSixBits));
+    _header[kVEL_HOLMSessionOffset] = static_cast<char>(
+            (_sessionLevel & kVEL_HOLMSixBits) << kVEL_HOLMLevelShift |
+            (_keySent ? kVEL_HOLMKeySentBit : 0) | (_reset ? kVEL_HOLMResetBit : 0));
+    _header[kVEL_HOLMCompressionOffset] = static_cast<char>(
+            (_initiator ? kVEL_HOLMInitiatorBit : 0) | (_compression ? kVEL_HOLMCompressedBit : 0) |
+            (_compressionAlgorithm & kVEL_HOLMSixBits));
+    iov[count++] = VELIoVec{_header, kVEL_HOLMHeaderSize};
+    // Bodies come from the buffer manager, so the total fits in 32 bits.
+    std::uint32_t total = kVEL_HOLMHeaderSize + static_cast<std::uint32_t>(message->size());
+    const unsigned char rscvSize = message->getRSCVSize();
+    if (rscvSize > 0) {
+        _header[kVEL_HOLMRSCVOffset] = static_cast<char>(rscvSize);
+        iov[count++] = VELIoVec{message->getRSCV(), rscvSize};
+        total += rscvSize;
+    }
+    if (_secure) {
+        VELIoVec field{_key, kVEL_HOLMKeyField};
+        if (_keySent) {
+            putSessionField(_sessionField, _initiator ? _peerSessionID : _sessionID);
+            field = VELIoVec{_sessionField, kVEL_HOLMIDField};
+        }
+        _keySent = true;
+        _header[kVEL_HOLMFieldOffset] = static_cast<char>(field.iov_len);
+        iov[count++] = field;
+        total += field.iov_len;
+    }
+    const unsigned char sscvSize = message->getSSCVSize();
+    if (sscvSize > 0) {
+        _header[kVEL_HOLMSSCVOffset] = static_cast<char>(sscvSize);
+        iov[count++] = VELIoVec{message->getSSCV(), sscvSize};
+        total += sscvSize;
+    }
+    velcom::putUint32(_header + 4, total);
+    velcom::putUint16(_header + kVEL_HOLMCheckOffset, xorWords(_header, 6));
+    _reset = false;  // announced once
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_HOLM::recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
+                              unsigned long& plainSize) {
+    VELErr_t code = getSocket()->recv(_header, kVEL_HOLMHeaderSize);
+    if (code != kVELErr_Ok) {
+        velcom::traceFailure(code);
+        return code;
+    }
+    if (xorWords(_header, 7) != 0 || velcom::getUint16(_header + 2) != kVEL_HOLMVersion ||
+        velcom::getUint16(_header) != kVEL_HOLMMagic) {
+        return headerFailed(kVELErr_BadStreamHeader);
+    }
+    const std::uint32_t plain = velcom::getUint32(_header + 8);
+    if (plain > _maxMessageSize || plain > basis::BufferMgr::Default()->getMaxBufferSize()) {
+        return headerFailed(kVELErr_MessageTooBig);
+    }
+    // The peer closed its session: so does this side, before the session field is judged, as
+    // the same frame may bring a new key.
+    if ((byteAt(_header, kVEL_HOLMSessionOffset) & kVEL_HOLMResetBit) != 0) {
+        dropSession();
+    }
+    std::uint32_t bodyLength = 0;
+    code = checkLengths(plain, &bodyLength);
+    if (code != kVELErr_Ok) {
+        return headerFailed(code);
+    }
+    const unsigned char security = byteAt(_header, kVEL_HOLMSecurityOffset);
+    _secure = (security & kVEL_HOLMSecureBit) != 0;
+    if (_secure) {
+        _cipher = security & kVEL_HOLMSixBits;
+        _sessionLevel = byteAt(_header, kVEL_HOLMSessionOffset) >> kVEL_HOLMLevelShift;
+    }
+    const unsigned char compression = byteAt(_header, kVEL_HOLMCompressionOffset);
+    _compression = (compression & kVEL_HOLMCompressedBit) != 0;
+    if (_compression) {
+        _compressionAlgorithm = static_cast<VELHOLMCompAlgo_t>(compression & kVEL_HOLMSixBits);
+    }
+
+    const unsigned char rscvSize = byteAt(_header, kVEL_HOLMRSCVOffset);
+    const unsigned char fieldSize = byteAt(_header, kVEL_HOLMFieldOffset);
+    const unsigned char sscvSize = byteAt(_header, kVEL_HOLMSSCVOffset);
+    code = message->allocateRSCV(rscvSize);
+    if (code == kVELErr_Ok && rscvSize > 0) {
+        iov[count++] = VELIoVec{message->getRSCV(), rscvSize};
+    }
+    if (code == kVELErr_Ok && fieldSize == kVEL_HOLMKeyField) {
+        // The peer sends its key: checkLengths has made sure that none is held here.
+        _key = static_cast<char*>(std::calloc(kKeyBlockSize, 1));
+        code = _key != nullptr ? kVELErr_Ok : kVELErr_Alloc;
+        iov[count++] = VELIoVec{_key, kVEL_HOLMKeyField};
+    } else if (code == kVELErr_Ok && fieldSize == kVEL_HOLMIDField) {
+        iov[count++] = VELIoVec{_sessionField, kVEL_HOLMIDField};
+    }
+    if (code == kVELErr_Ok) {
+        code = message->allocateSSCV(sscvSize);
+    }
+    if (code == kVELErr_Ok && sscvSize > 0) {
+        iov[count++] = VELIoVec{message->getSSCV(), sscvSize};
+    }
+    if (code == kVELErr_Ok) {
+        code = velcom::prepareBody(message, bodyLength);
+    }
+    if (code != kVELErr_Ok) {
+        return headerFailed(code);
+    }
+    plainSize = plain;
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_HOLM::checkLengths(std::uint32_t plainSize, std::uint32_t* bodyLength) const {
+    const unsigned char fieldSize = byteAt(_header, kVEL_HOLMFieldOffset);
+    const bool secure = (byteAt(_header, kVEL_HOLMSecurityOffset) & kVEL_HOLMSecureBit) != 0;
+    const bool compressed =
+            (byteAt(_header, kVEL_HOLMCompressionOffset) & kVEL_HOLMCompressedBit) != 0;
+    // A key comes only to a side without one; a session ID only to a side with one; a secure
+    // body only with a key to decrypt it.
+    if ((fieldSize != 0 && fieldSize != (_key != nullptr ? kVEL_HOLMIDField : kVEL_HOLMKeyField)) ||
+        (secure && _key == nullptr && fieldSize == 0)) {
+        return kVELErr_BadStreamHeader;
+    }
+    const std::uint32_t fixed = kVEL_HOLMHeaderSize + byteAt(_header, kVEL_HOLMRSCVOffset) +
+                                fieldSize + byteAt(_header, kVEL_HOLMSSCVOffset);
+    const std::uint32_t total = velcom::getUint32(_header + 4);
+    if (total < fixed) {
+        return kVELErr_BadStreamHeader;
+    }
+    *bodyLength = total - fixed;
+    if (secure && *bodyLength % 8 != 0) {
+        return kVELErr_BadStreamHeader;
+    }
+    if (!compressed) {
+        return *bodyLength == (secure ? roundUp8(plainSize) : plainSize) ? kVELErr_Ok
+                                                                         : kVELErr_BadStreamHeader;
+    }
+    // A compressed body is at most the zlib bound of the largest plain size the receiver takes.
+    const unsigned long largest =
+            std::min(_maxMessageSize, basis::BufferMgr::Default()->getMaxBufferSize());
+    return *bodyLength <= roundUp8(static_cast<std::uint32_t>(velcom::zlibBound(largest)))
+                   ? kVELErr_Ok
+                   : kVELErr_BadStreamHeader;
+}
+
+VELErr_t VEL_HOLM::compress(VEL_Message* message) {
+    return velcom::compressBody(message, _compressionAlgorithm);
+}
+
+VELErr_t VEL_HOLM::uncompress(VEL_Message* message, unsigned long plainSize) {
+    return velcom::uncompressBody(message, static_cast<std::uint32_t>(plainSize),
+                                  _compressionAlgorithm);
+}
+
+VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
+    const unsigned long size = message->size();
+    if (_sessionID == 0) {
+        return kVELErr_SecureSession;
+    }
+    if (size == 0) {
+        return kVELErr_Ok;
+    }
+    // In place: CBC reads each block before writing it. Pooled buffers hold whole blocks of 8,
+    // so the padded length fits without moving the body.
+    basis::Buffer* body = message->buffer();
+    try {
+        body->resize(roundUp8(static_cast<std::uint32_t>(size)));
+    } catch (const basis::BufferException&) {
+        return kVELErr_Alloc;
+    }
+    char* data = body->data();
+    unsigned long encrypted = 0;
+    const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, size, &encrypted] {
+        VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+        char* out = data;
+        return encryptor != nullptr &&
+               encryptor->encrypt(data, out, size, encrypted, _sessionID) == kVELErr_Ok;
+    });
+    body->setSize(code == kVELErr_Ok ? encrypted : size);
+    return code;
+}
+
+VELErr_t VEL_HOLM::decrypt(VEL_Message* message, unsigned long length) {
+    if (!_initiator && !_keySent) {
+        // The responder joins the session with the key that the initiator sent.
+        const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+        if (code != kVELErr_Ok) {
+            return code;
+        }
+        _keySent = true;
+    }
+    if (length == 0) {
+        return kVELErr_Ok;
+    }
+    // In place: the body holds `length` rounded up to 8 (checked with the header), which is
+    // what the last block reads.
+    char* data = message->data();
+    const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, length] {
+        VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+        char* out = data;
+        return encryptor != nullptr &&
+               encryptor->decrypt(data, out, length, _sessionID) == kVELErr_Ok;
+    });
+    if (code == kVELErr_Ok) {
+        message->buffer()->setSize(length);
+    }
+    return code;
+}
+
+VELErr_t VEL_HOLM::headerFailed(VELErr_t code) {
+    velcom::traceRecvFailure(code, "Error encountered while receiving H-OLM header",
+                             "Received header:", _header, kVEL_HOLMHeaderSize);
+    return code;
+}
+
+VELErr_t VEL_HOLM::messageFailed(VELErr_t code, const VEL_Message* body) {
+    velcom::traceRecvFailure(code, "Error receiving a HOLM message", "Received header :", _header,
+                             kVEL_HOLMHeaderSize, body != nullptr ? "Received message :" : nullptr,
+                             body);
+    return code;
+}

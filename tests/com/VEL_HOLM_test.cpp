@@ -1,0 +1,306 @@
+#include "VEL_HOLM.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "MemorySocket.h"
+#include "SocketSupport.h"
+#include "TestSupport.h"
+#include "VEL_CryptoTools.h"
+#include "VEL_Encryptor.h"
+#include "VEL_Message.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+using veltest::Be32;
+using veltest::Body;
+using veltest::Hex;
+using veltest::MemorySocket;
+
+class EncryptorProbe : public VEL_Encryptor {
+public:
+    using VEL_Encryptor::SetLastSessionID;
+};
+
+// CAST-128 CBC of `plain` under a 16-byte session key, as a peer holding that key computes it.
+std::string castOf(const std::string& key, const std::string& plain) {
+    std::string masked = key;
+    char* schedule = nullptr;
+    VEL_CryptoTools::GenerateCastKey(&masked[0], schedule);
+    char* cipher = nullptr;
+    unsigned long length = 0;
+    VEL_CryptoTools::Encrypt(plain.data(), cipher, plain.size(), length, schedule);
+    std::string result(cipher, length);
+    std::free(cipher);
+    std::free(schedule);
+    return result;
+}
+
+// A header with a correct check word (unless `flip` changes it) and the given fields; `flags`
+// are the security, session and compression bytes.
+std::string header(std::uint32_t total, std::uint32_t plain, const char* flags,
+                   unsigned char rscv = 0, unsigned char field = 0, unsigned char sscv = 0,
+                   const char* magicAndVersion = "484F 0100", std::uint16_t flip = 0) {
+    std::string bytes = Hex(magicAndVersion) + Be32(total) + Be32(plain) + std::string(4, '\0') +
+                        Hex(flags) + std::string(9, '\0');
+    bytes[20] = static_cast<char>(rscv);
+    bytes[21] = static_cast<char>(field);
+    bytes[22] = static_cast<char>(sscv);
+    std::uint16_t check = flip;
+    for (std::size_t i = 0; i < 12; i += 2) {
+        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[i]) << 8 |
+                                            static_cast<unsigned char>(bytes[i + 1]));
+    }
+    bytes[12] = static_cast<char>(check >> 8);
+    bytes[13] = static_cast<char>(check);
+    return bytes;
+}
+
+std::string sscvOf(const VEL_Message& message) {
+    return message.checkSSCV() ? std::string(message.getSSCV(), message.getSSCVSize()) : "";
+}
+
+class HOLMTest : public veltest::BufferLeakTest {
+protected:
+    // Sends `body` from one side, hands the frame to the other side's input and receives it
+    // there. Returns the frame.
+    static std::string relay(VEL_HOLM& sender, MemorySocket& out, VEL_HOLM& receiver,
+                             MemorySocket& in, const std::string& body) {
+        VEL_Message message;
+        EXPECT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
+        out.clearOutput();
+        EXPECT_EQ(sender.sendMessage(&message), kVELErr_Ok) << body;
+        in.feed(out.written());
+        VEL_Message received;
+        EXPECT_EQ(receiver.recvMessage(&received), kVELErr_Ok) << body;
+        EXPECT_EQ(Body(received), body);
+        return out.written();
+    }
+    std::string toB(const std::string& body) { return relay(_a, _aOut, _b, _bOut, body); }
+    std::string toA(const std::string& body) { return relay(_b, _bOut, _a, _aOut, body); }
+
+    MemorySocket _aOut;  // what A writes, B reads from the other socket, and back
+    MemorySocket _bOut;
+    VEL_HOLM _a{&_aOut, 100000};
+    VEL_HOLM _b{&_bOut, 100000};
+};
+
+TEST_F(HOLMTest, PlainFramesCarryRSCVSessionFieldAndSSCVInOrder) {
+    const struct {
+        std::string rscv, sscv, body, frame;
+    } cases[] = {
+            {"", "", "", Hex("484F 0100 0000001C 00000000 4953 0000 00000000 000000 0000000000")},
+            {"", "", "hello",
+             Hex("484F 0100 00000021 00000005 496B 0000 00000000 000000 0000000000") + "hello"},
+            {"ab", "xyz", "hi",
+             Hex("484F 0100 00000023 00000002 496E 0000 00000000 020003 0000000000") + "abxyzhi"},
+    };
+    for (const auto& c : cases) {
+        VEL_Message message;
+        ASSERT_EQ(message.setData(c.body.data(), c.body.size()), kVELErr_Ok);
+        ASSERT_EQ(message.setRSCV(c.rscv.data(), static_cast<unsigned char>(c.rscv.size())),
+                  kVELErr_Ok);
+        ASSERT_EQ(message.setSSCV(c.sscv.data(), static_cast<unsigned char>(c.sscv.size())),
+                  kVELErr_Ok);
+        _aOut.clearOutput();
+        ASSERT_EQ(_a.sendMessage(&message), kVELErr_Ok);
+        EXPECT_EQ(_aOut.written(), c.frame);
+        _bOut.feed(c.frame);
+        VEL_Message received;
+        ASSERT_EQ(_b.recvMessage(&received), kVELErr_Ok);
+        EXPECT_EQ(Body(received), c.body);
+        EXPECT_EQ(veltest::RSCV(received), c.rscv);
+        EXPECT_EQ(sscvOf(received), c.sscv);
+    }
+    // Compressed at the chosen level: bit 6 and the level in byte 18, then the zlib stream.
+    const std::string plain(600, 'z');
+    _a.setCompression(true, kVELHOLMCompAlgo_Best);
+    const std::string frame = toB(plain);
+    EXPECT_EQ(frame.substr(4, 8), Be32(static_cast<std::uint32_t>(frame.size())) + Be32(600));
+    EXPECT_EQ(frame.substr(16, 8), Hex("00 00 49 00 00 00 00 00"));
+    std::string stream(compressBound(600), '\0');
+    uLongf length = stream.size();
+    ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                        reinterpret_cast<const Bytef*>(plain.data()), plain.size(), 9),
+              Z_OK);
+    EXPECT_EQ(frame.substr(28), stream.substr(0, length));
+    EXPECT_TRUE(_b.getCompression());  // taken over from the header
+}
+
+TEST_F(HOLMTest, KeyGoesOutOnceThenSessionIDsThenTheResetBitOnce) {
+    EncryptorProbe::SetLastSessionID(0xABCDEE);  // A gets 0xABCDEF, B 0xABCDF0
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    EXPECT_EQ(_a.openSecureSession(), kVELErr_SecureSession);
+    std::string frame = toB("secret");
+    EXPECT_EQ(frame.substr(4, 8), Be32(28 + 16 + 8) + Be32(6));
+    EXPECT_EQ(frame.substr(16, 8), Hex("41 04 80 00 00 10 00 00"));  // secure, level 1, initiator
+    const std::string key = frame.substr(28, 16);
+    EXPECT_EQ(key.find('\0'), std::string::npos);
+    EXPECT_EQ(frame.substr(44), castOf(key, "secret"));
+    EXPECT_TRUE(_b.isSecureSession());
+
+    frame = toA("reply, nine");  // the responder sends its own session ID
+    EXPECT_EQ(frame.substr(16, 8), Hex("41 06 00 00 00 04 00 00"));
+    EXPECT_EQ(frame.substr(28, 4), Hex("F0CDAB00"));
+    EXPECT_EQ(frame.substr(32), castOf(key, "reply, nine"));
+    frame = toB("again");  // the initiator sends the ID it received
+    EXPECT_EQ(frame.substr(16, 8), Hex("41 06 80 00 00 04 00 00"));
+    EXPECT_EQ(frame.substr(28, 4), Hex("F0CDAB00"));
+
+    ASSERT_EQ(_a.closeSecureSession(), kVELErr_Ok);
+    EXPECT_EQ(_a.closeSecureSession(), kVELErr_SecureSession);
+    EXPECT_EQ(toB("bye").substr(16, 8), Hex("00 01 00 00 00 00 00 00"));
+    EXPECT_FALSE(_b.isSecureSession());
+    EXPECT_EQ(toB("plain").substr(16, 3), Hex("00 00 00"));
+    EXPECT_EQ(toA("not bounced").substr(16, 3), Hex("00 00 00"));
+
+    // A new session; then a close followed at once by an open: reset bit and new key together.
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    EXPECT_EQ(toB("new key")[21], 16);
+    ASSERT_EQ(_a.closeSecureSession(), kVELErr_Ok);
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    frame = toB("reset and key");
+    EXPECT_EQ(frame.substr(16, 8), Hex("41 05 80 00 00 10 00 00"));
+    EXPECT_EQ(frame.substr(44), castOf(frame.substr(28, 16), "reset and key"));
+    toA("still both ways");
+}
+
+TEST_F(HOLMTest, ASessionClosedBehindTheTransportFailsWithoutThrowing) {
+    veltest::RecordingSink sink(kVELTrace_ComError);
+    veltest::ScopedSink installed(&sink);
+    EncryptorProbe::SetLastSessionID(100);  // A gets 101, B 102
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    toB("open");
+    VEL_Encryptor::Instance()->closeSession(102);  // B's session, behind B's back
+
+    VEL_Message message;
+    ASSERT_EQ(message.setData("x", 1), kVELErr_Ok);
+    _bOut.clearOutput();
+    EXPECT_EQ(_b.sendMessage(&message), kVELErr_SecureSession);
+    EXPECT_EQ(_bOut.written().size(), 0u);
+    EXPECT_EQ(Body(message), "x");
+    _aOut.clearOutput();
+    ASSERT_EQ(_a.sendMessage(&message), kVELErr_Ok);
+    _bOut.feed(_aOut.written());
+    EXPECT_EQ(_b.recvMessage(&message), kVELErr_SecureSession);
+    EXPECT_TRUE(sink.contains("Unknown secure session ID"));
+    EXPECT_TRUE(sink.contains("Error receiving a HOLM message"));
+}
+
+TEST_F(HOLMTest, BadHeadersAreRefusedBeforeAnythingElseIsRead) {
+    const std::string five = "hello";
+    const struct {
+        const char* what;
+        std::string frame;
+        bool keyHeld;
+        VELErr_t code;
+    } cases[] = {
+            {"check word", header(33, 5, "000000", 0, 0, 0, "484F 0100", 1) + five, false,
+             kVELErr_BadStreamHeader},
+            {"version", header(33, 5, "000000", 0, 0, 0, "484F 0101") + five, false,
+             kVELErr_BadStreamHeader},
+            {"magic", header(33, 5, "000000", 0, 0, 0, "4850 0100") + five, false,
+             kVELErr_BadStreamHeader},
+            {"plain size 100001", header(33, 100001, "000000") + five, false,
+             kVELErr_MessageTooBig},
+            {"plain size not the body", header(33, 4, "000000") + five, false,
+             kVELErr_BadStreamHeader},
+            {"total below the fields", header(30, 0, "000000", 3) + five, false,
+             kVELErr_BadStreamHeader},
+            {"secure without a key", header(36, 5, "400000") + five + "pad", false,
+             kVELErr_BadStreamHeader},
+            {"ID field without a key", header(36, 0, "000000", 0, 4) + "1234" + "5678", false,
+             kVELErr_BadStreamHeader},
+            {"key field with a key", header(44, 0, "000000", 0, 16) + std::string(16, 'k'), true,
+             kVELErr_BadStreamHeader},
+            {"field of 7", header(35, 0, "000000", 0, 7) + "1234567", false,
+             kVELErr_BadStreamHeader},
+            {"secure compressed body of 12", header(56, 30, "400040", 0, 16) + std::string(28, 'k'),
+             false, kVELErr_BadStreamHeader},
+            {"secure body of 16 for 5", header(60, 5, "400000", 0, 16) + std::string(32, 'k'),
+             false, kVELErr_BadStreamHeader},
+            {"compressed body past the bound", header(28 + 100200, 10, "000040"), false,
+             kVELErr_BadStreamHeader},
+    };
+    veltest::RecordingSink sink(kVELTrace_ComError);
+    veltest::ScopedSink installed(&sink);
+    for (const auto& c : cases) {
+        MemorySocket socket;
+        VEL_HOLM transport(&socket, 100000);
+        if (c.keyHeld) {
+            ASSERT_EQ(transport.openSecureSession(), kVELErr_Ok);
+        }
+        socket.feed(c.frame);
+        sink.clear();
+        VEL_Message message;
+        EXPECT_EQ(transport.recvMessage(&message), c.code) << c.what;
+        EXPECT_EQ(socket.unread(), c.frame.size() - 28) << c.what;
+        EXPECT_TRUE(sink.contains("Error encountered while receiving H-OLM header")) << c.what;
+    }
+    // The largest plain size is accepted.
+    MemorySocket socket;
+    socket.feed(header(28 + 100000, 100000, "000000") + std::string(100000, 'm'));
+    VEL_Message message;
+    EXPECT_EQ(VEL_HOLM(&socket, 100000).recvMessage(&message), kVELErr_Ok);
+    EXPECT_EQ(message.size(), 100000u);
+}
+
+class HOLMLoopbackTest : public veltest::SocketLeakTest {};
+
+TEST_F(HOLMLoopbackTest, SecureAndCompressedRoundTripsInBothDirections) {
+    veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair();
+    ASSERT_TRUE(pair.client && pair.server);
+    VEL_HOLM client(pair.client.get(), 1 << 20);
+    VEL_HOLM server(pair.server.get(), 1 << 20);
+    const struct {
+        bool secure, compressed;
+        std::size_t sizes[3];
+    } modes[] = {
+            {true, false, {1, 9, 40000}},  // 40000 x 2 overflows a 16-bit capacity
+            {true, true, {100, 16384, 40000}},
+            {false, true, {100, 16384, 40000}},
+            {false, false, {0, 7, 16384}},
+    };
+    unsigned int seed = 0;
+    for (const auto& mode : modes) {
+        if (mode.secure) {
+            ASSERT_EQ(client.openSecureSession(), kVELErr_Ok);
+        }
+        client.setCompression(mode.compressed);
+        for (std::size_t size : mode.sizes) {
+            std::string body = veltest::Pattern(size, ++seed);
+            if (mode.compressed) {
+                for (std::size_t i = 0; i < size; ++i) {
+                    body[i] = static_cast<char>('a' + (i / 5 + seed) % 7);
+                }
+            }
+            // Each side answers with what it received, with the settings its peer's header set.
+            VEL_Transport* sides[] = {&client, &server, &client};
+            for (int hop = 0; hop < 2; ++hop) {
+                VEL_Message message;
+                ASSERT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
+                ASSERT_EQ(message.setRSCV("rscv", 4), kVELErr_Ok);
+                ASSERT_EQ(message.setSSCV(const_cast<char*>("s"), 1), kVELErr_Ok);
+                ASSERT_EQ(sides[hop]->sendMessage(&message), kVELErr_Ok) << size;
+                VEL_Message received;
+                ASSERT_EQ(sides[hop + 1]->recvMessage(&received), kVELErr_Ok) << size;
+                EXPECT_EQ(Body(received), body) << size << " hop " << hop;
+                EXPECT_EQ(veltest::RSCV(received), "rscv");
+                EXPECT_EQ(sscvOf(received), "s");
+            }
+            EXPECT_EQ(server.isSecureSession(), mode.secure);
+            EXPECT_EQ(server.getCompression(), mode.compressed);
+        }
+        if (mode.secure) {
+            ASSERT_EQ(client.closeSecureSession(), kVELErr_Ok);
+        }
+    }
+}
+
+}  // namespace
