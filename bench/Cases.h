@@ -15,6 +15,9 @@ std::unique_ptr<Case> MakePingPongCase();
 std::unique_ptr<Case> MakeManyConnectionsCase();
 // 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.
 std::unique_ptr<Case> MakeStreamCase();
+// Secure, compressed request/response of 16 KiB bodies: VEL_HOLM against the same zlib and
+// CAST-128 calls made directly on the buffers.
+std::unique_ptr<Case> MakeHolmCase();
 // 1M items through a pool of 2 threads: VEL_ThreadPool against a std::mutex +
 // std::condition_variable queue with std::thread workers.
 std::unique_ptr<Case> MakeThreadPoolCase();

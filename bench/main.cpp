@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakePingPongCase());
     cases.push_back(velbench::MakeManyConnectionsCase());
     cases.push_back(velbench::MakeStreamCase());
+    cases.push_back(velbench::MakeHolmCase());
     cases.push_back(velbench::MakeThreadPoolCase());
     cases.push_back(velbench::MakeTimerCase());
 
