@@ -9,8 +9,9 @@
 namespace velbench {
 
 // Request/response, 64-byte bodies, one connection: vel (OXLv1 client, select reactor server)
-// against plain blocking sockets and a libevent server.
-std::unique_ptr<Case> MakePingPongCase();
+// against plain blocking sockets and a libevent server. With `nativeTimeouts` the vel sockets
+// use the system's send and receive time-outs (for information).
+std::unique_ptr<Case> MakePingPongCase(bool nativeTimeouts);
 // The same with 200 connections, against libevent.
 std::unique_ptr<Case> MakeManyConnectionsCase();
 // 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.

@@ -8,9 +8,16 @@
 
 namespace velbench {
 
-std::unique_ptr<VEL_TCPSocket> ConnectVel(unsigned short port) {
+VEL_SockOptions VelOptions(bool nativeTimeouts) {
     VEL_SockOptions options;
     options.setNoDelay(true);
+    if (nativeTimeouts) {
+        options.setNonBlock(true);
+    }
+    return options;
+}
+
+std::unique_ptr<VEL_TCPSocket> ConnectVel(unsigned short port, const VEL_SockOptions& options) {
     VEL_TCPConnector connector(port, "127.0.0.1", options);
     VEL_Socket* socket = nullptr;
     const VELErr_t code = connector.connect(socket);
@@ -20,8 +27,8 @@ std::unique_ptr<VEL_TCPSocket> ConnectVel(unsigned short port) {
     return std::unique_ptr<VEL_TCPSocket>(static_cast<VEL_TCPSocket*>(socket));
 }
 
-VelClient::VelClient(unsigned short port, std::uint32_t bodySize)
-    : _socket(ConnectVel(port)), _transport(_socket.get(), bodySize) {
+VelClient::VelClient(unsigned short port, std::uint32_t bodySize, const VEL_SockOptions& options)
+    : _socket(ConnectVel(port, options)), _transport(_socket.get(), bodySize) {
     if (_request.allocate(bodySize) != kVELErr_Ok) {
         throw BenchError("no buffer for the request");
     }

@@ -12,6 +12,7 @@
 #include "BenchSupport.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
+#include "VEL_SockOptions.h"
 #include "VEL_TCPSocket.h"
 
 namespace velbench {
@@ -27,7 +28,7 @@ public:
 
 class VelClient : public Client {
 public:
-    VelClient(unsigned short port, std::uint32_t bodySize);
+    VelClient(unsigned short port, std::uint32_t bodySize, const VEL_SockOptions& options);
     void send() override;
     void receive() override;
 
@@ -53,8 +54,12 @@ private:
     std::vector<char> _reply;
 };
 
-// A VEL_TCPSocket connected to 127.0.0.1:port (no-delay on).
-std::unique_ptr<VEL_TCPSocket> ConnectVel(unsigned short port);
+// The options of the vel sockets: no-delay on and, with `nativeTimeouts`, the system's own send
+// and receive time-outs instead of a readiness wait before each send.
+VEL_SockOptions VelOptions(bool nativeTimeouts);
+// A VEL_TCPSocket connected to 127.0.0.1:port with `options`.
+std::unique_ptr<VEL_TCPSocket> ConnectVel(unsigned short port,
+                                          const VEL_SockOptions& options = VelOptions(false));
 
 }  // namespace velbench
 

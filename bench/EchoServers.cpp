@@ -74,10 +74,12 @@ private:
 class VelAcceptHandler : public VEL_EventHandler,
                          public boost::enable_shared_from_this<VelAcceptHandler> {
 public:
-    VelAcceptHandler(VEL_IOReactor& reactor, VEL_TCPAcceptor& acceptor, std::atomic<long>& count)
+    VelAcceptHandler(VEL_IOReactor& reactor, VEL_TCPAcceptor& acceptor,
+                     const VEL_SockOptions& options, std::atomic<long>& count)
         : VEL_EventHandler(acceptor.getHandle()),
           _reactor(reactor),
           _acceptor(acceptor),
+          _options(options),
           _count(count) {}
 
     bool handleInput() override {
@@ -86,6 +88,7 @@ public:
             return true;  // the client gave up; keep listening
         }
         auto* socket = static_cast<VEL_TCPSocket*>(accepted);
+        (void)socket->setOptions(_options);  // a refused option leaves a usable connection
         const auto handler = boost::make_shared<VelEchoHandler>(_reactor, socket, _count);
         (void)_reactor.addEventHandler(handler, basis::TimeValue(), kVELOp_Read);
         return true;  // a refused registration drops the handler, which closes the socket
@@ -98,13 +101,14 @@ public:
 private:
     VEL_IOReactor& _reactor;
     VEL_TCPAcceptor& _acceptor;
+    const VEL_SockOptions _options;
     std::atomic<long>& _count;
 };
 
 class VelEchoServer : public EchoServer {
 public:
-    explicit VelEchoServer(std::unique_ptr<VEL_IOReactor> reactor)
-        : _reactor(std::move(reactor)), _acceptor(0, "127.0.0.1", noDelay()) {
+    VelEchoServer(std::unique_ptr<VEL_IOReactor> reactor, const VEL_SockOptions& options)
+        : _reactor(std::move(reactor)), _acceptor(0, "127.0.0.1", options) {
         VELErr_t code = _acceptor.open();
         if (code != kVELErr_Ok) {
             FailStatus("vel acceptor open", code);
@@ -115,7 +119,7 @@ public:
             FailStatus("vel reactor init", code);
         }
         code = _reactor->addEventHandler(
-                boost::make_shared<VelAcceptHandler>(*_reactor, _acceptor, _count),
+                boost::make_shared<VelAcceptHandler>(*_reactor, _acceptor, options, _count),
                 VEL_IOReactor::kNoInactivityTimeout, kVELOp_Read);
         if (code != kVELErr_Ok) {
             FailStatus("vel reactor registration", code);
@@ -134,12 +138,6 @@ public:
     unsigned long connections() const override { return static_cast<unsigned long>(_count.load()); }
 
 private:
-    static VEL_SockOptions noDelay() {
-        VEL_SockOptions options;
-        options.setNoDelay(true);
-        return options;
-    }
-
     std::atomic<long> _count{0};
     std::unique_ptr<VEL_IOReactor> _reactor;
     VEL_TCPAcceptor _acceptor;
@@ -334,12 +332,15 @@ private:
 
 }  // namespace
 
-std::unique_ptr<EchoServer> StartVelEchoServer(std::unique_ptr<VEL_IOReactor> reactor) {
-    return std::make_unique<VelEchoServer>(std::move(reactor));
+std::unique_ptr<EchoServer> StartVelEchoServer(std::unique_ptr<VEL_IOReactor> reactor,
+                                               const VEL_SockOptions& options) {
+    return std::make_unique<VelEchoServer>(std::move(reactor), options);
 }
 
-std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size) {
-    return StartVelEchoServer(std::make_unique<VEL_SelectIOReactor>(size, basis::TimeValue(2, 0)));
+std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size,
+                                                  const VEL_SockOptions& options) {
+    return StartVelEchoServer(std::make_unique<VEL_SelectIOReactor>(size, basis::TimeValue(2, 0)),
+                              options);
 }
 
 std::unique_ptr<EchoServer> StartLibeventEchoServer() {

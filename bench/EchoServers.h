@@ -13,6 +13,7 @@
 #include <memory>
 
 class VEL_IOReactor;
+class VEL_SockOptions;
 
 namespace velbench {
 
@@ -30,9 +31,12 @@ protected:
     unsigned short _port = 0;
 };
 
-// Takes over `reactor` (not initialised yet), initialises and opens it. Throws BenchError.
-std::unique_ptr<EchoServer> StartVelEchoServer(std::unique_ptr<VEL_IOReactor> reactor);
-std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size);
+// Takes over `reactor` (not initialised yet), initialises and opens it; accepted sockets get
+// `options`. Throws BenchError.
+std::unique_ptr<EchoServer> StartVelEchoServer(std::unique_ptr<VEL_IOReactor> reactor,
+                                               const VEL_SockOptions& options);
+std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size,
+                                                  const VEL_SockOptions& options);
 std::unique_ptr<EchoServer> StartLibeventEchoServer();
 std::unique_ptr<EchoServer> StartBlockingEchoServer();
 

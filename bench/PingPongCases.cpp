@@ -31,35 +31,45 @@ void awaitConnections(const EchoServer& server, unsigned long count) {
 
 class PingPongCase : public Case {
 public:
-    // `connections` per variant; with `withFloor` the blocking pair is a reference too.
-    PingPongCase(unsigned long connections, bool withFloor)
-        : _connections(connections), _withFloor(withFloor) {}
+    // `connections` per variant; with `withFloor` the blocking pair is a reference too. With
+    // `nativeTimeouts` the vel sockets use the system's time-outs (an option, shown for
+    // information: the targets apply to the default options).
+    PingPongCase(unsigned long connections, bool withFloor, bool nativeTimeouts)
+        : _connections(connections), _withFloor(withFloor), _nativeTimeouts(nativeTimeouts) {}
 
     std::string id() const override {
-        return _connections == 1 ? "pingpong" : "pingpong" + std::to_string(_connections);
+        const std::string base =
+                _connections == 1 ? "pingpong" : "pingpong" + std::to_string(_connections);
+        return _nativeTimeouts ? base + "-native" : base;
     }
     std::string title() const override {
-        return "ping-pong " + std::to_string(_connections) + " conn, 64 B";
+        return "ping-pong " + std::to_string(_connections) + " conn, 64 B" +
+               (_nativeTimeouts ? ", native t/o" : "");
+    }
+    std::string velName() const override {
+        return _nativeTimeouts ? "vel, native time-outs" : "vel";
     }
     std::string unit() const override { return "round trips/s"; }
     std::vector<Reference> references() const override {
         std::vector<Reference> refs;
         if (_withFloor) {
-            refs.push_back({"blocking POSIX (floor)", 0.85});
+            refs.push_back({"blocking POSIX (floor)", _nativeTimeouts ? 0.0 : 0.85});
         }
-        refs.push_back({"libevent bufferevent", 1.0});
+        refs.push_back({"libevent bufferevent", _nativeTimeouts ? 0.0 : 1.0});
         return refs;
     }
     unsigned long workCount(bool quick) const override { return quick ? 400 : 20000; }
 
     void setUp(bool /*quick*/) override {
-        _velServer = StartSelectEchoServer(VEL_SelectIOReactor::kSetSize);
+        const VEL_SockOptions options = VelOptions(_nativeTimeouts);
+        _velServer = StartSelectEchoServer(VEL_SelectIOReactor::kSetSize, options);
         _libeventServer = StartLibeventEchoServer();
         if (_withFloor) {
             _blockingServer = StartBlockingEchoServer();
         }
         for (unsigned long i = 0; i < _connections; ++i) {
-            _velClients.push_back(std::make_unique<VelClient>(_velServer->port(), kBodySize));
+            _velClients.push_back(
+                    std::make_unique<VelClient>(_velServer->port(), kBodySize, options));
             _libeventClients.push_back(
                     std::make_unique<PlainClient>(_libeventServer->port(), kBodySize));
             if (_withFloor) {
@@ -111,6 +121,7 @@ private:
 
     const unsigned long _connections;
     const bool _withFloor;
+    const bool _nativeTimeouts;
     std::unique_ptr<EchoServer> _velServer;
     std::unique_ptr<EchoServer> _libeventServer;
     std::unique_ptr<EchoServer> _blockingServer;
@@ -121,12 +132,12 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Case> MakePingPongCase() {
-    return std::make_unique<PingPongCase>(1, true);
+std::unique_ptr<Case> MakePingPongCase(bool nativeTimeouts) {
+    return std::make_unique<PingPongCase>(1, true, nativeTimeouts);
 }
 
 std::unique_ptr<Case> MakeManyConnectionsCase() {
-    return std::make_unique<PingPongCase>(200, false);
+    return std::make_unique<PingPongCase>(200, false, false);
 }
 
 }  // namespace velbench

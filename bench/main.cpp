@@ -34,7 +34,8 @@ int main(int argc, char** argv) {
     (void)std::signal(SIGPIPE, SIG_IGN);
 
     std::vector<std::unique_ptr<velbench::Case>> cases;
-    cases.push_back(velbench::MakePingPongCase());
+    cases.push_back(velbench::MakePingPongCase(false));
+    cases.push_back(velbench::MakePingPongCase(true));
     cases.push_back(velbench::MakeManyConnectionsCase());
     cases.push_back(velbench::MakeStreamCase());
     cases.push_back(velbench::MakeHolmCase());
