@@ -20,6 +20,7 @@ namespace {
 struct CaseResult {
     const Case* benchCase = nullptr;
     std::vector<std::vector<double>> rates;  // [variant][repetition]
+    std::vector<std::string> notes;
     std::string error;
 };
 
@@ -115,6 +116,7 @@ void runCase(Case& benchCase, const Options& options, CaseResult& result) {
             result.rates[v].push_back(rate);
         }
     }
+    result.notes = benchCase.notes();
 }
 
 void printHeader(const Options& options, const std::string& load) {
@@ -145,6 +147,9 @@ void printCase(const CaseResult& result) {
                     each.empty() ? "-" : number(ratio).c_str(),
                     refs[r].target > 0.0 ? (">=" + number(refs[r].target)).c_str() : "-",
                     judged ? (ratio >= refs[r].target ? "yes" : "NO") : "");
+    }
+    for (const std::string& note : result.notes) {
+        std::printf("%-34s %s\n", "", note.c_str());
     }
 }
 
@@ -186,7 +191,15 @@ void printJson(const std::vector<CaseResult>& results, const Options& options,
                     refs[r].target > 0.0 ? number(refs[r].target).c_str() : "null",
                     refs[r].target > 0.0 ? (ratio >= refs[r].target ? "true" : "false") : "null");
         }
-        std::printf("\n     ]}");
+        std::printf("\n     ]");
+        if (!result.notes.empty()) {
+            std::printf(",\n     \"notes\": [");
+            for (std::size_t n = 0; n < result.notes.size(); ++n) {
+                std::printf("%s%s", n == 0 ? "" : ", ", jsonText(result.notes[n]).c_str());
+            }
+            std::printf("]");
+        }
+        std::printf("}");
     }
     std::printf("\n  ]\n}\n");
 }

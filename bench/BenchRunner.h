@@ -49,6 +49,9 @@ public:
     virtual double run(std::size_t index, unsigned long count) = 0;
     // Stops and releases what setUp built; called even when a run failed.
     virtual void tearDown() = 0;
+    // Measurements besides the rates (e.g. memory), printed under the case; read after the runs
+    // and before tearDown.
+    virtual std::vector<std::string> notes() const { return {}; }
 };
 
 struct Options {

@@ -3,6 +3,7 @@
 #define BENCH_CASES_H
 
 #include <memory>
+#include <string>
 
 #include "BenchRunner.h"
 
@@ -24,6 +25,16 @@ std::unique_ptr<Case> MakeHolmCase();
 std::unique_ptr<Case> MakeThreadPoolCase();
 // Arm and cancel 100k timers: VEL_TimerManager against a std::multimap keyed by deadline.
 std::unique_ptr<Case> MakeTimerCase();
+// One active request/response connection beside `idle` idle ones, each server in a process of
+// its own; reports the servers' resident memory per idle connection too.
+std::unique_ptr<Case> MakeIdleCase(unsigned long idle);
+
+// The helper modes those processes run: an echo server of `kind` ("select", "libevent") that
+// prints "port N", answers "count" with its number of connections and stops at the end of its
+// input; and a holder of `count` idle connections to `port` that prints "ready" and closes them
+// at the end of its input. Each returns the process exit status.
+int ServeMain(const std::string& kind);
+int HoldMain(unsigned short port, unsigned long count);
 
 }  // namespace velbench
 

@@ -7,6 +7,8 @@
 //   vel-bench --case ID    only case ID (repeatable); --list prints the ids
 //   vel-bench --variant N  only variant N of each case (0: vel, 1: first reference, ...), for
 //                          profiling one side under perf or callgrind
+// The idle-connection cases start copies of this program in two helper modes, --serve KIND and
+// --hold PORT COUNT (see Cases.h).
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +34,13 @@ int usage(const char* program) {
 int main(int argc, char** argv) {
     // The plain references write to sockets whose peer may be gone when a case fails.
     (void)std::signal(SIGPIPE, SIG_IGN);
+    if (argc == 3 && std::strcmp(argv[1], "--serve") == 0) {
+        return velbench::ServeMain(argv[2]);
+    }
+    if (argc == 4 && std::strcmp(argv[1], "--hold") == 0) {
+        return velbench::HoldMain(static_cast<unsigned short>(std::atoi(argv[2])),
+                                  std::strtoul(argv[3], nullptr, 10));
+    }
 
     std::vector<std::unique_ptr<velbench::Case>> cases;
     cases.push_back(velbench::MakePingPongCase(false));
@@ -41,6 +50,7 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakeHolmCase());
     cases.push_back(velbench::MakeThreadPoolCase());
     cases.push_back(velbench::MakeTimerCase());
+    cases.push_back(velbench::MakeIdleCase(2000));
 
     velbench::Options options;
     bool repsGiven = false;
