@@ -31,7 +31,7 @@ public:
     std::string title() const override { return "streaming 1 MiB bodies one way"; }
     std::string unit() const override { return "MiB/s"; }
     std::vector<Reference> references() const override { return {{"plain writev/read", 0.9}}; }
-    unsigned long workCount(bool quick) const override { return quick ? 16 : 400; }
+    unsigned long workCount(bool quick) const override { return quick ? 16 : 1000; }
 
     void setUp(bool /*quick*/) override {
         VEL_TCPAcceptor acceptor(0, "127.0.0.1");
