@@ -63,6 +63,7 @@
 #include "VEL_TimerSubscriberInterface.h"
 
 // Reactor
+#include "VEL_EpollIOReactor.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
 #include "VEL_PollingEntry.h"

@@ -86,11 +86,16 @@ private:
 // Reads what waits on `fd` without blocking; false once the stream has ended or on an error.
 bool Drain(int fd);
 
+// Stops a reactor, joins its loop thread and cleans it; checks that every handler was let go.
+void StopAndClean(VEL_IOReactor& reactor);
+
 // Builds a reactor of one back end (not yet initialised).
 using ReactorFactory = std::unique_ptr<VEL_IOReactor> (*)(unsigned long size,
                                                           const basis::TimeValue& idleTimeout);
 std::unique_ptr<VEL_IOReactor> MakeSelectReactor(unsigned long size,
                                                  const basis::TimeValue& idleTimeout);
+std::unique_ptr<VEL_IOReactor> MakeEpollReactor(unsigned long size,
+                                                const basis::TimeValue& idleTimeout);
 
 }  // namespace veltest
 

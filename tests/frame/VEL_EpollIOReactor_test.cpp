@@ -1,0 +1,213 @@
+#include "VEL_EpollIOReactor.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/weak_ptr.hpp>
+#include <gtest/gtest.h>
+
+#include "ReactorSupport.h"
+#include "SocketSupport.h"
+#include "TestSupport.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+using veltest::ScriptedHandler;
+
+// Counts its loop's passes (the hook runs at the top of each and before each dispatch).
+class CountingEpollReactor : public VEL_EpollIOReactor {
+public:
+    explicit CountingEpollReactor(unsigned long size)
+        : VEL_EpollIOReactor(size, basis::TimeValue(1, 0)) {}
+    ~CountingEpollReactor() override { stopLoop(); }
+    void notifyActivity() override { ++passes; }
+
+    std::atomic<long> passes{0};
+};
+
+class EpollReactorTest : public veltest::SocketLeakTest {
+protected:
+    void start(unsigned long size) {
+        _reactor.reset(new CountingEpollReactor(size));
+        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
+        ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
+    }
+    void TearDown() override {
+        if (_reactor) {
+            veltest::StopAndClean(*_reactor);
+            _reactor.reset();
+        }
+        SocketLeakTest::TearDown();
+    }
+    VELErr_t add(const boost::shared_ptr<VEL_EventHandler>& handler, unsigned short ops = 1) {
+        return _reactor->addEventHandler(handler, basis::TimeValue(), ops);
+    }
+    static boost::shared_ptr<ScriptedHandler> reader(int fd) {
+        const auto handler = ScriptedHandler::Make(fd);
+        handler->onInput = [fd] { return veltest::Drain(fd); };
+        return handler;
+    }
+
+    std::unique_ptr<CountingEpollReactor> _reactor;
+};
+
+// Handles above 1023 too: the duplicates follow every descriptor already open.
+TEST_F(EpollReactorTest, HoldsItsSizeAbove2048AndDisarmsHandlesWithoutOperations) {
+    constexpr unsigned long kHandles = 2100;
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    if (old.rlim_max < kHandles + 200) {
+        GTEST_SKIP() << "hard descriptor limit " << old.rlim_max << " is too low";
+    }
+    rlimit raised = old;
+    raised.rlim_cur = std::max<rlim_t>(old.rlim_cur, kHandles + 200);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+    start(kHandles + 1);  // and the wake-up socket
+    veltest::RawPair pair = veltest::MakeRawPair();
+    veltest::RawPair other = veltest::MakeRawPair();
+    std::vector<veltest::RawFd> fds;
+    std::vector<boost::shared_ptr<ScriptedHandler>> handlers;
+    for (unsigned long i = 0; i < kHandles; ++i) {
+        fds.emplace_back(::dup(pair.server.get()));
+        handlers.push_back(ScriptedHandler::Make(fds.back().get()));
+        const boost::weak_ptr<ScriptedHandler> self = handlers.back();
+        // Reads nothing: a handle left armed would be called again at every pass.
+        handlers.back()->onInput = [this, self] {
+            return _reactor->changeEventHandlerOps(self.lock(), 0) == kVELErr_Ok;
+        };
+        ASSERT_EQ(add(handlers.back()), kVELErr_Ok);
+    }
+    const auto sentinel = reader(other.server.get());
+    EXPECT_EQ(add(sentinel), kVELErr_ReactorFull);
+    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
+    ASSERT_TRUE(veltest::WaitFor([&handlers] {
+        return std::all_of(handlers.begin(), handlers.end(),
+                           [](const auto& handler) { return handler->count("in") >= 1; });
+    }));
+    ASSERT_EQ(_reactor->setSize(kHandles + 2), kVELErr_Ok);
+    ASSERT_EQ(add(sentinel), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(other.client.get(), "y"));
+    ASSERT_TRUE(sentinel->waitFor("in", 1));
+    for (const auto& handler : handlers) {
+        EXPECT_EQ(handler->count("in"), 1) << handler->getHandle();
+    }
+    veltest::StopAndClean(*_reactor);  // remove, then close
+    fds.clear();
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+}
+
+TEST_F(EpollReactorTest, HandlesTheKernelRefusesAreTracedAndUnregistered) {
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    start(16);
+    const auto expectDropped = [&](const boost::shared_ptr<ScriptedHandler>& handler,
+                                   const std::string& trace) {
+        EXPECT_TRUE(veltest::WaitFor([&] { return handler.use_count() == 1; })) << trace;
+        EXPECT_TRUE(sink.contains("FRAME - Error during an epoll call " + trace)) << trace;
+        EXPECT_EQ(_reactor->getNbElement(), 1u);
+    };
+    veltest::RawPair pair = veltest::MakeRawPair();
+    veltest::RawPair first = veltest::MakeRawPair();
+    veltest::RawFd reused(::dup2(first.server.get(), 902));
+    first.server.reset();
+    // Closed before its registration reached the kernel.
+    ASSERT_EQ(::fcntl(901, F_GETFD), -1);
+    const auto closed = ScriptedHandler::Make(901);
+    ASSERT_EQ(add(closed), kVELErr_Ok);
+    expectDropped(closed, "{9} ; <FD = 901>");
+    // Closed while polled, its number then taken by another socket.
+    const auto replaced = reader(902);
+    ASSERT_EQ(add(replaced), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(first.client.get(), "x"));
+    ASSERT_TRUE(replaced->waitFor("in", 1));
+    reused.reset();
+    reused = veltest::RawFd(::dup2(pair.server.get(), 902));
+    ASSERT_EQ(_reactor->changeEventHandlerOps(replaced, kVELOp_Read), kVELErr_Ok);
+    expectDropped(replaced, "{2} ; <FD = 902>");
+    const auto successor = reader(902);  // nothing of the old registration is left
+    ASSERT_EQ(add(successor), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "y"));
+    EXPECT_TRUE(successor->waitFor("in", 1));
+    EXPECT_EQ(_reactor->removeEventHandler(successor), kVELErr_Ok);
+    // Not pollable.
+    veltest::RawFd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const auto unpollable = ScriptedHandler::Make(devNull.get());
+    ASSERT_EQ(add(unpollable), kVELErr_Ok);
+    expectDropped(unpollable, "{1} ; <FD = " + std::to_string(devNull.get()) + ">");
+    EXPECT_EQ(_reactor->getLastError(), kVELErr_Epoll);
+    EXPECT_FALSE(sink.contains("not registered"));
+    EXPECT_EQ(replaced->count("in"), 1);  // nothing of its successor's
+}
+
+TEST_F(EpollReactorTest, HandleWithoutOperationsStaysQuietAfterAHangUpUntilChanged) {
+    start(16);
+    veltest::RawPair pair = veltest::MakeRawPair();
+    const linger reset{1, 0};
+    ASSERT_EQ(::setsockopt(pair.client.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
+    pair.client.reset();  // the server end gets an error and a hang-up
+    const auto handler = reader(pair.server.get());
+    ASSERT_EQ(add(handler, 0), kVELErr_Ok);
+    const long before = _reactor->passes.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to spin, if it does
+    EXPECT_LT(_reactor->passes.load() - before, 20);
+    EXPECT_TRUE(handler->calls().empty());
+    ASSERT_EQ(_reactor->changeEventHandlerOps(handler, kVELOp_Read), kVELErr_Ok);
+    EXPECT_TRUE(handler->waitFor("in", 1));  // the hang-up, as input
+    EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+}
+
+// The epoll descriptors open in this process, by their link in /proc/self/fd.
+std::vector<int> epollDescriptors() {
+    std::vector<int> found;
+    DIR* dir = ::opendir("/proc/self/fd");
+    for (dirent* entry = dir ? ::readdir(dir) : nullptr; entry; entry = ::readdir(dir)) {
+        char target[64] = {};
+        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        if (::readlink(path.c_str(), target, sizeof(target) - 1) > 0 &&
+            std::string(target) == "anon_inode:[eventpoll]") {
+            found.push_back(std::stoi(entry->d_name));
+        }
+    }
+    if (dir != nullptr) {
+        ::closedir(dir);
+    }
+    return found;
+}
+
+TEST_F(EpollReactorTest, InitCreatesItsDescriptorCloseOnExecOrTracesTheFailure) {
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    VEL_EpollIOReactor reactor(4, basis::TimeValue());
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    const int lowestFree = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(lowestFree, 0);
+    ::close(lowestFree);
+    rlimit exhausted = old;
+    exhausted.rlim_cur = static_cast<rlim_t>(lowestFree);  // no descriptor can be made
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
+    const VELErr_t refused = reactor.init();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    EXPECT_EQ(refused, kVELErr_Epoll);
+    EXPECT_TRUE(sink.contains("FRAME - Error during an epoll call {24} ; epoll_create1"));
+    EXPECT_TRUE(epollDescriptors().empty());
+    ASSERT_EQ(reactor.init(), kVELErr_Ok);
+    const std::vector<int> created = epollDescriptors();
+    ASSERT_EQ(created.size(), 1u);
+    EXPECT_EQ(::fcntl(created[0], F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(reactor.clean(), kVELErr_Ok);
+}
+
+}  // namespace
