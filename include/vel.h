@@ -62,12 +62,14 @@
 #include "VEL_TimerManagerLinearQueue.h"
 #include "VEL_TimerSubscriberInterface.h"
 
-// Reactor
+// Reactor and pipes
 #include "VEL_EpollIOReactor.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
+#include "VEL_Pipe.h"
 #include "VEL_PollingEntry.h"
 #include "VEL_SelectIOReactor.h"
 #include "VEL_SockCtrlIOReactor.h"
+#include "VEL_TCPPipe.h"
 
 #endif  // INCLUDE_VEL_H

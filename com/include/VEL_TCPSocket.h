@@ -93,6 +93,11 @@ public:
     // Polls without waiting: Ok when input or the end of the stream is waiting, kVELErr_Timeout
     // when nothing is, kVELErr_Select when the poll fails (traced under the reactor error mask).
     VELErr_t hasRecv();
+    // Looks at the first waiting byte without taking it and without waiting: Ok when input is
+    // waiting, kVELErr_Timeout when nothing is, kVELErr_SockHalfClosed when the stream has ended
+    // (last system error 0) or the connection has failed (errno stored). Not traced. Tells a
+    // peer that closed from one that sent something, which hasRecv() cannot.
+    VELErr_t peekRecv();
 
 private:
     friend class VEL_TCPAcceptor;

@@ -359,6 +359,28 @@ VELErr_t VEL_TCPSocket::hasRecv() {
     return code != kVELErr_Ok ? code : pollReadable(use.fd());
 }
 
+VELErr_t VEL_TCPSocket::peekRecv() {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    char byte = 0;
+    ssize_t got;
+    do {
+        got = ::recv(use.fd(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        return kVELErr_Ok;
+    }
+    if (got == 0) {
+        return velcom::endOfStream();
+    }
+    const int err = errno;  // capture before anything else runs
+    basis::Thread::SetLastSystemErr(err);
+    return err == EAGAIN || err == EWOULDBLOCK ? kVELErr_Timeout : kVELErr_SockHalfClosed;
+}
+
 // One poll without waiting. A readable descriptor (input, end of stream, or a pending error that
 // the next receive reports) gives Ok.
 VELErr_t VEL_TCPSocket::pollReadable(int fd) {

@@ -1,0 +1,475 @@
+#include "VEL_Pipe.h"
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ReactorSupport.h"
+#include "SocketSupport.h"
+#include "TestSupport.h"
+#include "VEL_Message.h"
+#include "VEL_OXLv1.h"
+#include "VEL_OXLv2.h"
+#include "VEL_TCPAcceptor.h"
+#include "VEL_TCPPipe.h"
+#include "VEL_Tools.h"
+
+namespace {
+
+double secondsSince(const basis::TimeValue& start) {
+    return static_cast<double>((basis::TimeValue::GetHRTime() - start).toMicroseconds()) / 1e6;
+}
+
+// A loopback server that the test stops and starts again on the same port. Connections wait in
+// the listen queue until the test accepts them.
+class Server {
+public:
+    Server() { start(0); }
+    unsigned short port() const { return _port; }
+    void stop() {
+        _peers.clear();
+        _acceptor.reset();
+    }
+    void restart() { start(_port); }
+    // The next connection (owned by the server); after 5 s without one, the test fails and gets
+    // a socket that is not connected.
+    VEL_TCPSocket& accept() {
+        const basis::TimeValue limit(5, 0);
+        VEL_Socket* socket = nullptr;
+        if (_acceptor->waitForRead(&limit) != kVELErr_Ok ||
+            _acceptor->accept(socket) != kVELErr_Ok) {
+            ADD_FAILURE() << "no connection on port " << _port;
+            socket = new VEL_TCPSocket(0, nullptr);
+        }
+        _peers.emplace_back(static_cast<VEL_TCPSocket*>(socket));
+        return *_peers.back();
+    }
+    int acceptFd() { return veltest::Fd(accept()); }
+
+private:
+    void start(unsigned short port) {
+        _acceptor.reset(new VEL_TCPAcceptor(port, "127.0.0.1"));
+        ASSERT_EQ(_acceptor->open(), kVELErr_Ok);
+        _port = _acceptor->getLocalAddr().getPort();
+    }
+
+    std::unique_ptr<VEL_TCPAcceptor> _acceptor;
+    std::vector<std::unique_ptr<VEL_TCPSocket>> _peers;
+    unsigned short _port = 0;
+};
+
+// Records the notifications as "up", "use", "fail", "drop" followed by the port.
+class Recorder : public VEL_PipeNotifier {
+public:
+    void connectionEstablished(const std::string&, unsigned short port) override {
+        add("up", port);
+    }
+    void connectionUsed(const std::string&, unsigned short port) override { add("use", port); }
+    void connectionFailed(const std::string&, unsigned short port) override { add("fail", port); }
+    void connectionDiscarded(const std::string&, unsigned short port) override {
+        add("drop", port);
+    }
+    // Events equal to `event`, or of that kind when it names no port.
+    int count(const std::string& event) const {
+        std::lock_guard<std::mutex> hold(_lock);
+        int n = 0;
+        for (const std::string& each : _events) {
+            n += each == event || each.compare(0, event.size() + 1, event + " ") == 0 ? 1 : 0;
+        }
+        return n;
+    }
+    std::string last() const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _events.empty() ? "" : _events.back();
+    }
+
+private:
+    void add(const char* event, unsigned short port) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _events.push_back(event + (" " + std::to_string(port)));
+    }
+    mutable std::mutex _lock;
+    std::vector<std::string> _events;
+};
+
+std::string on(const char* event, const Server& server) {
+    return event + (" " + std::to_string(server.port()));
+}
+
+// A TCP pipe whose sends can be made to fail, with its protected operations at hand.
+class TestPipe : public VEL_TCPPipe {
+public:
+    TestPipe(bool failover, VELPipeReactorFactory_t factory) : VEL_TCPPipe(failover, factory) {}
+    using VEL_Pipe::getNextConnection;
+    using VEL_Pipe::tryMultipleReconnect;
+    using VEL_TCPPipe::doHasRecv;
+    using VEL_TCPPipe::doPurge;
+
+    std::atomic<int> failSends{0};  // the next doSend calls that fail with kVELErr_Send
+    std::atomic<int> sends{0};
+
+protected:
+    VELErr_t doSend(VEL_Socket* socket, const char* data, unsigned int length) override {
+        ++sends;
+        if (failSends > 0) {
+            --failSends;
+            return kVELErr_Send;
+        }
+        return VEL_TCPPipe::doSend(socket, data, length);
+    }
+};
+
+// A thread that calls recv() once on the pipe; joined on every path.
+class Reader {
+public:
+    Reader(VEL_Pipe& pipe, unsigned int length)
+        : _data(length, '\0'), _thread([this, &pipe, length] {
+              _tid = veltest::CurrentTid();
+              _result = pipe.recv(&_data[0], length);
+          }) {}
+    ~Reader() { (void)finish(); }
+    // True once the thread blocks (waiting for input).
+    bool blocked() {
+        return veltest::WaitFor([this] { return _tid != 0; }) && veltest::WaitUntilSleeping(_tid);
+    }
+    // recv()'s status, once it has returned.
+    VELErr_t finish() {
+        if (_thread.joinable()) {
+            _thread.join();
+        }
+        return _result;
+    }
+    const std::string& data() const { return _data; }
+
+private:
+    std::string _data;
+    std::atomic<pid_t> _tid{0};
+    VELErr_t _result = kVELErr_Ok;
+    std::thread _thread;
+};
+
+class PipeTest : public veltest::SocketLeakTest,
+                 public ::testing::WithParamInterface<veltest::ReactorFactory> {
+protected:
+    // A pipe to `servers` in this order, with 1 s times, not opened.
+    std::unique_ptr<TestPipe> makePipe(bool failover, const std::vector<Server*>& servers) {
+        std::unique_ptr<TestPipe> pipe(new TestPipe(failover, GetParam()));
+        for (const Server* server : servers) {
+            EXPECT_EQ(pipe->addConnection(server->port(), "127.0.0.1"), kVELErr_Ok);
+        }
+        pipe->setRetryTime(1);
+        pipe->setSendTimeout(1);
+        pipe->setRecvTimeout(1);
+        pipe->setConnectTimeout(1);
+        pipe->setPipeNotifier(&recorder);
+        return pipe;
+    }
+    VEL_Socket* socketOf(TestPipe& pipe) {
+        VELPipeConnection_t* connection = nullptr;
+        EXPECT_EQ(pipe.getNextConnection(connection), kVELErr_Ok);
+        return connection != nullptr ? connection->socket : nullptr;
+    }
+
+    Recorder recorder;
+};
+
+TEST_P(PipeTest, MultiModeSendsTakeTheConnectionsInRegistrationOrder) {
+    Server servers[3];
+    auto pipe = makePipe(false, {&servers[0], &servers[1], &servers[2]});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    const int fds[3] = {servers[0].acceptFd(), servers[1].acceptFd(), servers[2].acceptFd()};
+    for (const char* message : {"m0", "m1", "m2", "m3"}) {
+        ASSERT_EQ(pipe->send(message, 2), kVELErr_Ok);
+    }
+    EXPECT_EQ(veltest::ReadExactly(fds[0], 4), "m0m3");
+    EXPECT_EQ(veltest::ReadExactly(fds[1], 2), "m1");
+    EXPECT_EQ(veltest::ReadExactly(fds[2], 2), "m2");
+}
+
+TEST_P(PipeTest, FailoverStartsAtARandomEndpoint) {
+    Server servers[2];
+    std::set<std::string> primaries;
+    for (int round = 0; round < 40 && primaries.size() < 2; ++round) {
+        Recorder connections;
+        auto pipe = makePipe(true, {&servers[0], &servers[1]});
+        pipe->setPipeNotifier(&connections);
+        ASSERT_EQ(pipe->open(), kVELErr_Ok);
+        ASSERT_EQ(connections.count("up"), 1);  // one connection only
+        primaries.insert(connections.last());
+    }
+    EXPECT_EQ(primaries.size(), 2u);
+}
+
+TEST_P(PipeTest, FailoverLeavesAStoppedPrimaryAndReturnsOnceItsRetryTimeHasPassed) {
+    Server servers[2];
+    auto pipe = makePipe(true, {&servers[0], &servers[1]});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    const bool firstIsPrimary = recorder.last() == on("up", servers[0]);
+    Server& primary = servers[firstIsPrimary ? 0 : 1];
+    Server& backup = servers[firstIsPrimary ? 1 : 0];
+    (void)primary.accept();
+    primary.stop();
+    const basis::TimeValue stopped = basis::TimeValue::GetHRTime();
+    ASSERT_EQ(pipe->send("x", 1), kVELErr_Ok);
+    EXPECT_EQ(recorder.last(), on("use", backup));
+    EXPECT_EQ(recorder.count("drop"), 1);
+    EXPECT_EQ(veltest::ReadExactly(backup.acceptFd(), 1), "x");
+    primary.restart();
+    // Sends stay on the backup until the primary's retry time (1 s) has passed.
+    ASSERT_TRUE(veltest::WaitFor([&] {
+        return pipe->send("y", 1) == kVELErr_Ok && recorder.last() == on("use", primary);
+    }));
+    EXPECT_GE(secondsSince(stopped), 1.0);
+    EXPECT_LE(secondsSince(stopped), 3.0);
+    EXPECT_EQ(recorder.count(on("drop", backup)), 1);
+    EXPECT_EQ(veltest::ReadExactly(primary.acceptFd(), 1), "y");
+}
+
+TEST_P(PipeTest, OpenWithNothingReachableFailsAndEndpointsWaitForTheirRetryTime) {
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    std::unique_ptr<TestPipe> pipe(new TestPipe(false, GetParam()));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(pipe->addConnection(veltest::ClosedPort(SOCK_STREAM), "127.0.0.1"), kVELErr_Ok);
+    }
+    pipe->setRetryTime(1);
+    pipe->setPipeNotifier(&recorder);
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->open(), kVELErr_PipeNoConnection);
+    EXPECT_TRUE(sink.contains("FRAME - " + VEL_Tools::GetErrStr(kVELErr_PipeNoConnection)));
+    EXPECT_EQ(recorder.count("fail"), 2);
+    const basis::TimeValue far = start + basis::TimeValue(10, 0);
+    EXPECT_EQ(pipe->tryMultipleReconnect(far), kVELErr_PipeNoConnection);
+    EXPECT_EQ(recorder.count("fail"), 2);  // neither retry time has passed
+    ASSERT_TRUE(veltest::WaitFor([&] {
+        (void)pipe->tryMultipleReconnect(far);
+        return recorder.count("fail") == 4;
+    }));
+    EXPECT_GE(secondsSince(start), 1.0);
+    EXPECT_LE(secondsSince(start), 3.0);
+    pipe->setSendTimeout(0);  // a send ignores retry times
+    EXPECT_EQ(pipe->send("x", 1), kVELErr_PipeNoConnection);
+    EXPECT_EQ(recorder.count("fail"), 5);  // the send's deadline stopped it after one attempt
+}
+
+TEST_P(PipeTest, RecvTimesOutAndReadsWhatArrives) {
+    Server server;
+    auto pipe = makePipe(false, {&server});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    VEL_TCPSocket& peer = server.accept();
+    char buffer[4] = {};
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->recv(buffer, 4), kVELErr_Timeout);
+    EXPECT_GE(secondsSince(start), 1.0);
+    EXPECT_LE(secondsSince(start), 2.5);
+    ASSERT_EQ(peer.send("abcd", 4), kVELErr_Ok);
+    ASSERT_EQ(pipe->recv(buffer, 4), kVELErr_Ok);
+    EXPECT_EQ(std::string(buffer, 4), "abcd");
+}
+
+TEST_P(PipeTest, PeerCloseIsNoticedByRecvWhichReconnectsAndReturnsEarly) {
+    Server server;
+    auto pipe = makePipe(false, {&server});
+    pipe->setRecvTimeout(10);
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    (void)server.accept();
+    server.stop();  // the connection ends; the port refuses new ones
+    char buffer[2] = {};
+    EXPECT_EQ(pipe->recv(buffer, 2), kVELErr_PipeNoConnection);
+    EXPECT_EQ(recorder.count("drop"), 1);
+    server.restart();
+    basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->recv(buffer, 2), kVELErr_Timeout);  // reconnected, nothing read
+    EXPECT_LE(secondsSince(start), 1.0);
+    EXPECT_EQ(recorder.count("up"), 2);
+    ASSERT_EQ(server.accept().send("ok", 2), kVELErr_Ok);
+    start = basis::TimeValue::GetHRTime();
+    ASSERT_EQ(pipe->recv(buffer, 2), kVELErr_Ok);  // the new connection is polled at once
+    EXPECT_LE(secondsSince(start), 1.0);
+    EXPECT_EQ(std::string(buffer, 2), "ok");
+}
+
+TEST_P(PipeTest, CloseEndsAWaitingRecvAndLaterCallsFindThePipeClosed) {
+    Server server;
+    auto pipe = makePipe(false, {&server});
+    pipe->setRecvTimeout(20);
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    Reader reader(*pipe, 1);
+    ASSERT_TRUE(reader.blocked());
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->close(), kVELErr_Ok);
+    EXPECT_EQ(reader.finish(), kVELErr_PipeClosed);
+    EXPECT_LE(secondsSince(start), 2.0);
+    char buffer[1];
+    EXPECT_EQ(pipe->recv(buffer, 1), kVELErr_PipeClosed);
+    EXPECT_EQ(pipe->send("x", 1), kVELErr_PipeNoConnection);  // the endpoints are gone
+    ASSERT_EQ(pipe->addConnection(server.port(), "127.0.0.1"), kVELErr_Ok);
+    EXPECT_EQ(pipe->open(), kVELErr_Ok);  // with a new reactor
+}
+
+// A thread waiting in recv() holds the reactor, not the pipe: sends go on, and a connection
+// dropped meanwhile (by either thread) leaves the reactor before its socket is closed.
+TEST_P(PipeTest, SendsGoOnWhileAnotherThreadWaitsInRecv) {
+    Server servers[2];
+    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+    pipe->setRecvTimeout(5);  // waits of 2 s in the reactor
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    VEL_TCPSocket* peers[2] = {&servers[0].accept(), &servers[1].accept()};
+    Reader reader(*pipe, 1);
+    ASSERT_TRUE(reader.blocked());
+    servers[0].stop();
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->send("s", 1), kVELErr_Ok);
+    EXPECT_LE(secondsSince(start), 1.0);
+    EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peers[1]), 1), "s");
+    EXPECT_EQ(peers[1]->send("r", 1), kVELErr_Ok);
+    EXPECT_EQ(reader.finish(), kVELErr_Ok);
+    EXPECT_EQ(reader.data(), "r");
+}
+
+TEST_P(PipeTest, SendsSucceedAgainOnceAStoppedServerIsBack) {
+    Server server;
+    auto pipe = makePipe(false, {&server});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    const int first = server.acceptFd();
+    ASSERT_EQ(pipe->send("a", 1), kVELErr_Ok);
+    EXPECT_EQ(veltest::ReadExactly(first, 1), "a");
+    server.stop();
+    EXPECT_EQ(pipe->send("b", 1), kVELErr_PipeNoConnection);  // closed connection, port refused
+    EXPECT_EQ(recorder.count("drop"), 1);
+    server.restart();
+    const basis::TimeValue restarted = basis::TimeValue::GetHRTime();
+    EXPECT_EQ(pipe->send("c", 1), kVELErr_Ok);  // reconnects at once, whatever the retry time
+    EXPECT_LE(secondsSince(restarted), 1.0);
+    EXPECT_EQ(veltest::ReadExactly(server.acceptFd(), 1), "c");
+}
+
+TEST_P(PipeTest, AFailedSendMovesToTheNextConnectionUntilTheDeadline) {
+    Server servers[2];
+    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    pipe->failSends = 1;
+    ASSERT_EQ(pipe->send("z", 1), kVELErr_Ok);
+    EXPECT_EQ(pipe->sends, 2);
+    EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
+    EXPECT_EQ(veltest::ReadExactly(servers[1].acceptFd(), 1), "z");
+    pipe->setSendTimeout(0);  // one attempt
+    pipe->failSends = 100;
+    EXPECT_EQ(pipe->send("z", 1), kVELErr_Timeout);
+    EXPECT_EQ(pipe->sends, 3);
+}
+
+TEST_P(PipeTest, PurgeDrainsWaitingInputAndDropsClosedConnections) {
+    Server servers[2];
+    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    VEL_TCPSocket* peers[2] = {&servers[0].accept(), &servers[1].accept()};
+    VEL_Socket* first = socketOf(*pipe);
+    ASSERT_NE(first, nullptr);
+    ASSERT_EQ(peers[0]->send(veltest::Pattern(2500, 1).data(), 2500), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*first), 2500));
+    EXPECT_EQ(pipe->doPurge(first), kVELErr_Timeout);  // 1024 + 1024 + 452, then nothing
+    EXPECT_EQ(pipe->doHasRecv(first), kVELErr_Timeout);
+    ASSERT_EQ(peers[1]->send("12345", 5), kVELErr_Ok);
+    EXPECT_EQ(pipe->purge(), kVELErr_Ok);
+    ASSERT_EQ(peers[0]->send("next", 4), kVELErr_Ok);
+    char buffer[4];
+    ASSERT_EQ(pipe->recv(buffer, 4), kVELErr_Ok);  // purge took nothing more
+    EXPECT_EQ(std::string(buffer, 4), "next");
+    servers[1].stop();
+    EXPECT_EQ(pipe->purge(), kVELErr_SockHalfClosed);
+    EXPECT_EQ(recorder.count(on("drop", servers[1])), 1);
+    EXPECT_EQ(pipe->purge(), kVELErr_Ok);
+}
+
+// Frames written by a transport over the pipe arrive whole at one server each, and frames from
+// two servers are read back whole, header and body from the same connection.
+TEST_P(PipeTest, FramingTransportsRunOverAPipeInMultiConnectionMode) {
+    using Make = std::unique_ptr<VEL_Transport> (*)(VEL_Socket*);
+    const std::vector<std::pair<const char*, Make>> protocols = {
+            {"OXLv1",
+             [](VEL_Socket* s) -> std::unique_ptr<VEL_Transport> {
+                 return std::unique_ptr<VEL_OXLv1>(new VEL_OXLv1(s, 1 << 16));
+             }},
+            {"OXLv2", [](VEL_Socket* s) -> std::unique_ptr<VEL_Transport> {
+                 std::unique_ptr<VEL_OXLv2> transport(new VEL_OXLv2(s, 1 << 16));
+                 transport->setCompression(true);
+                 return transport;
+             }}};
+    for (const auto& protocol : protocols) {
+        SCOPED_TRACE(protocol.first);
+        Server servers[2];
+        auto pipe = makePipe(false, {&servers[0], &servers[1]});
+        ASSERT_EQ(pipe->open(), kVELErr_Ok);
+        std::unique_ptr<VEL_Transport> client = protocol.second(pipe.get());
+        std::unique_ptr<VEL_Transport> peers[2] = {protocol.second(&servers[0].accept()),
+                                                   protocol.second(&servers[1].accept())};
+        // Compressible, and each of its own size and bytes.
+        const std::string bodies[4] = {std::string(3000, 'a'), std::string(100, 'b'),
+                                       std::string(5000, 'c'), std::string(700, 'd')};
+        for (int i = 0; i < 4; ++i) {
+            VEL_Message message;
+            ASSERT_EQ(message.setData(bodies[i].data(), bodies[i].size()), kVELErr_Ok);
+            ASSERT_EQ((i < 2 ? client : peers[i - 2])->sendMessage(&message), kVELErr_Ok);
+        }
+        std::set<std::string> received;
+        for (int i = 0; i < 4; ++i) {
+            VEL_Message message;
+            ASSERT_EQ((i < 2 ? peers[i] : client)->recvMessage(&message), kVELErr_Ok);
+            const std::string body(message.data(), message.size());
+            if (i < 2) {
+                EXPECT_EQ(body, bodies[i]);
+            } else {
+                received.insert(body);
+            }
+        }
+        EXPECT_EQ(received, std::set<std::string>(bodies + 2, bodies + 4));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, PipeTest, ::testing::Values(&veltest::MakeSelectReactor),
+                         [](const ::testing::TestParamInfo<veltest::ReactorFactory>& tested) {
+                             return tested.param == &veltest::MakeSelectReactor
+                                            ? std::string("Select")
+                                            : "BackEnd" + std::to_string(tested.index);
+                         });
+
+// The probe made before each send: input stays where it is; a peer that closed or reset is
+// told apart from one that sent something.
+TEST(TCPPipeTransportTest, ProbeTellsInputFromAPeerThatClosed) {
+    const std::vector<std::pair<std::function<void(veltest::RawFd&)>, VELErr_t>> cases = {
+            {[](veltest::RawFd&) {}, kVELErr_Timeout},
+            {[](veltest::RawFd& peer) { veltest::WriteAll(peer.get(), "b"); }, kVELErr_Ok},
+            {[](veltest::RawFd& peer) { ::shutdown(peer.get(), SHUT_WR); }, kVELErr_SockHalfClosed},
+            {[](veltest::RawFd& peer) {
+                 const linger reset{1, 0};
+                 ::setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+                 peer.reset();
+             },
+             kVELErr_SockHalfClosed}};
+    TestPipe pipe(false, &veltest::MakeSelectReactor);
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer();
+        ASSERT_TRUE(pair.socket);
+        cases[i].first(pair.peer);
+        EXPECT_TRUE(veltest::WaitFor(
+                [&] { return pipe.doHasRecv(pair.socket.get()) == cases[i].second; }));
+        char byte = 0;
+        EXPECT_EQ(cases[i].second == kVELErr_Ok ? pair.socket->recv(&byte, 1) : kVELErr_Ok,
+                  kVELErr_Ok);  // the probe took nothing
+    }
+}
+
+}  // namespace
