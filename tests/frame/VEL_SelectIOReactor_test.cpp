@@ -332,15 +332,9 @@ TEST_P(ReactorTest, SilentHandlerGetsInactivityAfterItsTimeout) {
     EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
 }
 
-std::string backEndName(const ::testing::TestParamInfo<veltest::ReactorFactory>& tested) {
-    return tested.param == &veltest::MakeSelectReactor  ? std::string("Select")
-           : tested.param == &veltest::MakeEpollReactor ? std::string("Epoll")
-                                                        : "BackEnd" + std::to_string(tested.index);
-}
-
 INSTANTIATE_TEST_SUITE_P(BackEnds, ReactorTest,
                          ::testing::Values(&veltest::MakeSelectReactor, &veltest::MakeEpollReactor),
-                         backEndName);
+                         veltest::BackEndName);
 
 // The polling set's own bookkeeping, through the back-end calls the core makes.
 class ExposedSelectReactor : public VEL_SelectIOReactor {

@@ -143,4 +143,10 @@ std::unique_ptr<VEL_IOReactor> MakeEpollReactor(unsigned long size,
     return std::unique_ptr<VEL_IOReactor>(new VEL_EpollIOReactor(size, idleTimeout));
 }
 
+std::string BackEndName(const ::testing::TestParamInfo<ReactorFactory>& tested) {
+    return tested.param == &MakeSelectReactor  ? std::string("Select")
+           : tested.param == &MakeEpollReactor ? std::string("Epoll")
+                                               : "BackEnd" + std::to_string(tested.index);
+}
+
 }  // namespace veltest

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <gtest/gtest.h>
 
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
@@ -96,6 +97,8 @@ std::unique_ptr<VEL_IOReactor> MakeSelectReactor(unsigned long size,
                                                  const basis::TimeValue& idleTimeout);
 std::unique_ptr<VEL_IOReactor> MakeEpollReactor(unsigned long size,
                                                 const basis::TimeValue& idleTimeout);
+// The back end's name, for the names of parameterised tests.
+std::string BackEndName(const ::testing::TestParamInfo<ReactorFactory>& tested);
 
 }  // namespace veltest
 
