@@ -16,13 +16,15 @@
 // others stay ready for the next pass. Ready handles are reported in the kernel's order.
 //
 // A handle that the kernel refuses when it is added or changed (closed while registered: EBADF;
-// closed and its number taken by another file: ENOENT; a file that cannot be polled, no memory)
-// makes the pass fail with kVELErr_Epoll, traced "FRAME - Error during an epoll call {errno} ;
-// <FD = n>", after which handleError() unregisters its handler. The kernel itself drops a
-// closed socket from the set without a word, so a handle closed while registered is noticed
-// only at its next change of operations (or at its removal, which then simply succeeds). Remove,
-// then close: a socket still open under another descriptor (dup, fork) stays in the kernel's set
-// under the closed number, and its events keep coming for a handle the reactor cannot remove.
+// a file that cannot be polled: EPERM; no memory) makes the pass fail with kVELErr_Epoll, traced
+// "FRAME - Error during an epoll call {errno} ; <FD = n>", after which handleError() unregisters
+// its handler. The kernel itself drops a closed socket from its set without a word, so a handle
+// closed while registered is noticed only at its next change of operations (or at its removal,
+// which then simply succeeds). A change for a number that the kernel no longer holds (ENOENT:
+// closed, then given to another socket) polls the socket that has the number now, as select
+// does: that is how a handler registered again before its removal was applied keeps working.
+// Remove, then close: a socket still open under another descriptor (dup, fork) stays in the
+// kernel's set under the closed number, and its events keep coming for that number.
 //
 // Ownership: the reactor owns the epoll descriptor (closed by the destructor) as well as what
 // VEL_SockCtrlIOReactor owns.

@@ -127,7 +127,14 @@ VELErr_t VEL_EpollIOReactor::control(int operation, unsigned int handle, unsigne
         basis::Thread::SetLastSystemErr(EBADF);
         return kVELErr_Epoll;  // before init(): nothing is polled, nothing to unregister
     }
-    if (::epoll_ctl(_epollFd, operation, static_cast<int>(handle), &event) == 0) {
+    int result = ::epoll_ctl(_epollFd, operation, static_cast<int>(handle), &event);
+    if (result != 0 && operation == EPOLL_CTL_MOD && errno == ENOENT) {
+        // The number was closed and given to another socket since it was added (the kernel
+        // dropped the old one): a handler registered again for that number before its removal
+        // was applied comes here as a change. Poll what the number is now, as select would.
+        result = ::epoll_ctl(_epollFd, EPOLL_CTL_ADD, static_cast<int>(handle), &event);
+    }
+    if (result == 0) {
         return kVELErr_Ok;
     }
     const int err = errno;

@@ -78,7 +78,7 @@ TEST_P(ReactorTest, ChangesFromAnotherThreadWakeTheWait) {
     EXPECT_TRUE(sentinel->waitFor("in", 1));
     EXPECT_EQ(handler->count("in"), 1);
     EXPECT_LE(handler->count("out"), outputs + 1);  // at most the pass that applied the removal
-    EXPECT_EQ(_reactor->removeEventHandler(sentinel), kVELErr_Ok);
+    veltest::RemoveAndWait(*_reactor, sentinel);
 }
 
 TEST_P(ReactorTest, EchoServerServesManyClientsAtOnce) {
@@ -138,7 +138,7 @@ TEST_P(ReactorTest, EchoServerServesManyClientsAtOnce) {
     EXPECT_EQ(echoed.load(), kThreads * kConnections * kRounds);
     // Every echo handler saw its client leave and removed itself.
     EXPECT_TRUE(veltest::WaitFor([this] { return _reactor->getNbElement() == 2; }));
-    EXPECT_EQ(_reactor->removeEventHandler(listener), kVELErr_Ok);
+    veltest::RemoveAndWait(*_reactor, listener);
 }
 
 TEST_P(ReactorTest, RegistrationHammeredFromFourThreads) {
@@ -199,7 +199,7 @@ TEST_P(ReactorTest, RegistrationHammeredFromFourThreads) {
     ASSERT_EQ(add(sentinel), kVELErr_Ok);
     ASSERT_TRUE(veltest::WriteAll(pairs[0].server.get(), "x"));
     EXPECT_TRUE(sentinel->waitFor("in", 1));
-    EXPECT_EQ(_reactor->removeEventHandler(sentinel), kVELErr_Ok);
+    veltest::RemoveAndWait(*_reactor, sentinel);
     for (const char* wrong : {"polling set", "Invalid polling entry", "Bad file descriptor"}) {
         EXPECT_FALSE(sink.contains(wrong)) << wrong;
     }
@@ -232,7 +232,7 @@ TEST_P(ReactorTest, CallBackRegistersWhileAnotherThreadRemovesItsHandler) {
     EXPECT_TRUE(next->waitFor("in", 1));
     EXPECT_TRUE(removedMeanwhile.load());
     EXPECT_EQ(added.load(), kVELErr_Ok);
-    EXPECT_EQ(_reactor->removeEventHandler(next), kVELErr_Ok);
+    veltest::RemoveAndWait(*_reactor, next);
 }
 
 // Either back end makes the pass that meets the closed descriptor fail; handleError then drops
@@ -248,8 +248,9 @@ TEST_P(ReactorTest, ClosedDescriptorLeftRegisteredIsDropped) {
     const auto handler = ScriptedHandler::Make(900);
     std::atomic<pid_t> reactorThread{0};
     handler->onInput = [&reactorThread] {
-        reactorThread = veltest::CurrentTid();
-        return veltest::Drain(900);
+        const bool drained = veltest::Drain(900);
+        reactorThread = veltest::CurrentTid();  // after the read: the test closes 900 next
+        return drained;
     };
     ASSERT_EQ(add(handler), kVELErr_Ok);
     ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
@@ -290,10 +291,43 @@ TEST_P(ReactorTest, PartialReadIsDispatchedAgain) {
         const std::lock_guard<std::mutex> hold(lock);
         return got.size() == 5;
     }));
-    EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
-    EXPECT_TRUE(veltest::WaitFor([&] { return handler.use_count() == 1; }));
+    veltest::RemoveAndWait(*_reactor, handler);
     const std::lock_guard<std::mutex> hold(lock);
     EXPECT_EQ(got, "abcde");
+}
+
+// Another thread removes a handler, closes its descriptor and registers a new socket that got the
+// same number, all before the reactor applied the removal: the new socket is polled.
+TEST_P(ReactorTest, NumberReusedBeforeItsRemovalWasAppliedIsPolled) {
+    veltest::RawPair blocker = veltest::MakeRawPair();
+    veltest::RawPair old = veltest::MakeRawPair();
+    veltest::RawPair fresh = veltest::MakeRawPair();
+    veltest::RawFd number(::dup2(old.server.get(), 901));
+    old.server.reset();
+    veltest::Gate gate;
+    const auto busy = ScriptedHandler::Make(blocker.server.get());
+    busy->onInput = [&gate, &blocker] {
+        gate.pass();
+        return veltest::Drain(blocker.server.get());
+    };
+    const auto first = reader(901);
+    ASSERT_EQ(add(busy), kVELErr_Ok);
+    ASSERT_EQ(add(first), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(old.client.get(), "x"));
+    ASSERT_TRUE(first->waitFor("in", 1));  // polled
+    ASSERT_TRUE(veltest::WriteAll(blocker.client.get(), "b"));
+    ASSERT_TRUE(gate.waitEntered(milliseconds(5000)));  // the reactor thread waits in busy
+    EXPECT_EQ(_reactor->removeEventHandler(first), kVELErr_Ok);
+    number.reset();
+    number.reset(::dup2(fresh.server.get(), 901));
+    const auto second = reader(901);
+    EXPECT_EQ(add(second), kVELErr_Ok);
+    gate.open();
+    ASSERT_TRUE(veltest::WriteAll(fresh.client.get(), "y"));
+    EXPECT_TRUE(second->waitFor("in", 1));
+    EXPECT_EQ(first->count("in"), 1);
+    veltest::RemoveAndWait(*_reactor, second);
+    veltest::RemoveAndWait(*_reactor, busy);
 }
 
 TEST_P(ReactorTest, DescriptorsAbove1023) {
@@ -313,7 +347,7 @@ TEST_P(ReactorTest, DescriptorsAbove1023) {
         ASSERT_EQ(add(handler), kVELErr_Ok);
         ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "z"));
         EXPECT_TRUE(handler->waitFor("in", 1));
-        EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+        veltest::RemoveAndWait(*_reactor, handler);
     }
     EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
 }
@@ -329,7 +363,7 @@ TEST_P(ReactorTest, SilentHandlerGetsInactivityAfterItsTimeout) {
     const auto elapsed = steady_clock::now() - registered;
     EXPECT_GE(elapsed, milliseconds(300));
     EXPECT_LE(elapsed, milliseconds(300 + 1000 + 200 + 1000));  // + check period, idle, slack
-    EXPECT_EQ(_reactor->removeEventHandler(handler), kVELErr_Ok);
+    veltest::RemoveAndWait(*_reactor, handler);
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, ReactorTest,

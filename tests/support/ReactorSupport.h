@@ -16,6 +16,7 @@
 #include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
 
@@ -86,6 +87,14 @@ private:
 
 // Reads what waits on `fd` without blocking; false once the stream has ended or on an error.
 bool Drain(int fd);
+
+// Removes `handler` and waits until the reactor thread has applied the removal and let the
+// handler go (the caller holds the only other reference): its descriptor may be closed then.
+template <class Handler>
+void RemoveAndWait(VEL_IOReactor& reactor, const boost::shared_ptr<Handler>& handler) {
+    EXPECT_EQ(reactor.removeEventHandler(handler), kVELErr_Ok);
+    EXPECT_TRUE(WaitFor([&handler] { return handler.use_count() == 1; }));
+}
 
 // Stops a reactor, joins its loop thread and cleans it; checks that every handler was let go.
 void StopAndClean(VEL_IOReactor& reactor);
