@@ -1,14 +1,13 @@
 #include "VEL_EpollIOReactor.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -54,11 +53,6 @@ protected:
     VELErr_t add(const boost::shared_ptr<VEL_EventHandler>& handler, unsigned short ops = 1) {
         return _reactor->addEventHandler(handler, basis::TimeValue(), ops);
     }
-    static boost::shared_ptr<ScriptedHandler> reader(int fd) {
-        const auto handler = ScriptedHandler::Make(fd);
-        handler->onInput = [fd] { return veltest::Drain(fd); };
-        return handler;
-    }
 
     std::unique_ptr<CountingEpollReactor> _reactor;
 };
@@ -66,14 +60,10 @@ protected:
 // Handles above 1023 too: the duplicates follow every descriptor already open.
 TEST_F(EpollReactorTest, HoldsItsSizeAbove2048AndDisarmsHandlesWithoutOperations) {
     constexpr unsigned long kHandles = 2100;
-    rlimit old{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-    if (old.rlim_max < kHandles + 200) {
-        GTEST_SKIP() << "hard descriptor limit " << old.rlim_max << " is too low";
+    const veltest::ScopedFdLimit limit(kHandles + 200);
+    if (!limit.applied()) {
+        GTEST_SKIP() << "the hard descriptor limit is below " << kHandles + 200;
     }
-    rlimit raised = old;
-    raised.rlim_cur = std::max<rlim_t>(old.rlim_cur, kHandles + 200);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
     start(kHandles + 1);  // and the wake-up socket
     veltest::RawPair pair = veltest::MakeRawPair();
     veltest::RawPair other = veltest::MakeRawPair();
@@ -89,7 +79,7 @@ TEST_F(EpollReactorTest, HoldsItsSizeAbove2048AndDisarmsHandlesWithoutOperations
         };
         ASSERT_EQ(add(handlers.back()), kVELErr_Ok);
     }
-    const auto sentinel = reader(other.server.get());
+    const auto sentinel = ScriptedHandler::Make(other.server.get());
     EXPECT_EQ(add(sentinel), kVELErr_ReactorFull);
     ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
     ASSERT_TRUE(veltest::WaitFor([&handlers] {
@@ -97,37 +87,33 @@ TEST_F(EpollReactorTest, HoldsItsSizeAbove2048AndDisarmsHandlesWithoutOperations
                            [](const auto& handler) { return handler->count("in") >= 1; });
     }));
     ASSERT_EQ(_reactor->setSize(kHandles + 2), kVELErr_Ok);
-    ASSERT_EQ(add(sentinel), kVELErr_Ok);
-    ASSERT_TRUE(veltest::WriteAll(other.client.get(), "y"));
-    ASSERT_TRUE(sentinel->waitFor("in", 1));
+    sentinel->onOutput = [this, &sentinel] {
+        return _reactor->changeEventHandlerOps(sentinel, 0) == kVELErr_Ok;
+    };
+    ASSERT_EQ(add(sentinel, 2), kVELErr_Ok);  // writable at once: one more pass
+    ASSERT_TRUE(sentinel->waitFor("out", 1));
     for (const auto& handler : handlers) {
         EXPECT_EQ(handler->count("in"), 1) << handler->getHandle();
     }
     veltest::StopAndClean(*_reactor);  // remove, then close
-    fds.clear();
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
 }
 
 TEST_F(EpollReactorTest, HandlesTheKernelRefusesAreTracedAndUnregistered) {
     veltest::RecordingSink sink(kVELTrace_FrameError);
     veltest::ScopedSink installed(&sink);
     start(16);
-    const auto expectDropped = [&](const boost::shared_ptr<ScriptedHandler>& handler,
-                                   const std::string& trace) {
-        EXPECT_TRUE(veltest::WaitFor([&] { return handler.use_count() == 1; })) << trace;
-        EXPECT_TRUE(sink.contains("FRAME - Error during an epoll call " + trace)) << trace;
-        EXPECT_EQ(_reactor->getNbElement(), 1u);
-    };
-    // Closed before its registration reached the kernel.
     ASSERT_EQ(::fcntl(901, F_GETFD), -1);
-    const auto closed = ScriptedHandler::Make(901);
-    ASSERT_EQ(add(closed), kVELErr_Ok);
-    expectDropped(closed, "{9} ; <FD = 901>");
-    // Not pollable.
     veltest::RawFd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const auto unpollable = ScriptedHandler::Make(devNull.get());
-    ASSERT_EQ(add(unpollable), kVELErr_Ok);
-    expectDropped(unpollable, "{1} ; <FD = " + std::to_string(devNull.get()) + ">");
+    // A number closed before its registration reached the kernel, and a file it cannot poll.
+    const std::pair<int, std::string> refused[] = {{901, "{9}"}, {devNull.get(), "{1}"}};
+    for (const auto& handle : refused) {
+        const auto handler = ScriptedHandler::Make(handle.first);
+        ASSERT_EQ(add(handler), kVELErr_Ok);
+        EXPECT_TRUE(veltest::WaitFor([&] { return handler.use_count() == 1; })) << handle.first;
+        EXPECT_TRUE(sink.contains("FRAME - Error during an epoll call " + handle.second +
+                                  " ; <FD = " + std::to_string(handle.first) + ">"));
+        EXPECT_EQ(_reactor->getNbElement(), 1u);
+    }
     EXPECT_EQ(_reactor->getLastError(), kVELErr_Epoll);
     EXPECT_FALSE(sink.contains("not registered"));
 }
@@ -138,7 +124,7 @@ TEST_F(EpollReactorTest, HandleWithoutOperationsStaysQuietAfterAHangUpUntilChang
     const linger reset{1, 0};
     ASSERT_EQ(::setsockopt(pair.client.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
     pair.client.reset();  // the server end gets an error and a hang-up
-    const auto handler = reader(pair.server.get());
+    const auto handler = ScriptedHandler::Make(pair.server.get());
     ASSERT_EQ(add(handler, 0), kVELErr_Ok);
     const long before = _reactor->passes.load();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // time to spin, if it does
@@ -149,20 +135,14 @@ TEST_F(EpollReactorTest, HandleWithoutOperationsStaysQuietAfterAHangUpUntilChang
     veltest::RemoveAndWait(*_reactor, handler);
 }
 
-// The epoll descriptors open in this process, by their link in /proc/self/fd.
+// The epoll descriptors open in this process.
 std::vector<int> epollDescriptors() {
     std::vector<int> found;
-    DIR* dir = ::opendir("/proc/self/fd");
-    for (dirent* entry = dir ? ::readdir(dir) : nullptr; entry; entry = ::readdir(dir)) {
-        char target[64] = {};
-        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (::readlink(path.c_str(), target, sizeof(target) - 1) > 0 &&
-            std::string(target) == "anon_inode:[eventpoll]") {
-            found.push_back(std::stoi(entry->d_name));
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;  // the iterator's own descriptor may be gone
+        if (std::filesystem::read_symlink(entry.path(), ignored) == "anon_inode:[eventpoll]") {
+            found.push_back(std::stoi(entry.path().filename().string()));
         }
-    }
-    if (dir != nullptr) {
-        ::closedir(dir);
     }
     return found;
 }
@@ -171,20 +151,18 @@ TEST_F(EpollReactorTest, InitCreatesItsDescriptorCloseOnExecOrTracesTheFailure) 
     veltest::RecordingSink sink(kVELTrace_FrameError);
     veltest::ScopedSink installed(&sink);
     VEL_EpollIOReactor reactor(4, basis::TimeValue());
-    rlimit old{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
     const int lowestFree = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(lowestFree, 0);
     ::close(lowestFree);
     // UBSan's first type checks on the trace path open a pipe, which the exhausted limit would
     // refuse: a trace made the same way lets them happen now.
-    ASSERT_TRUE(VEL_Tools::IsTraceOn(kVELTrace_FrameError));
     VEL_Tools::TraceText(kVELLevel_Error, VEL_Tools::ErrText("FRAME", kVELErr_Ok, "warm-up"));
-    rlimit exhausted = old;
-    exhausted.rlim_cur = static_cast<rlim_t>(lowestFree);  // no descriptor can be made
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
-    const VELErr_t refused = reactor.init();
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    VELErr_t refused = kVELErr_Ok;
+    {
+        const veltest::ScopedFdLimit exhausted(static_cast<rlim_t>(lowestFree));
+        ASSERT_TRUE(exhausted.applied());
+        refused = reactor.init();
+    }
     EXPECT_EQ(refused, kVELErr_Epoll);
     EXPECT_TRUE(sink.contains("FRAME - Error during an epoll call {24} ; epoll_create1"));
     EXPECT_TRUE(epollDescriptors().empty());

@@ -1,10 +1,8 @@
 #include "VEL_SelectIOReactor.h"
 
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -331,25 +329,18 @@ TEST_P(ReactorTest, NumberReusedBeforeItsRemovalWasAppliedIsPolled) {
 }
 
 TEST_P(ReactorTest, DescriptorsAbove1023) {
-    rlimit old{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-    if (old.rlim_max < 1600) {
-        GTEST_SKIP() << "hard descriptor limit " << old.rlim_max << " is below 1600";
+    const veltest::ScopedFdLimit limit(1600);
+    if (!limit.applied()) {
+        GTEST_SKIP() << "the hard descriptor limit is below 1600";
     }
-    rlimit raised = old;
-    raised.rlim_cur = std::max<rlim_t>(old.rlim_cur, 1600);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
-    {
-        veltest::RawPair pair = veltest::MakeRawPair();
-        veltest::RawFd high(::dup2(pair.server.get(), 1500));
-        ASSERT_EQ(high.get(), 1500);
-        const auto handler = reader(1500);
-        ASSERT_EQ(add(handler), kVELErr_Ok);
-        ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "z"));
-        EXPECT_TRUE(handler->waitFor("in", 1));
-        veltest::RemoveAndWait(*_reactor, handler);
-    }
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    veltest::RawPair pair = veltest::MakeRawPair();
+    veltest::RawFd high(::dup2(pair.server.get(), 1500));
+    ASSERT_EQ(high.get(), 1500);
+    const auto handler = reader(1500);
+    ASSERT_EQ(add(handler), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "z"));
+    EXPECT_TRUE(handler->waitFor("in", 1));
+    veltest::RemoveAndWait(*_reactor, handler);
 }
 
 TEST_P(ReactorTest, SilentHandlerGetsInactivityAfterItsTimeout) {
