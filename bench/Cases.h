@@ -25,11 +25,13 @@ std::unique_ptr<Case> MakeHolmCase();
 std::unique_ptr<Case> MakeThreadPoolCase();
 // Arm and cancel 100k timers: VEL_TimerManager against a std::multimap keyed by deadline.
 std::unique_ptr<Case> MakeTimerCase();
-// One active request/response connection beside `idle` idle ones, each server in a process of
-// its own; reports the servers' resident memory per idle connection too.
-std::unique_ptr<Case> MakeIdleCase(unsigned long idle);
+// One active request/response connection beside 2000 or 10,000 idle ones, each server in a
+// process of its own (epoll against select, epoll without idle connections and libevent);
+// reports the servers' resident memory per idle connection too.
+std::unique_ptr<Case> MakeIdleCase2000();
+std::unique_ptr<Case> MakeIdleCase10000();
 
-// The helper modes those processes run: an echo server of `kind` ("select", "libevent") that
+// The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent") that
 // prints "port N", answers "count" with its number of connections and stops at the end of its
 // input; and a holder of `count` idle connections to `port` that prints "ready" and closes them
 // at the end of its input. Each returns the process exit status.

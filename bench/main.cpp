@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakeHolmCase());
     cases.push_back(velbench::MakeThreadPoolCase());
     cases.push_back(velbench::MakeTimerCase());
-    cases.push_back(velbench::MakeIdleCase(2000));
+    cases.push_back(velbench::MakeIdleCase2000());
+    cases.push_back(velbench::MakeIdleCase10000());
 
     velbench::Options options;
     bool repsGiven = false;
