@@ -474,6 +474,39 @@ VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
     }
 }
 
+VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
+    const basis::TimeValue deadline =
+            now() + (limit != nullptr ? *limit : seconds(kLongestSeconds));
+    for (;;) {
+        {
+            PipeGuard hold(_pipeLock);
+            if (!_reactor) {
+                return kVELErr_PipeClosed;
+            }
+            if (_connections.empty()) {
+                VELPipeConnection_t* connection = nullptr;
+                const VELErr_t code = forceReconnect(connection, deadline);
+                if (code != kVELErr_Ok) {
+                    return code;
+                }
+            }
+        }
+        if (!isReadyEmpty()) {
+            return kVELErr_Ok;
+        }
+        const VELErr_t code = waitForInput(deadline);
+        if (code == kVELErr_PipeClosed || !isReadyEmpty()) {
+            return code == kVELErr_PipeClosed ? code : kVELErr_Ok;
+        }
+        if (code != kVELErr_Ok && code != kVELErr_Timeout) {
+            return code;
+        }
+        if (now() >= deadline) {
+            return kVELErr_Timeout;
+        }
+    }
+}
+
 // One wait for input in the reactor, under the reactor lock only, so that sends go on
 // meanwhile. kVELErr_PipeClosed once the reactor is stopped or gone.
 VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
