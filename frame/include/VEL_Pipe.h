@@ -255,6 +255,9 @@ private:
     bool isReadyEmpty();
     VELErr_t prepareReactor() VEL_REQUIRES(_pipeLock);
     void configureReactor() VEL_REQUIRES(_pipeLock);
+    // For recv() and waitForRead(): kVELErr_PipeClosed once closed; without a live connection,
+    // the status of a forced reconnect, *reconnected telling whether it made one.
+    VELErr_t checkLive(const basis::TimeValue& deadline, bool* reconnected);
     VELErr_t waitForInput(const basis::TimeValue& deadline);
     VELErr_t readReady(char* buffer, unsigned int length, const basis::TimeValue& deadline);
     VELErr_t returnToPrimary(VELPipeConnection_t*& connection) VEL_REQUIRES(_pipeLock);
