@@ -125,6 +125,11 @@ public:
     // handler failed (the entries not yet dispatched stay pending for the next call), or the
     // failure of a queued change (the rest stays queued). Reactor thread.
     virtual VELErr_t processEvents();
+    // For a reactor driven from application threads instead of its own task thread: the thread
+    // that called processEvents()/waitEvents() is the reactor thread until it calls this, under
+    // the same lock that serialises the drivers. Afterwards its registration calls take the
+    // general (queued) path, so they never touch the dispatch state of another driver.
+    void leaveReactorThread();
     // Called by the loop with each failed pass's status; the answer is ignored. Acts on
     // kVELErr_BadFd only: the handlers of registered handles that are no longer open sockets
     // are removed (none found: traced as a corrupt reactor). Reactor thread.

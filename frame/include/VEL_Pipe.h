@@ -251,6 +251,8 @@ protected:
     virtual VELErr_t doPurge(VEL_Socket* socket) = 0;
 
 private:
+    class Driving;
+
     bool takeReady(VELPipeConnection_t*& connection);
     bool isReadyEmpty();
     VELErr_t prepareReactor() VEL_REQUIRES(_pipeLock);

@@ -89,6 +89,12 @@ void VEL_IOReactor::becomeReactorThread() {
     }
 }
 
+void VEL_IOReactor::leaveReactorThread() {
+    if (isReactorThread()) {
+        _reactorThread.store(0, std::memory_order_relaxed);
+    }
+}
+
 // Wakes the reactor thread after a registration change. A call-back's change needs no wake-up:
 // the pass applies it before it waits again (or wakes itself when the dispatch fails).
 VELErr_t VEL_IOReactor::wake() {

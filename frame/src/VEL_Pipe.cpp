@@ -137,6 +137,25 @@ void VEL_Pipe::configureReactor() {
     }
 }
 
+// Holds the reactor lock while this thread drives the reactor, and gives the reactor-thread role
+// back when done: registration calls this thread makes later, outside the lock, must take the
+// queued path and never touch the dispatch state of the thread driving the reactor then.
+class VEL_Pipe::Driving {
+public:
+    explicit Driving(VEL_Pipe& pipe) : _pipe(pipe), _hold(pipe._reactorLock) {}
+    ~Driving() {
+        if (_pipe._reactor) {
+            _pipe._reactor->leaveReactorThread();
+        }
+    }
+    Driving(const Driving&) = delete;
+    Driving& operator=(const Driving&) = delete;
+
+private:
+    VEL_Pipe& _pipe;
+    Guard _hold;
+};
+
 VELErr_t VEL_Pipe::prepareReactor() {
     Guard hold(_reactorLock);
     if (!_reactor) {
@@ -288,7 +307,7 @@ void VEL_Pipe::unregister(VELPipeConnection_t* connection) {
         // Asked outside the reactor lock: its wake-up ends a wait that another thread's recv()
         // may have in progress, which then lets the lock go.
         (void)_reactor->removeEventHandler(connection->evtHandler);  // failures are traced
-        Guard driving(_reactorLock);
+        Driving driving(*this);
         // Applied before the socket is closed. No dispatch can reach the handler afterwards.
         (void)_reactor->processEvents();
     }
@@ -511,7 +530,7 @@ VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
 // One wait for input in the reactor, under the reactor lock only, so that sends go on
 // meanwhile. kVELErr_PipeClosed once the reactor is stopped or gone.
 VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
-    Guard driving(_reactorLock);
+    Driving driving(*this);
     if (!_reactor) {
         return kVELErr_PipeClosed;
     }
