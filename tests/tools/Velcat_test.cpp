@@ -160,17 +160,16 @@ TEST(VelcatTest, EveryProtocolEchoesThroughTheListener) {
         Strings client;
         std::string input;
         std::string expected;
-    } cases[] = {
-            {{}, {"-c", "3"}, "one\n\nthree", "one\n\nthree\n"},
-            {{}, {"-x", "-c", "2"}, "hi\n\x01\xff\n", "6869\n01ff\n"},
-            {{"-p", "oxl2"}, {"-p", "oxl2", "-c", "2"}, "plain\nbodies\n", "plain\nbodies\n"},
-            {{"-p", "oxl2"}, {"-p", "oxl2", "-z", "-c", "4"}, compressing, compressing},
-            {{"-p", "oxl5"}, {"-p", "oxl5", "-c", "3"}, "a\n\nccc\n", "a\n\nccc\n"},
-            {{"-p", "holm"}, {"-p", "holm", "-c", "2"}, "plain\nbodies\n", "plain\nbodies\n"},
-            {{"-p", "holm"}, {"-p", "holm", "-z", "-c", "4"}, compressing, compressing},
-            {{"-p", "holm"}, {"-p", "holm", "-S", "-c", "2"}, "secret\n\n", "secret\n\n"},
-            {{"-p", "holm", "-z"}, {"-p", "holm", "-S", "-z", "-c", "4"}, compressing, compressing},
-            {{"-p", "tn3270"}, {"-p", "tn3270", "-c", "1"}, "raw record\n", "raw record\n"}};
+    } cases[] = {{{}, {"-c", "3"}, "one\n\nthree", "one\n\nthree\n"},
+                 {{}, {"-x", "-c", "2"}, "hi\n\x01\xff\n", "6869\n01ff\n"},
+                 {{"-p", "oxl2"}, {"-p", "oxl2", "-c", "2"}, "plain\nbodies\n", "plain\nbodies\n"},
+                 {{"-p", "oxl2"}, {"-p", "oxl2", "-z", "-c", "4"}, compressing, compressing},
+                 {{"-p", "oxl5"}, {"-p", "oxl5", "-c", "3"}, "a\n\nccc\n", "a\n\nccc\n"},
+                 {{"-p", "holm"}, {"-p", "holm", "-c", "2"}, "plain\nbodies\n", "plain\nbodies\n"},
+                 {{"-p", "holm"}, {"-p", "holm", "-z", "-c", "4"}, compressing, compressing},
+                 {{"-p", "holm"}, {"-p", "holm", "-S", "-c", "2"}, "secret\n\n", "secret\n\n"},
+                 {{"-p", "holm"}, {"-p", "holm", "-S", "-z", "-c", "4"}, compressing, compressing},
+                 {{"-p", "tn3270"}, {"-p", "tn3270", "-c", "1"}, "raw record\n", "raw record\n"}};
     for (const auto& each : cases) {
         SCOPED_TRACE(::testing::PrintToString(each.client));
         Strings options = each.listener;
@@ -408,7 +407,9 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
                            {"-z", "host", "1"},
                            {"-S", "-p", "oxl2", "host", "1"},
                            {"-S", "-p", "holm", "-l", "1"},
+                           {"-z", "-p", "holm", "-l", "1"},
                            {"-e", "host", "1"},
+                           {"-s", "127.0.0.1", "host", "1"},
                            {"-l", "-c", "1", "1"},
                            {"-l", "host", "1"},
                            {"-c", "0", "host", "1"},

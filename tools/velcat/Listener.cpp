@@ -64,11 +64,7 @@ public:
           _echo(options.echo),
           _hex(options.hex),
           _peer(PeerText(*_socket)),
-          _statistics(statistics) {
-        if (options.compress) {
-            _framing.setCompression(true);  // until a peer's header says otherwise
-        }
-    }
+          _statistics(statistics) {}
 
     bool handleInput() override {
         VELErr_t code = _framing.receive(_message);

@@ -49,8 +49,8 @@ const char kUsage[] =
         "\n"
         "options:\n"
         "  -p, --proto NAME   oxl1 (default) | oxl2 | oxl5 | holm | tn3270\n"
-        "  -z, --compress     compress outgoing bodies (oxl2, holm); a body that does not\n"
-        "                     compress into its room is sent plain\n"
+        "  -z, --compress     client: compress outgoing bodies (oxl2, holm); a body that does\n"
+        "                     not compress into its room is sent plain\n"
         "  -S, --secure       holm client: open a secure session (as initiator) before the first\n"
         "                     message\n"
         "  -e, --echo         listen mode: send every received message back on the same\n"
@@ -198,6 +198,8 @@ bool checkCombination(const Options& options, std::string& error) {
             options.protocol == Protocol::kOXLv2 || options.protocol == Protocol::kHOLM;
     if (options.compress && !compressing) {
         error = "-z needs -p oxl2 or -p holm";
+    } else if (options.compress && options.listen) {
+        error = "-z is for client mode (the listener's echo follows its peer)";
     } else if (options.secure && (options.listen || options.protocol != Protocol::kHOLM)) {
         error = "-S is for a holm client";
     } else if (options.echo && !options.listen) {
@@ -225,8 +227,12 @@ bool takeOperands(int count, char** operands, Options& options, std::string& err
         return count == 1 && parsePort(operands[0], 0, options.port);
     }
     if (!options.pipe.empty()) {
-        error = "--pipe takes no HOST PORT";
-        return count == 0;
+        error = options.host.empty() ? "--pipe takes no HOST PORT" : "-s is for listen mode";
+        return count == 0 && options.host.empty();
+    }
+    if (!options.host.empty()) {
+        error = "-s is for listen mode";
+        return false;
     }
     error = "client mode takes HOST PORT";
     if (count != 2 || *operands[0] == '\0') {
