@@ -342,29 +342,63 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
             << listener->errors();
 }
 
-// A pipe client fails over when the listener it uses stops, and comes back to a listener that
-// returns on its old port: after A and then B have stopped, every line has been answered.
+// A pipe client fails over when the listener it uses stops, to the other one, and again to the
+// first once it is back on its port and the other stops; every line is answered. Over HOLM the
+// secure session is opened anew on each server. The client traces its connections (-t 8) and
+// the listeners theirs (-t 2), so that the test knows which listener to stop and when the
+// client has moved.
 TEST(VelcatTest, PipeModeFailsOverBetweenListeners) {
-    auto first = startListener({"-e"});
-    auto second = startListener({"-e"});
-    const std::string firstPort = std::to_string(first->listeningPort());
-    const std::string endpoints =
-            "127.0.0.1:" + firstPort + ",127.0.0.1:" + std::to_string(second->listeningPort());
-    VelcatProcess client({"--pipe", endpoints, "--failover", "-c", "3"});
-    ASSERT_TRUE(client.write("one\n"));
-    EXPECT_EQ(client.readOutput(4), "one\n") << client.errors();
-    stopListener(*first);
-    ASSERT_TRUE(client.write("two\n"));
-    EXPECT_EQ(client.readOutput(8), "one\ntwo\n") << client.errors();
-    VelcatProcess returned({"-l", "-s", "127.0.0.1", "-e", firstPort});
-    ASSERT_EQ(returned.listeningPort(), first->listeningPort()) << returned.errors();
-    stopListener(*second);
-    ASSERT_TRUE(client.write("three\n"));
-    EXPECT_EQ(client.readOutput(14), "one\ntwo\nthree\n") << client.errors();
-    EXPECT_EQ(client.wait(), 0) << client.errors();
-    stopListener(returned);
-    EXPECT_NE(returned.errors().find("1 connections, 1 messages"), std::string::npos)
-            << returned.errors();
+    const Strings protocols[] = {{}, {"-p", "holm", "-S", "-z"}};
+    for (const Strings& protocol : protocols) {
+        SCOPED_TRACE(::testing::PrintToString(protocol));
+        const Strings serving = {"-e", "-t", "2", "-p", protocol.empty() ? "oxl1" : "holm"};
+        std::unique_ptr<VelcatProcess> listeners[2] = {startListener(serving),
+                                                       startListener(serving)};
+        const unsigned short ports[2] = {listeners[0]->listeningPort(),
+                                         listeners[1]->listeningPort()};
+        Strings args = {
+                "--pipe",
+                "127.0.0.1:" + std::to_string(ports[0]) + ",127.0.0.1:" + std::to_string(ports[1]),
+                "--failover",
+                "-c",
+                "3",
+                "-t",
+                "8"};
+        args.insert(args.end(), protocol.begin(), protocol.end());
+        VelcatProcess client(args);
+        const auto connections = [&client](std::size_t count) {
+            return veltest::WaitFor([&] {
+                std::size_t found = 0;
+                const std::string errors = client.errors();
+                for (std::size_t at = 0;
+                     (at = errors.find("New connection = ", at)) != std::string::npos; ++at) {
+                    ++found;
+                }
+                return found >= count;
+            });
+        };
+        ASSERT_TRUE(client.write("one\n"));
+        EXPECT_EQ(client.readOutput(4), "one\n") << client.errors();
+        const int used =
+                listeners[0]->errors().find("New connected socket") != std::string::npos ? 0 : 1;
+        stopListener(*listeners[used]);
+        ASSERT_TRUE(connections(2)) << client.errors();
+        ASSERT_TRUE(client.write("two\n"));
+        EXPECT_EQ(client.readOutput(8), "one\ntwo\n") << client.errors();
+        Strings again = serving;
+        again.insert(again.begin(), {"-l", "-s", "127.0.0.1"});
+        again.push_back(std::to_string(ports[used]));
+        listeners[used].reset(new VelcatProcess(again));
+        ASSERT_EQ(listeners[used]->listeningPort(), ports[used]) << listeners[used]->errors();
+        stopListener(*listeners[1 - used]);
+        ASSERT_TRUE(connections(3)) << client.errors();
+        ASSERT_TRUE(client.write("three\n"));
+        EXPECT_EQ(client.readOutput(14), "one\ntwo\nthree\n") << client.errors();
+        EXPECT_EQ(client.wait(), 0) << client.errors();
+        stopListener(*listeners[used]);
+        EXPECT_NE(listeners[used]->errors().find("1 connections, 1 messages"), std::string::npos)
+                << listeners[used]->errors();
+    }
 }
 
 // Out of descriptors, accept fails with EMFILE on the same pending connection again and again:
@@ -424,6 +458,7 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
                            {"--pipe", "host:1", "host", "1"},
                            {"--pipe", "host:1", "-p", "tn3270"},
                            {"--pipe", "host:1", "-p", "oxl5"},
+                           {"--pipe", "host:1", "-p", "holm", "-S"},
                            {"--failover", "host", "1"},
                            {"--backend", "kqueue", "-l", "0"},
                            {"--unknown", "host", "1"}};

@@ -62,7 +62,7 @@ const char kUsage[] =
         "                     (2 network, 4 timers, 8 reactor and pipes, 16 dumps, 32 errors)\n"
         "      --pipe H:P[,H:P...]  client: send over a pipe across these endpoints instead of "
         "one\n"
-        "                     connection (multi-connection mode; oxl1, oxl2, holm)\n"
+        "                     connection (multi-connection mode; oxl1, oxl2, holm without -S)\n"
         "      --failover     with --pipe: one connection at a time, failing over between the\n"
         "                     endpoints (also oxl5)\n"
         "      --backend NAME listen mode: the reactor's back end: select\n"
@@ -214,6 +214,8 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "tn3270 does not run over a pipe";
     } else if (!options.pipe.empty() && options.protocol == Protocol::kOXLv5 && !options.failover) {
         error = "oxl5 runs over a pipe with --failover only";
+    } else if (!options.pipe.empty() && options.secure && !options.failover) {
+        error = "a secure session over a pipe needs --failover (one server at a time)";
     } else {
         return true;
     }

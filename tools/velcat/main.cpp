@@ -1,5 +1,9 @@
 // velcat: talks to a vel service from a shell, or serves one. See `velcat --help`.
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -26,6 +30,8 @@ int main(int argc, char** argv) {
             break;
     }
 
+    // A failover pipe starts at an endpoint drawn with std::rand: a different one from run to run.
+    std::srand(static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(::getpid()));
     const VEL_ComEnabler network;
     std::unique_ptr<velcat::StderrTraceSink> sink;
     if (options.traceMask != 0) {
