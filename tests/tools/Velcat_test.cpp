@@ -171,18 +171,22 @@ TEST(VelcatTest, EveryProtocolEchoesThroughTheListener) {
                  {{"-p", "holm"}, {"-p", "holm", "-S", "-z", "-c", "4"}, compressing, compressing},
                  {{"-p", "tn3270"}, {"-p", "tn3270", "-c", "1"}, "raw record\n", "raw record\n"}};
     for (const auto& each : cases) {
-        SCOPED_TRACE(::testing::PrintToString(each.client));
-        Strings options = each.listener;
-        options.push_back("-e");
-        auto listener = startListener(options);
-        Strings args = each.client;
-        args.insert(args.end(), {"127.0.0.1", std::to_string(listener->listeningPort())});
-        std::string output, errors;
-        EXPECT_EQ(runClient(args, each.input, output, errors), 0) << errors;
-        EXPECT_EQ(output.size(), each.expected.size());
-        EXPECT_TRUE(output == each.expected);  // not printed: up to 60 KB
-        EXPECT_EQ(listener->output(), "");     // -e answers instead of printing
-        stopListener(*listener);
+        for (const char* backend : {"epoll", "select"}) {
+            SCOPED_TRACE(::testing::PrintToString(each.client) + " " + backend);
+            Strings options = each.listener;
+            options.insert(options.end(), {"-e", "--backend", backend});
+            auto listener = startListener(options);
+            EXPECT_NE(listener->errors().find(std::string(", ") + backend + ")\n"),
+                      std::string::npos);
+            Strings args = each.client;
+            args.insert(args.end(), {"127.0.0.1", std::to_string(listener->listeningPort())});
+            std::string output, errors;
+            EXPECT_EQ(runClient(args, each.input, output, errors), 0) << errors;
+            EXPECT_EQ(output.size(), each.expected.size());
+            EXPECT_TRUE(output == each.expected);  // not printed: up to 60 KB
+            EXPECT_EQ(listener->output(), "");     // -e answers instead of printing
+            stopListener(*listener);
+        }
     }
 }
 
@@ -348,10 +352,10 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
 // the listeners theirs (-t 2), so that the test knows which listener to stop and when the
 // client has moved.
 TEST(VelcatTest, PipeModeFailsOverBetweenListeners) {
-    const Strings protocols[] = {{}, {"-p", "holm", "-S", "-z"}};
+    const Strings protocols[] = {{"--backend", "select"}, {"-p", "holm", "-S", "-z"}};
     for (const Strings& protocol : protocols) {
         SCOPED_TRACE(::testing::PrintToString(protocol));
-        const Strings serving = {"-e", "-t", "2", "-p", protocol.empty() ? "oxl1" : "holm"};
+        const Strings serving = {"-e", "-t", "2", "-p", protocol[0] == "-p" ? "holm" : "oxl1"};
         std::unique_ptr<VelcatProcess> listeners[2] = {startListener(serving),
                                                        startListener(serving)};
         const unsigned short ports[2] = {listeners[0]->listeningPort(),

@@ -14,8 +14,10 @@
 
 #include "Framing.h"
 #include "Thread.h"
+#include "VEL_EpollIOReactor.h"
 #include "VEL_Message.h"
 #include "VEL_Pipe.h"
+#include "VEL_SelectIOReactor.h"
 #include "VEL_SockOptions.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPPipe.h"
@@ -155,7 +157,10 @@ bool Client::openTcp() {
 }
 
 bool Client::openPipe() {
-    auto* pipe = new VEL_TCPPipe(_options.failover);
+    auto* pipe = new VEL_TCPPipe(_options.failover,
+                                 _options.backend == Backend::kEpoll
+                                         ? &VEL_Pipe::MakeReactor<VEL_EpollIOReactor>
+                                         : &VEL_Pipe::MakeReactor<VEL_SelectIOReactor>);
     _socket.reset(pipe);
     _pipe = pipe;
     for (const Endpoint& endpoint : _options.pipe) {

@@ -16,6 +16,7 @@
 
 #include "Framing.h"
 #include "Thread.h"
+#include "VEL_EpollIOReactor.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Message.h"
@@ -29,6 +30,10 @@
 namespace velcat {
 
 namespace {
+
+// Handlers of an epoll reactor: connections beyond it are accepted and closed at once. A select
+// reactor holds VEL_SelectIOReactor::kSetSize.
+constexpr unsigned long kMaxConnections = 65536;
 
 // Counters of the reactor thread, read by the main thread once the reactor has stopped.
 struct Statistics {
@@ -205,9 +210,13 @@ private:
     Statistics& _statistics;
 };
 
-std::unique_ptr<VEL_IOReactor> makeReactor(Backend /*backend*/) {
+std::unique_ptr<VEL_IOReactor> makeReactor(Backend backend) {
+    const basis::TimeValue idle(1, 0);
+    if (backend == Backend::kEpoll) {
+        return std::unique_ptr<VEL_IOReactor>(new VEL_EpollIOReactor(kMaxConnections, idle));
+    }
     return std::unique_ptr<VEL_IOReactor>(
-            new VEL_SelectIOReactor(VEL_SelectIOReactor::kSetSize, basis::TimeValue(1, 0)));
+            new VEL_SelectIOReactor(VEL_SelectIOReactor::kSetSize, idle));
 }
 
 const char* backendName(Backend backend) {

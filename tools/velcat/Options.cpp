@@ -65,7 +65,8 @@ const char kUsage[] =
         "                     connection (multi-connection mode; oxl1, oxl2, holm without -S)\n"
         "      --failover     with --pipe: one connection at a time, failing over between the\n"
         "                     endpoints (also oxl5)\n"
-        "      --backend NAME listen mode: the reactor's back end: select\n"
+        "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
+        "                     listener's, or the pipe's\n"
         "  -h, --help         print this help\n"
         "\n"
         "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
@@ -181,8 +182,8 @@ bool applyOption(int option, const char* argument, Options& options, std::string
             return true;
         case kOptionBackend:
             error = "unknown back end: " + std::string(argument);
-            if (std::strcmp(argument, "select") == 0) {
-                options.backend = Backend::kSelect;
+            if (std::strcmp(argument, "epoll") == 0 || std::strcmp(argument, "select") == 0) {
+                options.backend = *argument == 'e' ? Backend::kEpoll : Backend::kSelect;
                 return true;
             }
             return false;

@@ -30,7 +30,7 @@ struct Options {
     unsigned short traceMask = 0;
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
-    Backend backend = Backend::kSelect;
+    Backend backend = Backend::kEpoll;
 };
 
 // What the parse found: run, print the help and stop, or stop on a usage error.
