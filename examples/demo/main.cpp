@@ -216,7 +216,10 @@ void failover(EchoServer (&servers)[2]) {
 
 int main() {
     alarm(30);  // a step that hangs ends the demo (with a failure status) instead of waiting
-    std::printf("vel demo: servers, framing, secure sessions, pipes, timers and a thread pool\n\n");
+    std::printf(
+            "vel demo: servers, framing, secure sessions, pipes, timers and a thread pool\n"
+            "(the library's error traces are shown indented: a peer that leaves or a stopped\n"
+            "server shows up there as a half-closed socket or a refused connection)\n\n");
     VEL_ComEnabler network;
     TraceToScreen traces;
     VEL_Tools::SetTraceHandler(&traces);
