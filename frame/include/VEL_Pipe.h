@@ -176,6 +176,13 @@ public:
     // live connection and has just reconnected (call again). kVELErr_PipeClosed once closed,
     // kVELErr_PipeNoConnection when no endpoint answers. A connection that fails is discarded.
     VELErr_t recv(char* buffer, unsigned int length) override;
+    // Waits until a live connection has input, without reading it, or until `limit` has passed
+    // (null: no limit). A peer that closed counts as input: the next recv() notices it. A pipe
+    // without a live connection first reconnects, as recv() does. kVELErr_Ok; kVELErr_Timeout;
+    // kVELErr_PipeClosed once closed (close() ends a wait in progress); kVELErr_PipeNoConnection
+    // when no endpoint answers; a failure of the reactor's wait. Like recv(), it holds only the
+    // reactor lock while it waits, so that another thread may send meanwhile.
+    VELErr_t waitForRead(const basis::TimeValue* limit) override;
     // Gathers the elements and sends them as one buffer (as send()). kVELErr_MessageTooBig above
     // 4 GiB - 1 in all, kVELErr_Alloc.
     VELErr_t writev(VELIoVec* v, unsigned long n) override;
@@ -250,6 +257,9 @@ private:
     bool isReadyEmpty();
     VELErr_t prepareReactor() VEL_REQUIRES(_pipeLock);
     void configureReactor() VEL_REQUIRES(_pipeLock);
+    // For recv() and waitForRead(): kVELErr_PipeClosed once closed; without a live connection,
+    // the status of a forced reconnect, *reconnected telling whether it made one.
+    VELErr_t checkLive(const basis::TimeValue& deadline, bool* reconnected);
     VELErr_t waitForInput(const basis::TimeValue& deadline);
     VELErr_t readReady(char* buffer, unsigned int length, const basis::TimeValue& deadline);
     VELErr_t returnToPrimary(VELPipeConnection_t*& connection) VEL_REQUIRES(_pipeLock);

@@ -460,20 +460,29 @@ VELErr_t VEL_Pipe::returnToPrimary(VELPipeConnection_t*& connection) {
     return registerConnection(socket, _primary, connection);
 }
 
+VELErr_t VEL_Pipe::checkLive(const basis::TimeValue& deadline, bool* reconnected) {
+    PipeGuard hold(_pipeLock);
+    *reconnected = false;
+    if (!_reactor) {
+        return kVELErr_PipeClosed;
+    }
+    if (!_connections.empty()) {
+        return kVELErr_Ok;
+    }
+    VELPipeConnection_t* connection = nullptr;
+    const VELErr_t code = forceReconnect(connection, deadline);
+    *reconnected = code == kVELErr_Ok;
+    return code;
+}
+
 VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
     const basis::TimeValue deadline = now() + seconds(_recvTimeout.load());
     for (;;) {
-        {
-            PipeGuard hold(_pipeLock);
-            if (!_reactor) {
-                return kVELErr_PipeClosed;
-            }
-            if (_connections.empty()) {
-                VELPipeConnection_t* connection = nullptr;
-                const VELErr_t code = forceReconnect(connection, deadline);
-                // A new connection has nothing to read yet: the caller calls again.
-                return code != kVELErr_Ok ? code : kVELErr_Timeout;
-            }
+        bool reconnected = false;
+        const VELErr_t live = checkLive(deadline, &reconnected);
+        if (live != kVELErr_Ok || reconnected) {
+            // A new connection has nothing to read yet: the caller calls again.
+            return live != kVELErr_Ok ? live : kVELErr_Timeout;
         }
         if (isReadyEmpty()) {
             const VELErr_t code = waitForInput(deadline);
@@ -486,6 +495,31 @@ VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
             }
         } else if (readReady(buffer, length, deadline) == kVELErr_Ok) {
             return kVELErr_Ok;
+        }
+        if (now() >= deadline) {
+            return kVELErr_Timeout;
+        }
+    }
+}
+
+VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
+    const basis::TimeValue deadline =
+            now() + (limit != nullptr ? *limit : seconds(kLongestSeconds));
+    for (;;) {
+        bool reconnected = false;
+        const VELErr_t live = checkLive(deadline, &reconnected);
+        if (live != kVELErr_Ok) {
+            return live;
+        }
+        if (!isReadyEmpty()) {
+            return kVELErr_Ok;
+        }
+        const VELErr_t code = waitForInput(deadline);
+        if (code == kVELErr_PipeClosed || !isReadyEmpty()) {
+            return code == kVELErr_PipeClosed ? code : kVELErr_Ok;
+        }
+        if (code != kVELErr_Ok && code != kVELErr_Timeout) {
+            return code;
         }
         if (now() >= deadline) {
             return kVELErr_Timeout;
