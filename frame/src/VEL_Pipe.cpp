@@ -476,6 +476,27 @@ VELErr_t VEL_Pipe::checkLive(const basis::TimeValue& deadline, bool* reconnected
 }
 
 VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
+    return receive([this, buffer, length](VEL_Socket* socket) {
+        return doRecv(socket, buffer, length);
+    });
+}
+
+VELErr_t VEL_Pipe::recvAvail(char* buffer, unsigned int* length) {
+    const unsigned int wanted = *length;
+    unsigned int got = 0;
+    const VELErr_t code = receive([buffer, wanted, &got](VEL_Socket* socket) {
+        got = wanted;
+        const VELErr_t read = socket->recvAvail(buffer, &got);
+        if (read != kVELErr_Ok && read != kVELErr_Incomplete) {
+            got = 0;
+        }
+        return read;
+    });
+    *length = code == kVELErr_Ok || code == kVELErr_Incomplete ? got : 0;
+    return code;
+}
+
+VELErr_t VEL_Pipe::receive(const Reader& read) {
     const basis::TimeValue deadline = now() + seconds(_recvTimeout.load());
     for (;;) {
         bool reconnected = false;
@@ -493,8 +514,11 @@ VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
                 PipeGuard hold(_pipeLock);
                 discardConnection(_lastRead);  // nothing when nothing was read yet
             }
-        } else if (readReady(buffer, length, deadline) == kVELErr_Ok) {
-            return kVELErr_Ok;
+        } else {
+            const VELErr_t code = readReady(read, deadline);
+            if (code == kVELErr_Ok || code == kVELErr_Incomplete) {
+                return code;
+            }
         }
         if (now() >= deadline) {
             return kVELErr_Timeout;
@@ -553,8 +577,8 @@ VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
 
 // Reads from the first connection of the ready list. kVELErr_Timeout when there was none or its
 // input had been read meanwhile (by purge, readv or another thread); a connection that fails is
-// discarded.
-VELErr_t VEL_Pipe::readReady(char* buffer, unsigned int length, const basis::TimeValue& deadline) {
+// discarded. kVELErr_Incomplete (a partial read by recvAvail) is a successful read.
+VELErr_t VEL_Pipe::readReady(const Reader& read, const basis::TimeValue& deadline) {
     PipeGuard hold(_pipeLock);
     VELPipeConnection_t* connection = nullptr;
     if (!takeReady(connection)) {
@@ -568,15 +592,15 @@ VELErr_t VEL_Pipe::readReady(char* buffer, unsigned int length, const basis::Tim
         VELPipeEndpoint_t* endpoint = connection->endpoint;
         tracePipe(this, [endpoint] { return "Message read = " + endpointText(*endpoint); });
         notify(*endpoint, &VEL_PipeNotifier::connectionUsed);
-        code = doRecv(connection->socket, buffer, length);
+        code = read(connection->socket);
     }
-    if (code != kVELErr_Ok) {
+    if (code != kVELErr_Ok && code != kVELErr_Incomplete) {
         discardConnection(connection);
         return code;
     }
     _lastRead = connection;
     (void)tryMultipleReconnect(deadline);  // its outcome is not the receive's
-    return kVELErr_Ok;
+    return code;
 }
 
 VELErr_t VEL_Pipe::writev(VELIoVec* v, unsigned long n) {
