@@ -65,6 +65,7 @@
 #include "VEL_TimerSubscriberInterface.h"
 
 // Reactor and pipes
+#include "VEL_EpollIOReactor.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Pipe.h"

@@ -27,8 +27,8 @@
 // readv() reads every element from the connection that served the previous recv(). Transports
 // that read a header with recv() and the rest with readv() (OXLv1, OXLv2, HOLM) therefore work in
 // both modes. Transports that read a frame with two recv() calls (OXLv5) work in failover mode
-// only, where one connection carries everything. The pipe offers no partial receive
-// (recvAvail), so TN3270 does not run over it.
+// only, where one connection carries everything. recvAvail() reads what has arrived on one
+// connection; TN3270, which reads its records that way, works in failover mode only too.
 //
 // Waiting for input: the pipe owns a private reactor (a select reactor unless the constructor is
 // given another factory) that recv() drives from the calling thread; the reactor's own thread is
@@ -58,6 +58,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -176,6 +177,17 @@ public:
     // live connection and has just reconnected (call again). kVELErr_PipeClosed once closed,
     // kVELErr_PipeNoConnection when no endpoint answers. A connection that fails is discarded.
     VELErr_t recv(char* buffer, unsigned int length) override;
+    // As recv(), but takes what has arrived on one connection with input, up to `*length` bytes,
+    // and sets `*length` to the count read: kVELErr_Ok when it filled the buffer,
+    // kVELErr_Incomplete when it read less. On other statuses `*length` is 0.
+    VELErr_t recvAvail(char* buffer, unsigned int* length) override;
+    // Waits until a live connection has input, without reading it, or until `limit` has passed
+    // (null: no limit). A peer that closed counts as input: the next recv() notices it. A pipe
+    // without a live connection first reconnects, as recv() does. kVELErr_Ok; kVELErr_Timeout;
+    // kVELErr_PipeClosed once closed (close() ends a wait in progress); kVELErr_PipeNoConnection
+    // when no endpoint answers; a failure of the reactor's wait. Like recv(), it holds only the
+    // reactor lock while it waits, so that another thread may send meanwhile.
+    VELErr_t waitForRead(const basis::TimeValue* limit) override;
     // Gathers the elements and sends them as one buffer (as send()). kVELErr_MessageTooBig above
     // 4 GiB - 1 in all, kVELErr_Alloc.
     VELErr_t writev(VELIoVec* v, unsigned long n) override;
@@ -250,8 +262,14 @@ private:
     bool isReadyEmpty();
     VELErr_t prepareReactor() VEL_REQUIRES(_pipeLock);
     void configureReactor() VEL_REQUIRES(_pipeLock);
+    // For recv() and waitForRead(): kVELErr_PipeClosed once closed; without a live connection,
+    // the status of a forced reconnect, *reconnected telling whether it made one.
+    VELErr_t checkLive(const basis::TimeValue& deadline, bool* reconnected);
     VELErr_t waitForInput(const basis::TimeValue& deadline);
-    VELErr_t readReady(char* buffer, unsigned int length, const basis::TimeValue& deadline);
+    // Reads from one connection's socket for recv() and recvAvail().
+    using Reader = std::function<VELErr_t(VEL_Socket*)>;
+    VELErr_t receive(const Reader& read);
+    VELErr_t readReady(const Reader& read, const basis::TimeValue& deadline);
     VELErr_t returnToPrimary(VELPipeConnection_t*& connection) VEL_REQUIRES(_pipeLock);
     // Connects to the endpoint and registers the connection: registerConnection's status, or
     // kVELErr_PipeNoConnection when the endpoint did not answer (it then waits for its retry time).

@@ -27,7 +27,8 @@ public:
     static constexpr unsigned int kPurgeChunk = 1024;
     static constexpr unsigned long kPurgeLimit = 1024 * 1024;
 
-    // `failover` chooses the mode; `reactorFactory` the back end of the private reactor.
+    // `failover` chooses the mode; `reactorFactory` the back end of the private reactor
+    // (&MakeReactor<VEL_EpollIOReactor> for epoll).
     explicit VEL_TCPPipe(bool failover, VELPipeReactorFactory_t reactorFactory =
                                                 &MakeReactor<VEL_SelectIOReactor>);
     ~VEL_TCPPipe() override;

@@ -460,20 +460,50 @@ VELErr_t VEL_Pipe::returnToPrimary(VELPipeConnection_t*& connection) {
     return registerConnection(socket, _primary, connection);
 }
 
+VELErr_t VEL_Pipe::checkLive(const basis::TimeValue& deadline, bool* reconnected) {
+    PipeGuard hold(_pipeLock);
+    *reconnected = false;
+    if (!_reactor) {
+        return kVELErr_PipeClosed;
+    }
+    if (!_connections.empty()) {
+        return kVELErr_Ok;
+    }
+    VELPipeConnection_t* connection = nullptr;
+    const VELErr_t code = forceReconnect(connection, deadline);
+    *reconnected = code == kVELErr_Ok;
+    return code;
+}
+
 VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
+    return receive([this, buffer, length](VEL_Socket* socket) {
+        return doRecv(socket, buffer, length);
+    });
+}
+
+VELErr_t VEL_Pipe::recvAvail(char* buffer, unsigned int* length) {
+    const unsigned int wanted = *length;
+    unsigned int got = 0;
+    const VELErr_t code = receive([buffer, wanted, &got](VEL_Socket* socket) {
+        got = wanted;
+        const VELErr_t read = socket->recvAvail(buffer, &got);
+        if (read != kVELErr_Ok && read != kVELErr_Incomplete) {
+            got = 0;
+        }
+        return read;
+    });
+    *length = code == kVELErr_Ok || code == kVELErr_Incomplete ? got : 0;
+    return code;
+}
+
+VELErr_t VEL_Pipe::receive(const Reader& read) {
     const basis::TimeValue deadline = now() + seconds(_recvTimeout.load());
     for (;;) {
-        {
-            PipeGuard hold(_pipeLock);
-            if (!_reactor) {
-                return kVELErr_PipeClosed;
-            }
-            if (_connections.empty()) {
-                VELPipeConnection_t* connection = nullptr;
-                const VELErr_t code = forceReconnect(connection, deadline);
-                // A new connection has nothing to read yet: the caller calls again.
-                return code != kVELErr_Ok ? code : kVELErr_Timeout;
-            }
+        bool reconnected = false;
+        const VELErr_t live = checkLive(deadline, &reconnected);
+        if (live != kVELErr_Ok || reconnected) {
+            // A new connection has nothing to read yet: the caller calls again.
+            return live != kVELErr_Ok ? live : kVELErr_Timeout;
         }
         if (isReadyEmpty()) {
             const VELErr_t code = waitForInput(deadline);
@@ -484,8 +514,36 @@ VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
                 PipeGuard hold(_pipeLock);
                 discardConnection(_lastRead);  // nothing when nothing was read yet
             }
-        } else if (readReady(buffer, length, deadline) == kVELErr_Ok) {
+        } else {
+            const VELErr_t code = readReady(read, deadline);
+            if (code == kVELErr_Ok || code == kVELErr_Incomplete) {
+                return code;
+            }
+        }
+        if (now() >= deadline) {
+            return kVELErr_Timeout;
+        }
+    }
+}
+
+VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
+    const basis::TimeValue deadline =
+            now() + (limit != nullptr ? *limit : seconds(kLongestSeconds));
+    for (;;) {
+        bool reconnected = false;
+        const VELErr_t live = checkLive(deadline, &reconnected);
+        if (live != kVELErr_Ok) {
+            return live;
+        }
+        if (!isReadyEmpty()) {
             return kVELErr_Ok;
+        }
+        const VELErr_t code = waitForInput(deadline);
+        if (code == kVELErr_PipeClosed || !isReadyEmpty()) {
+            return code == kVELErr_PipeClosed ? code : kVELErr_Ok;
+        }
+        if (code != kVELErr_Ok && code != kVELErr_Timeout) {
+            return code;
         }
         if (now() >= deadline) {
             return kVELErr_Timeout;
@@ -519,8 +577,8 @@ VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
 
 // Reads from the first connection of the ready list. kVELErr_Timeout when there was none or its
 // input had been read meanwhile (by purge, readv or another thread); a connection that fails is
-// discarded.
-VELErr_t VEL_Pipe::readReady(char* buffer, unsigned int length, const basis::TimeValue& deadline) {
+// discarded. kVELErr_Incomplete (a partial read by recvAvail) is a successful read.
+VELErr_t VEL_Pipe::readReady(const Reader& read, const basis::TimeValue& deadline) {
     PipeGuard hold(_pipeLock);
     VELPipeConnection_t* connection = nullptr;
     if (!takeReady(connection)) {
@@ -534,15 +592,15 @@ VELErr_t VEL_Pipe::readReady(char* buffer, unsigned int length, const basis::Tim
         VELPipeEndpoint_t* endpoint = connection->endpoint;
         tracePipe(this, [endpoint] { return "Message read = " + endpointText(*endpoint); });
         notify(*endpoint, &VEL_PipeNotifier::connectionUsed);
-        code = doRecv(connection->socket, buffer, length);
+        code = read(connection->socket);
     }
-    if (code != kVELErr_Ok) {
+    if (code != kVELErr_Ok && code != kVELErr_Incomplete) {
         discardConnection(connection);
         return code;
     }
     _lastRead = connection;
     (void)tryMultipleReconnect(deadline);  // its outcome is not the receive's
-    return kVELErr_Ok;
+    return code;
 }
 
 VELErr_t VEL_Pipe::writev(VELIoVec* v, unsigned long n) {

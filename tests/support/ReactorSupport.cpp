@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <gtest/gtest.h>
+
+#include "VEL_EpollIOReactor.h"
 #include "VEL_SelectIOReactor.h"
 
 namespace veltest {
@@ -123,9 +126,27 @@ bool Drain(int fd) {
     return got < 0 && errno == EAGAIN;
 }
 
+void StopAndClean(VEL_IOReactor& reactor) {
+    EXPECT_EQ(reactor.stop(), kVELErr_Ok);
+    EXPECT_EQ(reactor.wait(), basis::kErr_Ok);
+    EXPECT_EQ(reactor.clean(), kVELErr_Ok);
+    EXPECT_EQ(reactor.getNbElement(), 0u);
+}
+
 std::unique_ptr<VEL_IOReactor> MakeSelectReactor(unsigned long size,
                                                  const basis::TimeValue& idleTimeout) {
     return std::unique_ptr<VEL_IOReactor>(new VEL_SelectIOReactor(size, idleTimeout));
+}
+
+std::unique_ptr<VEL_IOReactor> MakeEpollReactor(unsigned long size,
+                                                const basis::TimeValue& idleTimeout) {
+    return std::unique_ptr<VEL_IOReactor>(new VEL_EpollIOReactor(size, idleTimeout));
+}
+
+std::string BackEndName(const ::testing::TestParamInfo<ReactorFactory>& tested) {
+    return tested.param == &MakeSelectReactor  ? std::string("Select")
+           : tested.param == &MakeEpollReactor ? std::string("Epoll")
+                                               : "BackEnd" + std::to_string(tested.index);
 }
 
 }  // namespace veltest

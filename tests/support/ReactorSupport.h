@@ -14,7 +14,9 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "VEL_EventHandler.h"
 #include "VEL_IOReactor.h"
 
@@ -86,11 +88,26 @@ private:
 // Reads what waits on `fd` without blocking; false once the stream has ended or on an error.
 bool Drain(int fd);
 
+// Removes `handler` and waits until the reactor thread has applied the removal and let the
+// handler go (the caller holds the only other reference): its descriptor may be closed then.
+template <class Handler>
+void RemoveAndWait(VEL_IOReactor& reactor, const boost::shared_ptr<Handler>& handler) {
+    EXPECT_EQ(reactor.removeEventHandler(handler), kVELErr_Ok);
+    EXPECT_TRUE(WaitFor([&handler] { return handler.use_count() == 1; }));
+}
+
+// Stops a reactor, joins its loop thread and cleans it; checks that every handler was let go.
+void StopAndClean(VEL_IOReactor& reactor);
+
 // Builds a reactor of one back end (not yet initialised).
 using ReactorFactory = std::unique_ptr<VEL_IOReactor> (*)(unsigned long size,
                                                           const basis::TimeValue& idleTimeout);
 std::unique_ptr<VEL_IOReactor> MakeSelectReactor(unsigned long size,
                                                  const basis::TimeValue& idleTimeout);
+std::unique_ptr<VEL_IOReactor> MakeEpollReactor(unsigned long size,
+                                                const basis::TimeValue& idleTimeout);
+// The back end's name, for the names of parameterised tests.
+std::string BackEndName(const ::testing::TestParamInfo<ReactorFactory>& tested);
 
 }  // namespace veltest
 

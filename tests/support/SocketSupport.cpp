@@ -266,6 +266,20 @@ std::string Pattern(std::size_t size, unsigned int seed) {
     return data;
 }
 
+ScopedFdLimit::ScopedFdLimit(rlim_t soft) {
+    if (::getrlimit(RLIMIT_NOFILE, &_saved) == 0 && soft <= _saved.rlim_max) {
+        rlimit changed = _saved;
+        changed.rlim_cur = soft;
+        _applied = ::setrlimit(RLIMIT_NOFILE, &changed) == 0;
+    }
+}
+
+ScopedFdLimit::~ScopedFdLimit() {
+    if (_applied) {
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &_saved), 0);
+    }
+}
+
 void SocketLeakTest::SetUp() {
     _sockets = VEL_Socket::GetNbInstances();
     _descriptors = OpenFdCount();

@@ -5,6 +5,7 @@
 #ifndef TESTS_SUPPORT_SOCKETSUPPORT_H
 #define TESTS_SUPPORT_SOCKETSUPPORT_H
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -105,6 +106,21 @@ pid_t CurrentTid();
 bool WaitUntilSleeping(pid_t tid, std::chrono::milliseconds limit = std::chrono::seconds(10));
 // Bytes 0..size-1 of a pattern that differs with `seed`, to tell buffers apart.
 std::string Pattern(std::size_t size, unsigned int seed);
+
+// Sets the soft descriptor limit to `soft` for its lifetime, and restores it when destroyed.
+// applied() is false, and nothing changed, when the hard limit is below `soft`.
+class ScopedFdLimit {
+public:
+    explicit ScopedFdLimit(rlim_t soft);
+    ~ScopedFdLimit();
+    ScopedFdLimit(const ScopedFdLimit&) = delete;
+    ScopedFdLimit& operator=(const ScopedFdLimit&) = delete;
+    bool applied() const { return _applied; }
+
+private:
+    rlimit _saved{};
+    bool _applied = false;
+};
 
 // Base fixture: after each test the process-wide socket count and the number of open
 // descriptors are back where they were before it.

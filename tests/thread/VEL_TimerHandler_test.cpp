@@ -160,6 +160,32 @@ TEST_F(TimerHandlerTest, SlotKeepsDatesSortedWithTheNewestFirstAmongEqualDates) 
     EXPECT_EQ(slot.getCount(), 0u);
 }
 
+TEST_F(TimerHandlerTest, SlotFindsItsLatestHandlerAfterRemovalsAtEitherEnd) {
+    // The slot takes its latest handler from the tree's header to place a later one last in one
+    // step: a header left behind by a removal would misplace the next insert.
+    std::vector<VEL_TimerHandler*> inserted;
+    VEL_TimerSlot slot;
+    const auto insert = [&](long date) {
+        inserted.push_back(&arm(0, 0, boost::make_shared<Counter>(), basis::TimeValue(date, 0)));
+        slot.insert(*inserted.back());
+    };
+    for (long date : {2, 4, 6}) {
+        insert(date);  // each goes last
+    }
+    EXPECT_TRUE(slot.remove(*inserted[2]));  // the latest (6) leaves: 4 is the latest now
+    insert(5);                               // #3, last again
+    insert(5);                               // #4, before #3 (newest first among equal dates)
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(2, 0)), inserted[0]);  // the earliest leaves
+    insert(3);                                                     // #5, between 2 and 4
+    insert(1);                                                     // #6, first
+    for (int index : {6, 5, 1, 4, 3}) {
+        EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[index]) << index;
+    }
+    EXPECT_EQ(slot.getCount(), 0u);
+    insert(7);  // into the emptied slot: first and last at once
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[7]);
+}
+
 TEST(CompositeTimerSubscriberTest, CallsEverySubscriberInListOrderWithTheSameId) {
     std::vector<Counter*> log;
     Counter a, b, c;

@@ -167,6 +167,9 @@ private:
                                           &VEL_TimerHandler::_slotHook>,
             boost::intrusive::compare<EarlierDate>>;
 
+    // The handler with the latest date, in constant time. REQUIRES: the slot is not empty.
+    const VEL_TimerHandler& last() const;
+
     basis::ThreadMutex _lock;
     Tree _handlers;
 };

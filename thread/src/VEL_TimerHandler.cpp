@@ -197,12 +197,19 @@ void VEL_TimerSlot::insert(VEL_TimerHandler& handler) {
     Tree::iterator before;
     if (_handlers.empty() || !Earlier(_handlers.begin()->getCurrentDate(), date)) {
         before = _handlers.begin();
-    } else if (Earlier(_handlers.rbegin()->getCurrentDate(), date)) {
+    } else if (Earlier(last().getCurrentDate(), date)) {
         before = _handlers.end();
     } else {
         before = _handlers.lower_bound(handler);
     }
     _handlers.insert_before(before, handler);
+}
+
+// The tree's header links its rightmost node, so the latest handler costs one step; rbegin()
+// would walk the right spine down from the root instead, touching one handler per level.
+const VEL_TimerHandler& VEL_TimerSlot::last() const {
+    const Tree::const_node_ptr header = _handlers.end().pointed_node();
+    return *Tree::value_traits::to_value_ptr(Tree::node_traits::get_right(header));
 }
 
 bool VEL_TimerSlot::remove(VEL_TimerHandler& handler) {

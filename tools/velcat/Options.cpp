@@ -1,0 +1,294 @@
+#include "Options.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "BufferMgr.h"
+
+namespace velcat {
+
+namespace {
+
+constexpr int kOptionPipe = 256;
+constexpr int kOptionFailover = 257;
+constexpr int kOptionBackend = 258;
+
+const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
+                               {"source", required_argument, nullptr, 's'},
+                               {"proto", required_argument, nullptr, 'p'},
+                               {"compress", no_argument, nullptr, 'z'},
+                               {"secure", no_argument, nullptr, 'S'},
+                               {"echo", no_argument, nullptr, 'e'},
+                               {"hex", no_argument, nullptr, 'x'},
+                               {"max-size", required_argument, nullptr, 'm'},
+                               {"count", required_argument, nullptr, 'c'},
+                               {"trace", required_argument, nullptr, 't'},
+                               {"pipe", required_argument, nullptr, kOptionPipe},
+                               {"failover", no_argument, nullptr, kOptionFailover},
+                               {"backend", required_argument, nullptr, kOptionBackend},
+                               {"help", no_argument, nullptr, 'h'},
+                               {nullptr, 0, nullptr, 0}};
+
+const char kUsage[] =
+        "usage:\n"
+        "  velcat [OPTIONS] HOST PORT          connect; send each stdin line (without its "
+        "newline)\n"
+        "                                      as one message; print each received message body\n"
+        "                                      followed by a newline\n"
+        "  velcat [OPTIONS] --pipe H:P[,H:P...] [--failover]\n"
+        "                                      the same over a pipe across these endpoints\n"
+        "  velcat [OPTIONS] -l [-s HOST] PORT  listen on HOST (default all interfaces) and serve\n"
+        "                                      any number of clients; port 0 lets the system\n"
+        "                                      choose. The listener writes\n"
+        "                                      \"velcat: listening on ADDRESS port N (...)\" to\n"
+        "                                      stderr once it accepts, prints each received body\n"
+        "                                      (unless -e), and runs until SIGINT or SIGTERM.\n"
+        "\n"
+        "options:\n"
+        "  -p, --proto NAME   oxl1 (default) | oxl2 | oxl5 | holm | tn3270\n"
+        "  -z, --compress     client: compress outgoing bodies (oxl2, holm); a body that does\n"
+        "                     not compress into its room is sent plain\n"
+        "  -S, --secure       holm client: open a secure session (as initiator) before the first\n"
+        "                     message\n"
+        "  -e, --echo         listen mode: send every received message back on the same\n"
+        "                     connection (following the peer's compression and secure session)\n"
+        "  -x, --hex          print received bodies as hex instead of raw bytes\n"
+        "  -m, --max-size N   largest body accepted (default 16777216)\n"
+        "  -c, --count N      client: exit 0 after N messages have been received\n"
+        "  -t, --trace MASK   write trace lines with these category bits to stderr\n"
+        "                     (2 network, 4 timers, 8 reactor and pipes, 16 dumps, 32 errors)\n"
+        "      --pipe H:P[,H:P...]  client: send over a pipe across these endpoints instead of "
+        "one\n"
+        "                     connection (multi-connection mode; oxl1, oxl2, holm without -S)\n"
+        "      --failover     with --pipe: one connection at a time, failing over between the\n"
+        "                     endpoints (also oxl5)\n"
+        "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
+        "                     listener's, or the pipe's\n"
+        "  -h, --help         print this help\n"
+        "\n"
+        "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
+
+// Reads a whole decimal or 0x-prefixed number in [low, high].
+bool parseNumber(const char* text, unsigned long low, unsigned long high, unsigned long& value) {
+    if (text == nullptr || *text == '\0' || *text == '-') {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long parsed = std::strtoull(text, &end, 0);
+    if (errno != 0 || *end != '\0' || parsed < low || parsed > high) {
+        return false;
+    }
+    value = static_cast<unsigned long>(parsed);
+    return true;
+}
+
+bool parsePort(const char* text, unsigned long low, unsigned short& port) {
+    unsigned long value = 0;
+    if (!parseNumber(text, low, 65535, value)) {
+        return false;
+    }
+    port = static_cast<unsigned short>(value);
+    return true;
+}
+
+bool parseProtocol(const char* name, Protocol& protocol) {
+    const struct {
+        const char* name;
+        Protocol protocol;
+    } kNames[] = {{"oxl1", Protocol::kOXLv1},
+                  {"oxl2", Protocol::kOXLv2},
+                  {"oxl5", Protocol::kOXLv5},
+                  {"holm", Protocol::kHOLM},
+                  {"tn3270", Protocol::kTN3270}};
+    for (const auto& each : kNames) {
+        if (std::strcmp(name, each.name) == 0) {
+            protocol = each.protocol;
+            return true;
+        }
+    }
+    return false;
+}
+
+// "H:P[,H:P...]": each host non-empty, each port 1..65535.
+bool parseEndpoints(const std::string& list, std::vector<Endpoint>& endpoints) {
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t comma = list.find(',', start);
+        const std::string item = list.substr(start, comma - start);
+        const std::size_t colon = item.rfind(':');
+        Endpoint endpoint;
+        if (colon == std::string::npos || colon == 0 ||
+            !parsePort(item.c_str() + colon + 1, 1, endpoint.port)) {
+            return false;
+        }
+        endpoint.host = item.substr(0, colon);
+        endpoints.push_back(endpoint);
+        if (comma == std::string::npos) {
+            return true;
+        }
+        start = comma + 1;
+    }
+}
+
+// One option; false with `error` set when its argument is wrong.
+bool applyOption(int option, const char* argument, Options& options, std::string& error) {
+    unsigned long number = 0;
+    switch (option) {
+        case 'l':
+            options.listen = true;
+            return true;
+        case 's':
+            options.host = argument;
+            return true;
+        case 'p':
+            error = "unknown protocol: " + std::string(argument);
+            return parseProtocol(argument, options.protocol);
+        case 'z':
+            options.compress = true;
+            return true;
+        case 'S':
+            options.secure = true;
+            return true;
+        case 'e':
+            options.echo = true;
+            return true;
+        case 'x':
+            options.hex = true;
+            return true;
+        case 'm':
+            error = "--max-size takes 1 to " +
+                    std::to_string(basis::BufferMgr::Default()->getMaxBufferSize());
+            return parseNumber(argument, 1, basis::BufferMgr::Default()->getMaxBufferSize(),
+                               options.maxSize);
+        case 'c':
+            error = "--count takes a positive number";
+            return parseNumber(argument, 1, 0xFFFFFFFFul, options.count);
+        case 't':
+            error = "--trace takes a mask of 0 to 65535";
+            if (!parseNumber(argument, 0, 0xFFFF, number)) {
+                return false;
+            }
+            options.traceMask = static_cast<unsigned short>(number);
+            return true;
+        case kOptionPipe:
+            error = "--pipe takes HOST:PORT[,HOST:PORT...]";
+            return parseEndpoints(argument, options.pipe);
+        case kOptionFailover:
+            options.failover = true;
+            return true;
+        case kOptionBackend:
+            error = "unknown back end: " + std::string(argument);
+            if (std::strcmp(argument, "epoll") == 0 || std::strcmp(argument, "select") == 0) {
+                options.backend = *argument == 'e' ? Backend::kEpoll : Backend::kSelect;
+                return true;
+            }
+            return false;
+        default:
+            error = "unknown option";
+            return false;
+    }
+}
+
+// The rules that tie options together.
+bool checkCombination(const Options& options, std::string& error) {
+    const bool compressing =
+            options.protocol == Protocol::kOXLv2 || options.protocol == Protocol::kHOLM;
+    if (options.compress && !compressing) {
+        error = "-z needs -p oxl2 or -p holm";
+    } else if (options.compress && options.listen) {
+        error = "-z is for client mode (the listener's echo follows its peer)";
+    } else if (options.secure && (options.listen || options.protocol != Protocol::kHOLM)) {
+        error = "-S is for a holm client";
+    } else if (options.echo && !options.listen) {
+        error = "-e is for listen mode";
+    } else if (options.count != 0 && options.listen) {
+        error = "-c is for client mode";
+    } else if (!options.pipe.empty() && options.listen) {
+        error = "--pipe is for client mode";
+    } else if (options.failover && options.pipe.empty()) {
+        error = "--failover needs --pipe";
+    } else if (!options.pipe.empty() && options.protocol == Protocol::kTN3270) {
+        error = "tn3270 does not run over a pipe";
+    } else if (!options.pipe.empty() && options.protocol == Protocol::kOXLv5 && !options.failover) {
+        error = "oxl5 runs over a pipe with --failover only";
+    } else if (!options.pipe.empty() && options.secure && !options.failover) {
+        error = "a secure session over a pipe needs --failover (one server at a time)";
+    } else {
+        return true;
+    }
+    return false;
+}
+
+// HOST PORT (client), PORT (listener), nothing (pipe client).
+bool takeOperands(int count, char** operands, Options& options, std::string& error) {
+    if (options.listen) {
+        error = "listen mode takes PORT";
+        return count == 1 && parsePort(operands[0], 0, options.port);
+    }
+    if (!options.pipe.empty()) {
+        error = options.host.empty() ? "--pipe takes no HOST PORT" : "-s is for listen mode";
+        return count == 0 && options.host.empty();
+    }
+    if (!options.host.empty()) {
+        error = "-s is for listen mode";
+        return false;
+    }
+    error = "client mode takes HOST PORT";
+    if (count != 2 || *operands[0] == '\0') {
+        return false;
+    }
+    options.host = operands[0];
+    return parsePort(operands[1], 1, options.port);
+}
+
+}  // namespace
+
+ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error) {
+    optind = 1;
+    opterr = 0;
+    int option = 0;
+    while ((option = getopt_long(argc, argv, "ls:p:zSexm:c:t:h", kLongOptions, nullptr)) != -1) {
+        if (option == 'h') {
+            return ParseResult::kHelp;
+        }
+        if (option == '?' || option == ':') {
+            error = "unknown option or missing argument: " + std::string(argv[optind - 1]);
+            return ParseResult::kUsageError;
+        }
+        if (!applyOption(option, optarg, options, error)) {
+            return ParseResult::kUsageError;
+        }
+    }
+    if (!takeOperands(argc - optind, argv + optind, options, error) ||
+        !checkCombination(options, error)) {
+        return ParseResult::kUsageError;
+    }
+    error.clear();
+    return ParseResult::kRun;
+}
+
+const char* UsageText() {
+    return kUsage;
+}
+
+const char* ProtocolName(Protocol protocol) {
+    switch (protocol) {
+        case Protocol::kOXLv1:
+            return "oxl1";
+        case Protocol::kOXLv2:
+            return "oxl2";
+        case Protocol::kOXLv5:
+            return "oxl5";
+        case Protocol::kHOLM:
+            return "holm";
+        case Protocol::kTN3270:
+            return "tn3270";
+    }
+    return "?";
+}
+
+}  // namespace velcat
