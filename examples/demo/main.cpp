@@ -33,7 +33,7 @@ double elapsed() {
 }
 
 // One line, stamped with the time since the start; any thread.
-void say(const char* format, ...) {
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
     char text[512];
     va_list arguments;
     va_start(arguments, format);
