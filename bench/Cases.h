@@ -30,6 +30,9 @@ std::unique_ptr<Case> MakeTimerCase();
 // reports the servers' resident memory per idle connection too.
 std::unique_ptr<Case> MakeIdleCase2000();
 std::unique_ptr<Case> MakeIdleCase10000();
+// velcat's listener, in its own process, against the vel and libevent servers of the idle cases
+// with no idle connection.
+std::unique_ptr<Case> MakeVelcatCase();
 
 // The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent") that
 // prints "port N", answers "count" with its number of connections and stops at the end of its

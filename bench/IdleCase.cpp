@@ -97,6 +97,14 @@ public:
         for (Setup& setup : _setups) {
             const unsigned long idle = quick ? std::min(setup.idle, 100UL) : setup.idle;
             setup.opened = idle;
+            if (setup.kind == "velcat") {
+                // velcat's listener as a user starts it; it has no idle connections.
+                setup.server = std::make_unique<ChildProcess>(
+                        VELCAT_PATH, std::vector<std::string>{"-l", "-s", "127.0.0.1", "-e", "0"});
+                setup.client = std::make_unique<PlainClient>(readVelcatPort(*setup.server),
+                                                             kBodySize);
+                continue;
+            }
             setup.server =
                     std::make_unique<ChildProcess>(std::vector<std::string>{"--serve", setup.kind});
             const unsigned short port = readPort(*setup.server);
@@ -160,6 +168,17 @@ private:
         return static_cast<unsigned short>(std::stoul(line.substr(5)));
     }
 
+    // velcat says "velcat: listening on ADDRESS port N (...)" on its standard error.
+    static unsigned short readVelcatPort(ChildProcess& velcat) {
+        for (;;) {
+            const std::string line = velcat.readLine(kHelperSeconds);
+            const std::size_t at = line.find(" port ");
+            if (line.find("listening on") != std::string::npos && at != std::string::npos) {
+                return static_cast<unsigned short>(std::stoul(line.substr(at + 6)));
+            }
+        }
+    }
+
     const std::string _id;
     const std::string _title;
     std::vector<Setup> _setups;
@@ -190,6 +209,17 @@ std::unique_ptr<Case> MakeIdleCase10000() {
     setups.push_back(MakeSetup("epoll", 0, 0.9));
     setups.push_back(MakeSetup("libevent", 10000, 1.0));
     return std::make_unique<IdleCase>("idle10000", "1 active + 10000 idle conn",
+                                      std::move(setups));
+}
+
+// velcat's listener (epoll, OXLv1 echo) against the same server of this program and libevent,
+// each in a process of its own: information, no target.
+std::unique_ptr<Case> MakeVelcatCase() {
+    std::vector<Setup> setups;
+    setups.push_back({"velcat", 0, "velcat -l -e", 0.0, {}, {}, {}, 0, 0, 0});
+    setups.push_back(MakeSetup("epoll", 0, 0.0));
+    setups.push_back(MakeSetup("libevent", 0, 0.0));
+    return std::make_unique<IdleCase>("velcat", "velcat listener, 1 conn, 64 B",
                                       std::move(setups));
 }
 

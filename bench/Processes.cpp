@@ -20,6 +20,16 @@ extern char** environ;
 namespace velbench {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
+    spawn("/proc/self/exe", arguments, STDOUT_FILENO);
+}
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments)
+    : _terminate(true) {
+    spawn(program, arguments, STDERR_FILENO);
+}
+
+void ChildProcess::spawn(const std::string& program, const std::vector<std::string>& arguments,
+                         int readFrom) {
     int toChild[2];
     int fromChild[2];
     if (::pipe2(toChild, O_CLOEXEC) != 0) {
@@ -33,8 +43,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     // dup2 leaves the copies open across exec; every other descriptor of this process is
     // close-on-exec or closed by the helper's exec.
     (void)posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);
-    (void)posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
-    std::vector<std::string> all{"/proc/self/exe"};
+    (void)posix_spawn_file_actions_adddup2(&actions, fromChild[1], readFrom);
+    std::vector<std::string> all{program};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& argument : all) {
@@ -42,7 +52,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     }
     argv.push_back(nullptr);
     const int spawned =
-            posix_spawn(&_pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+            posix_spawn(&_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     (void)posix_spawn_file_actions_destroy(&actions);
     (void)::close(toChild[0]);
     (void)::close(fromChild[1]);
@@ -51,7 +61,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     if (spawned != 0) {
         errno = spawned;
         _pid = -1;
-        Fail("posix_spawn");
+        Fail("posix_spawn " + program);
     }
 }
 
@@ -60,6 +70,9 @@ ChildProcess::~ChildProcess() {
         (void)::close(_input);  // end of input: the helper stops and exits
     }
     if (_pid > 0) {
+        if (_terminate) {
+            (void)::kill(_pid, SIGTERM);
+        }
         int status = 0;
         while (::waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
         }

@@ -18,6 +18,9 @@ class ChildProcess {
 public:
     // Throws BenchError when the program cannot be started.
     explicit ChildProcess(const std::vector<std::string>& arguments);
+    // Another program, `program`, whose standard error is read instead of its output and which
+    // is asked to end with SIGTERM (a server that does not read its input).
+    ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -30,9 +33,13 @@ public:
     std::string readLine(double seconds);
 
 private:
+    void spawn(const std::string& program, const std::vector<std::string>& arguments,
+               int readFrom);
+
     pid_t _pid = -1;
+    bool _terminate = false;  // SIGTERM before the wait
     int _input = -1;   // the child's standard input
-    int _output = -1;  // the child's standard output
+    int _output = -1;  // the child's standard output (or error)
     std::string _buffered;
 };
 

@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakeTimerCase());
     cases.push_back(velbench::MakeIdleCase2000());
     cases.push_back(velbench::MakeIdleCase10000());
+    cases.push_back(velbench::MakeVelcatCase());
 
     velbench::Options options;
     bool repsGiven = false;
