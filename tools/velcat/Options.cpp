@@ -64,7 +64,7 @@ const char kUsage[] =
         "one\n"
         "                     connection (multi-connection mode; oxl1, oxl2, holm without -S)\n"
         "      --failover     with --pipe: one connection at a time, failing over between the\n"
-        "                     endpoints (also oxl5)\n"
+        "                     endpoints (also oxl5, tn3270 and holm with -S)\n"
         "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
         "                     listener's, or the pipe's\n"
         "  -h, --help         print this help\n"
@@ -211,10 +211,10 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "--pipe is for client mode";
     } else if (options.failover && options.pipe.empty()) {
         error = "--failover needs --pipe";
-    } else if (!options.pipe.empty() && options.protocol == Protocol::kTN3270) {
-        error = "tn3270 does not run over a pipe";
-    } else if (!options.pipe.empty() && options.protocol == Protocol::kOXLv5 && !options.failover) {
-        error = "oxl5 runs over a pipe with --failover only";
+    } else if (!options.pipe.empty() && !options.failover &&
+               (options.protocol == Protocol::kOXLv5 || options.protocol == Protocol::kTN3270)) {
+        // Their frames are read in more than one receive, which must find one connection.
+        error = "oxl5 and tn3270 run over a pipe with --failover only";
     } else if (!options.pipe.empty() && options.secure && !options.failover) {
         error = "a secure session over a pipe needs --failover (one server at a time)";
     } else {
