@@ -35,7 +35,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <unordered_map>
 
 #include <boost/shared_ptr.hpp>
 
@@ -162,7 +162,7 @@ protected:
 
     std::atomic<bool> _stop{true};  // false while the timer thread should keep running
     basis::ThreadID_t _threadId;    // the timer thread, stored by activate
-    std::map<std::uint32_t, VEL_TimerHandler*> _registry VEL_GUARDED_BY(_registryLock);
+    std::unordered_map<std::uint32_t, VEL_TimerHandler*> _registry VEL_GUARDED_BY(_registryLock);
     basis::RWThreadMutex _registryLock;  // guards _registry and, in the wheel, its turning
     basis::ObjectMgr<VEL_TimerHandler> _handlerPool;
 

@@ -274,9 +274,7 @@ unsigned long VEL_TimerManager::startTimer(
     const unsigned long id = handler->getID();
     try {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
-        // Fresh identifiers mostly come in increasing order: with the end as a hint, the newest
-        // is entered in constant time instead of after a walk down from the root.
-        _registry.insert_or_assign(_registry.end(), static_cast<std::uint32_t>(id), handler);
+        _registry.insert_or_assign(static_cast<std::uint32_t>(id), handler);
     } catch (const std::bad_alloc&) {
         handler->unlock();
         return 0;
@@ -345,7 +343,7 @@ void VEL_TimerManager::sleepFor(const basis::TimeValue& span) {
 }
 
 void VEL_TimerManager::releaseAll() {
-    std::map<std::uint32_t, VEL_TimerHandler*> registry;
+    std::unordered_map<std::uint32_t, VEL_TimerHandler*> registry;
     {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
         registry.swap(_registry);
