@@ -187,7 +187,6 @@ TEST_F(TCPSocketTest, RecvAfterThePeerClosedReportsHalfClosedWithoutSystemError)
 }
 
 TEST_F(TCPSocketTest, CloseWithLingerResetsTheConnection) {
-    // Without linger the peer sees an orderly end; with linger on it sees a reset.
     for (const bool linger : {false, true}) {
         VEL_SockOptions options;
         options.setLinger(linger);
@@ -200,7 +199,7 @@ TEST_F(TCPSocketTest, CloseWithLingerResetsTheConnection) {
     }
 }
 
-TEST_F(TCPSocketTest, ReceiveTimeOutTracesTheCountsAndDumpsWhatArrived) {
+TEST_F(TCPSocketTest, ReceiveTimeOutTracesTheCountsAndGivesBackTheElementBeingFilled) {
     veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
     veltest::ScopedSink installed(&sink);
     VEL_SockOptions options;
@@ -224,16 +223,7 @@ TEST_F(TCPSocketTest, ReceiveTimeOutTracesTheCountsAndDumpsWhatArrived) {
                               ">; 10 bytes expected, 4 received."));
     EXPECT_TRUE(sink.contains("COM - Timeout error {" + err + "} ; Received data : "));
     EXPECT_TRUE(sink.contains("MSGDUMP - Dumping buffer number 0, containing 4 bytes"));
-}
 
-TEST_F(TCPSocketTest, ReadvTimeOutRestoresTheElementBeingFilled) {
-    veltest::RecordingSink sink(kVELTrace_ComError);
-    veltest::ScopedSink installed(&sink);
-    VEL_SockOptions options;
-    options.setNonBlock(true);
-    options.setRecvTimeOut(1);
-    veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
-    ASSERT_TRUE(link.socket);
     std::string in(15, '.');
     std::vector<VELIoVec> elements = cut(in, {4, 6, 5});
     const std::vector<VELIoVec> original = elements;
@@ -265,7 +255,6 @@ TEST_F(TCPSocketTest, SendWaitsForRoomAtMostTheSendTimeOut) {
 }
 
 TEST_F(TCPSocketTest, SendAvailReportsNothingSentWhenTheBufferIsFull) {
-    // Once with a non-blocking descriptor, once with a native time-out of 1 ms.
     for (int round = 0; round < 2; ++round) {
         VEL_SockOptions options;
         if (round == 1) {
@@ -359,38 +348,31 @@ TEST_F(TCPSocketTest, WritevAvailAdvancesTheCallersArrayAndKeepsDataOnWouldBlock
     EXPECT_TRUE(received == out);
 }
 
-TEST_F(TCPSocketTest, WritevAvailTimeOutDropsTheRest) {
-    VEL_SockOptions options;
-    options.setNonBlock(true);
-    options.setSendTimeOut(0);
-    veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
-    ASSERT_TRUE(link.socket);
-    ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
-    std::string out = "0123456789";
-    std::vector<VELIoVec> elements = cut(out, {4, 6});
-    VELIoVec* v = elements.data();
-    unsigned long n = 2;
-    EXPECT_EQ(link.socket->writevAvail(v, n), kVELErr_Incomplete);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(v, elements.data());
-    EXPECT_EQ(elements[0].iov_len, 0u);
-    EXPECT_EQ(basis::Thread::GetLastSystemErr(), EAGAIN);
-}
-
-TEST_F(TCPSocketTest, WritevAvailWouldBlockKeepsTheArray) {
-    veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer();
-    ASSERT_TRUE(link.socket);
-    ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
-    setDescriptorNonBlocking(veltest::Fd(*link.socket), true);
-    std::string out = "0123456789";
-    std::vector<VELIoVec> elements = cut(out, {4, 6});
-    VELIoVec* v = elements.data();
-    unsigned long n = 2;
-    EXPECT_EQ(link.socket->writevAvail(v, n), kVELErr_Incomplete);
-    EXPECT_EQ(n, 2u);
-    EXPECT_EQ(v, elements.data());
-    EXPECT_EQ(elements[0].iov_len, 4u);
-    EXPECT_EQ(elements[0].iov_base, &out[0]);
+TEST_F(TCPSocketTest, WritevAvailOnAFullBufferDropsTheRestOnTimeOutAndKeepsItOnWouldBlock) {
+    for (const bool timeOut : {true, false}) {
+        SCOPED_TRACE(timeOut ? "native time-out" : "non-blocking descriptor");
+        VEL_SockOptions options;
+        if (timeOut) {
+            options.setNonBlock(true);
+            options.setSendTimeOut(0);
+        }
+        veltest::SocketWithPeer link = veltest::MakeSocketWithRawPeer(options);
+        ASSERT_TRUE(link.socket);
+        ASSERT_GT(fillConnection(veltest::Fd(*link.socket)), 0u);
+        if (!timeOut) {
+            setDescriptorNonBlocking(veltest::Fd(*link.socket), true);
+        }
+        std::string out = "0123456789";
+        std::vector<VELIoVec> elements = cut(out, {4, 6});
+        VELIoVec* v = elements.data();
+        unsigned long n = 2;
+        EXPECT_EQ(link.socket->writevAvail(v, n), kVELErr_Incomplete);
+        EXPECT_EQ(v, elements.data());
+        EXPECT_EQ(n, timeOut ? 0u : 2u);
+        EXPECT_EQ(elements[0].iov_len, timeOut ? 0u : 4u);
+        EXPECT_EQ(elements[0].iov_base, &out[0]);
+        EXPECT_EQ(basis::Thread::GetLastSystemErr(), EAGAIN);
+    }
 }
 
 TEST_F(TCPSocketTest, ReadvAvailFillsWhatIsWaitingAndAdvancesTheArray) {
@@ -423,8 +405,7 @@ TEST_F(TCPSocketTest, ReadvAvailFillsWhatIsWaitingAndAdvancesTheArray) {
 }
 
 TEST_F(TCPSocketTest, CloseFromAnotherThreadReleasesABlockedRecv) {
-    // The close must come while the receiver is blocked inside recv; a receiver that had not
-    // got there yet finds the socket closed instead, and the round is repeated.
+    // A receiver that had not got into recv yet finds the socket closed: repeat the round.
     bool released = false;
     for (int round = 0; round < 5 && !released; ++round) {
         veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair();
