@@ -17,21 +17,10 @@ TEST(StaticInitTest, FurtherInstancesOnlyMoveTheCounter) {
         EXPECT_EQ(VEL_StaticInit::GetCount(), modules + 1);
     }
     EXPECT_EQ(VEL_StaticInit::GetCount(), modules);
-    // The shared state survived: tracing still goes through the serialiser.
     veltest::RecordingSink sink(0xFFFF);
     veltest::ScopedSink installed(&sink);
     VEL_Tools::Trace("f", 1, 0, "still alive");
     EXPECT_TRUE(sink.contains("still alive"));
-}
-
-TEST(ComToolsTest, DescriptorLimitsAreFixed) {
-    unsigned long limit = 0;
-    unsigned long maxLimit = 0;
-    EXPECT_EQ(VEL_ComTools::SetFileDescLimit(10), kVELErr_Ok);
-    EXPECT_EQ(VEL_ComTools::GetFileDescLimit(&limit), kVELErr_Ok);
-    EXPECT_EQ(VEL_ComTools::GetFileDescMaxLimit(&maxLimit), kVELErr_Ok);
-    EXPECT_EQ(limit, 2048u);
-    EXPECT_EQ(maxLimit, 2048u);
 }
 
 TEST(ComToolsTest, EnablerTracesStartAndEndOnlyWithTheNetworkBit) {

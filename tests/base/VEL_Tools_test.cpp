@@ -2,11 +2,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -128,47 +125,29 @@ TEST(TraceTest, SinkExceptionPropagatesAndReleasesTheSerialiser) {
     EXPECT_TRUE(sink.contains("after"));
 }
 
-// A sink whose output blocks until released, to hold the serialiser.
+// A sink whose output of "slow" blocks at a gate, to hold the serialiser.
 class BlockingSink : public RecordingSink {
 public:
     BlockingSink() : RecordingSink(0xFFFF) {}
     void output(const char* file, unsigned long line, unsigned short level,
                 const char* text) override {
-        std::unique_lock<std::mutex> hold(_gate);
         if (std::string(text) == "slow") {
-            _entered = true;
-            _changed.notify_all();
-            _changed.wait_for(hold, std::chrono::seconds(10), [this] { return _open; });
+            gate.pass();
         }
-        hold.unlock();
         RecordingSink::output(file, line, level, text);
     }
-    void waitEntered() {
-        std::unique_lock<std::mutex> hold(_gate);
-        _changed.wait_for(hold, std::chrono::seconds(10), [this] { return _entered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> hold(_gate);
-        _open = true;
-        _changed.notify_all();
-    }
-
-private:
-    std::mutex _gate;
-    std::condition_variable _changed;
-    bool _entered = false;
-    bool _open = false;
+    veltest::Gate gate;
 };
 
 TEST(TraceTest, SecondThreadGivesUpAfterTwoSecondsWhileTheSinkIsBusy) {
     BlockingSink sink;
     ScopedSink installed(&sink);
     std::thread slow([] { VEL_Tools::Trace("f", 1, 0, "slow"); });
-    sink.waitEntered();
+    EXPECT_TRUE(sink.gate.waitEntered(std::chrono::seconds(10)));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(VEL_Tools::Trace("f", 2, 0, "dropped"), kVELErr_Ok);
     const auto waited = std::chrono::steady_clock::now() - start;
-    sink.open();
+    sink.gate.open();
     slow.join();
     EXPECT_GE(waited, std::chrono::milliseconds(1900));
     EXPECT_LT(waited, std::chrono::seconds(8));
@@ -210,38 +189,34 @@ TEST_F(MemDumpTest, SeventeenBytesGiveAFullRowAndAPaddedOne) {
                                 std::string(8, ' ') + " Z");
 }
 
-TEST_F(MemDumpTest, ColumnsLineUpUnderTheHeader) {
-    const char data[16] = {};
-    const auto lines = dump(data, 16, 0xFFFFFFFF, 0xFFFFFFFF);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[2].size(), std::string("MSGDUMP - ").size() + 10 + 36 + 16);
-    EXPECT_EQ(lines[2].substr(lines[2].size() - 16), std::string(16, '.'));
-}
-
-TEST_F(MemDumpTest, MaximumWithoutOffsetShowsTheLastBytes) {
+TEST_F(MemDumpTest, MaximumAndOffsetChooseTheBytesShown) {
     const char data[] = "0123456789";
-    const auto lines = dump(data, 10, 4, 0xFFFFFFFF);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "MSGDUMP - Dumping buffer number 5, containing 4 bytes");
-    EXPECT_EQ(lines[2].substr(lines[2].size() - 4), "6789");
-    EXPECT_EQ(lines[2].substr(10, 8), address(data + 6));
-}
-
-TEST_F(MemDumpTest, OffsetAndMaximumShowTheBytesAfterTheOffset) {
-    const char data[] = "0123456789";
-    const auto lines = dump(data, 10, 4, 2);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[2].substr(lines[2].size() - 4), "2345");
-    EXPECT_EQ(lines[2].substr(10, 8), address(data + 2));
-}
-
-TEST_F(MemDumpTest, EmptyBufferAndOffsetBeyondTheBufferDumpNothing) {
-    const std::vector<std::string> expected = {
-            "MSGDUMP - Dumping buffer number 5, containing 0 bytes", kHeader,
-            "MSGDUMP - Buffer size is 0."};
-    EXPECT_EQ(dump("", 0, 0xFFFFFFFF, 0xFFFFFFFF), expected);
-    EXPECT_EQ(dump("abc", 3, 0xFFFFFFFF, 3), expected);
-    EXPECT_EQ(dump("abc", 3, static_cast<unsigned long>(-1), 99), expected);
+    const struct {
+        unsigned int size;
+        unsigned long maxSize, offset;
+        const char* shown;  // nullptr: nothing is dumped
+        std::size_t from;
+    } cases[] = {
+            {10, 4, 0xFFFFFFFF, "6789", 6},  // a maximum alone shows the last bytes
+            {10, 4, 2, "2345", 2},
+            {0, 0xFFFFFFFF, 0xFFFFFFFF, nullptr, 0},
+            {3, 0xFFFFFFFF, 3, nullptr, 0},  // offset at the end, and past it
+            {3, static_cast<unsigned long>(-1), 99, nullptr, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.size << " " << c.maxSize << " " << c.offset);
+        const auto lines = dump(data, c.size, c.maxSize, c.offset);
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_EQ(lines[1], kHeader);
+        if (c.shown == nullptr) {
+            EXPECT_EQ(lines[0], "MSGDUMP - Dumping buffer number 5, containing 0 bytes");
+            EXPECT_EQ(lines[2], "MSGDUMP - Buffer size is 0.");
+            continue;
+        }
+        EXPECT_EQ(lines[0], "MSGDUMP - Dumping buffer number 5, containing 4 bytes");
+        EXPECT_EQ(lines[2].substr(lines[2].size() - 4), c.shown);
+        EXPECT_EQ(lines[2].substr(10, 8), address(data + c.from));
+    }
 }
 
 TEST_F(MemDumpTest, DumpNeedsTheMessageDumpBitAndVectorsAreNumbered) {

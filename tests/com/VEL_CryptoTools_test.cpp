@@ -52,43 +52,28 @@ char* scheduleFor(const char* key) {
     return schedule;
 }
 
-TEST(CryptoToolsTest, EncryptMatchesCast128CbcWithTheMaskedKeyAndTheVector) {
+TEST(CryptoToolsTest, EncryptMatchesCast128CbcWithTheMaskedKeyAndDecryptGivesThePaddedPlain) {
     char* schedule = scheduleFor(kKey);
-    for (std::size_t length : {1u, 7u, 8u, 9u, 16u, 1000u}) {
+    for (std::size_t length : {0u, 1u, 7u, 8u, 9u, 16u, 1000u}) {
         std::string plain(length, '\0');
         for (std::size_t i = 0; i < length; ++i) {
             plain[i] = static_cast<char>('A' + i % 23);
         }
         char* out = nullptr;
-        unsigned long outLength = 0;
+        unsigned long outLength = 99;
         VEL_CryptoTools::Encrypt(plain.data(), out, length, outLength, schedule);
         const std::vector<unsigned char> expected = referenceEncrypt(plain);
         ASSERT_EQ(outLength, expected.size()) << length;
-        EXPECT_EQ(std::memcmp(out, expected.data(), outLength), 0) << length;
+        if (outLength > 0) {
+            EXPECT_EQ(std::memcmp(out, expected.data(), outLength), 0) << length;
+            char* back = nullptr;
+            VEL_CryptoTools::Decrypt(out, back, outLength, schedule);
+            plain.resize(outLength, '\0');
+            EXPECT_EQ(std::memcmp(back, plain.data(), outLength), 0) << length;
+            std::free(back);
+        }
         std::free(out);
     }
-    std::free(schedule);
-}
-
-TEST(CryptoToolsTest, RoundTripRoundsUpAndZeroPads) {
-    char* schedule = scheduleFor(kKey);
-    char* cipher = nullptr;
-    unsigned long outLength = 99;
-    VEL_CryptoTools::Encrypt("", cipher, 0, outLength, schedule);
-    EXPECT_EQ(outLength, 0u);
-    std::free(cipher);
-    cipher = nullptr;
-    VEL_CryptoTools::Encrypt("ninebytes", cipher, 9, outLength, schedule);
-    ASSERT_EQ(outLength, 16u);
-    char* plain = nullptr;
-    VEL_CryptoTools::Decrypt(cipher, plain, outLength, schedule);
-    EXPECT_EQ(std::memcmp(plain, "ninebytes\0\0\0\0\0\0\0", 16), 0);
-    char* again = nullptr;
-    VEL_CryptoTools::Encrypt("ninebytes", again, 9, outLength, schedule);
-    EXPECT_EQ(std::memcmp(again, cipher, 16), 0);  // fixed vector: same plaintext, same bytes
-    std::free(again);
-    std::free(plain);
-    std::free(cipher);
     std::free(schedule);
 }
 

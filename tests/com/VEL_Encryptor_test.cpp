@@ -1,7 +1,6 @@
 #include "VEL_Encryptor.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -52,11 +51,6 @@ protected:
     VEL_Encryptor* _encryptor = VEL_Encryptor::Instance();
     std::vector<unsigned long> _opened;
 };
-
-TEST_F(EncryptorTest, FirstSessionOfAProcessIsOne) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process, nothing opened yet
-    EXPECT_EXIT(std::exit(open() == 1 ? 0 : 1), ::testing::ExitedWithCode(0), "");
-}
 
 TEST_F(EncryptorTest, IDsWrapBelowTwoToTheTwentyFourSkippingOpenSessions) {
     EncryptorProbe::SetLastSessionID(0);

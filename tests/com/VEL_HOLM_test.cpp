@@ -251,13 +251,7 @@ TEST_F(HOLMTest, BadHeadersAreRefusedBeforeAnythingElseIsRead) {
     EXPECT_EQ(message.size(), 100000u);
 }
 
-class HOLMLoopbackTest : public veltest::SocketLeakTest {};
-
-TEST_F(HOLMLoopbackTest, SecureAndCompressedRoundTripsInBothDirections) {
-    veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair();
-    ASSERT_TRUE(pair.client && pair.server);
-    VEL_HOLM client(pair.client.get(), 1 << 20);
-    VEL_HOLM server(pair.server.get(), 1 << 20);
+TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
     const struct {
         bool secure, compressed;
         std::size_t sizes[3];
@@ -270,35 +264,21 @@ TEST_F(HOLMLoopbackTest, SecureAndCompressedRoundTripsInBothDirections) {
     unsigned int seed = 0;
     for (const auto& mode : modes) {
         if (mode.secure) {
-            ASSERT_EQ(client.openSecureSession(), kVELErr_Ok);
+            ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
         }
-        client.setCompression(mode.compressed);
+        _a.setCompression(mode.compressed);
         for (std::size_t size : mode.sizes) {
             std::string body = veltest::Pattern(size, ++seed);
-            if (mode.compressed) {
-                for (std::size_t i = 0; i < size; ++i) {
-                    body[i] = static_cast<char>('a' + (i / 5 + seed) % 7);
-                }
+            for (std::size_t i = 0; mode.compressed && i < size; ++i) {
+                body[i] = static_cast<char>('a' + (i / 5 + seed) % 7);
             }
-            // Each side answers with what it received, with the settings its peer's header set.
-            VEL_Transport* sides[] = {&client, &server, &client};
-            for (int hop = 0; hop < 2; ++hop) {
-                VEL_Message message;
-                ASSERT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
-                ASSERT_EQ(message.setRSCV("rscv", 4), kVELErr_Ok);
-                ASSERT_EQ(message.setSSCV(const_cast<char*>("s"), 1), kVELErr_Ok);
-                ASSERT_EQ(sides[hop]->sendMessage(&message), kVELErr_Ok) << size;
-                VEL_Message received;
-                ASSERT_EQ(sides[hop + 1]->recvMessage(&received), kVELErr_Ok) << size;
-                EXPECT_EQ(Body(received), body) << size << " hop " << hop;
-                EXPECT_EQ(veltest::RSCV(received), "rscv");
-                EXPECT_EQ(sscvOf(received), "s");
-            }
-            EXPECT_EQ(server.isSecureSession(), mode.secure);
-            EXPECT_EQ(server.getCompression(), mode.compressed);
+            toB(body);  // B answers with the settings A's header gave it
+            toA(body);
+            EXPECT_EQ(_b.isSecureSession(), mode.secure) << size;
+            EXPECT_EQ(_b.getCompression(), mode.compressed) << size;
         }
         if (mode.secure) {
-            ASSERT_EQ(client.closeSecureSession(), kVELErr_Ok);
+            ASSERT_EQ(_a.closeSecureSession(), kVELErr_Ok);
         }
     }
 }

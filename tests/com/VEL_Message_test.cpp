@@ -6,26 +6,22 @@
 #include <gtest/gtest.h>
 
 #include "BufferMgr.h"
+#include "MemorySocket.h"
 #include "TestSupport.h"
 #include "VEL_Tools.h"
 
 namespace {
 
-// Every test gives back every buffer it took.
-class MessageTest : public ::testing::Test {
-protected:
-    void SetUp() override { _outstanding = basis::BufferMgr::Default()->getOutstanding(); }
-    void TearDown() override {
-        EXPECT_EQ(basis::BufferMgr::Default()->getOutstanding(), _outstanding);
-    }
+class MessageTest : public veltest::BufferLeakTest {};
 
-private:
-    unsigned long _outstanding = 0;
-};
-
-TEST_F(MessageTest, SetDataCopiesAndZeroLengthDropsTheBody) {
-    VEL_Message message;
-    EXPECT_EQ(message.data(), nullptr);
+TEST_F(MessageTest, SetDataCopiesAllocateResizesKeepingTheContentsAndZeroDropsTheBody) {
+    VEL_Message message(3);
+    std::memcpy(message.data(), "abc", 3);
+    ASSERT_EQ(message.allocate(50000), kVELErr_Ok);
+    EXPECT_EQ(message.size(), 50000u);
+    EXPECT_EQ(std::memcmp(message.data(), "abc", 3), 0);
+    ASSERT_EQ(message.allocate(2), kVELErr_Ok);
+    EXPECT_EQ(std::memcmp(message.data(), "ab", 2), 0);
     ASSERT_EQ(message.setData("hello", 5), kVELErr_Ok);
     ASSERT_EQ(message.size(), 5u);
     EXPECT_EQ(std::memcmp(message.data(), "hello", 5), 0);
@@ -33,17 +29,6 @@ TEST_F(MessageTest, SetDataCopiesAndZeroLengthDropsTheBody) {
     EXPECT_EQ(message.data(), nullptr);
     EXPECT_EQ(message.size(), 0u);
     EXPECT_EQ(message.buffer(), nullptr);
-}
-
-TEST_F(MessageTest, AllocateResizesInPlaceKeepingTheContents) {
-    VEL_Message message(3);
-    ASSERT_EQ(message.size(), 3u);
-    std::memcpy(message.data(), "abc", 3);
-    ASSERT_EQ(message.allocate(50000), kVELErr_Ok);
-    EXPECT_EQ(message.size(), 50000u);
-    EXPECT_EQ(std::memcmp(message.data(), "abc", 3), 0);
-    ASSERT_EQ(message.allocate(2), kVELErr_Ok);
-    EXPECT_EQ(std::memcmp(message.data(), "ab", 2), 0);
 }
 
 TEST_F(MessageTest, SideBuffersAreOptionalAndReportTheirSizeModulo256) {

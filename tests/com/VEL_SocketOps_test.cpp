@@ -1,17 +1,14 @@
 #include "VEL_SocketOps.h"
 
 #include <limits.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "SocketSupport.h"
+#include "VELIoVec.h"
 
 namespace {
 
@@ -110,88 +107,67 @@ TEST(SocketOpsTest, ConnectAndAcceptErrorsMap) {
     }
 }
 
-class AdvanceTest : public ::testing::Test {
-protected:
-    // Elements over one buffer, with the given lengths.
-    void build(const std::vector<std::uint32_t>& lengths) {
-        _data.assign(64, 'x');
-        _elements.clear();
+TEST(AdvanceTest, SkipsWholeElementsAndAdvancesThePartlyMovedOneInPlace) {
+    struct Step {
+        std::size_t moved, index;  // bytes moved; element `v` points at afterwards
+        std::uint32_t len;         // its length then, and how far its base moved
+        std::size_t offset;
+    };
+    const struct {
+        std::vector<std::uint32_t> lengths;
+        std::vector<Step> steps;
+    } cases[] = {
+            {{3, 0, 5}, {{4, 2, 4, 1}, {4, 3, 0, 0}}},
+            {{3, 0, 5}, {{2, 0, 1, 2}, {1, 2, 5, 0}, {5, 3, 0, 0}}},  // exactly the rest
+            {{0, 0, 2, 0}, {{0, 2, 2, 0}, {2, 4, 0, 0}}},  // 0 skips leading empty elements only
+    };
+    for (const auto& c : cases) {
+        std::string data(64, 'x');
+        std::vector<VELIoVec> elements;
         std::size_t at = 0;
-        for (std::uint32_t length : lengths) {
-            _elements.push_back(VELIoVec{&_data[at], length});
+        for (std::uint32_t length : c.lengths) {
+            elements.push_back(VELIoVec{&data[at], length});
             at += length;
         }
-        _original = _elements;
+        const std::vector<VELIoVec> original = elements;
+        VELIoVec* v = elements.data();
+        unsigned long n = elements.size();
+        for (std::size_t s = 0; s < c.steps.size(); ++s) {
+            const Step& step = c.steps[s];
+            SCOPED_TRACE(::testing::Message()
+                         << "case " << c.lengths.size() << '/' << c.lengths[0] << ", step " << s);
+            velcom::advance(v, n, step.moved);
+            ASSERT_EQ(v, elements.data() + step.index);
+            EXPECT_EQ(n, elements.size() - step.index);
+            if (step.index < elements.size()) {
+                EXPECT_EQ(v->iov_len, step.len);
+                EXPECT_EQ(v->iov_base, original[step.index].iov_base + step.offset);
+            }
+            for (std::size_t i = 0; s == 0 && i < step.index; ++i) {  // skipped: left as they were
+                EXPECT_EQ(elements[i].iov_len, original[i].iov_len);
+                EXPECT_EQ(elements[i].iov_base, original[i].iov_base);
+            }
+        }
+        EXPECT_EQ(velcom::totalLength(original.data(), original.size()), at);
     }
-
-    std::string _data;
-    std::vector<VELIoVec> _elements;
-    std::vector<VELIoVec> _original;
-};
-
-TEST_F(AdvanceTest, PartialMoveSkipsWholeElementsAndAdvancesTheNextInPlace) {
-    build({3, 0, 5});
-    VELIoVec* v = _elements.data();
-    unsigned long n = 3;
-    velcom::advance(v, n, 4);
-    EXPECT_EQ(v, &_elements[2]);
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(_elements[2].iov_base, _original[2].iov_base + 1);
-    EXPECT_EQ(_elements[2].iov_len, 4u);
-    EXPECT_EQ(_elements[0].iov_len, 3u);  // skipped elements are left as they were
-    EXPECT_EQ(_elements[0].iov_base, _original[0].iov_base);
 }
 
-TEST_F(AdvanceTest, BoundariesOfAnElement) {
-    build({3, 0, 5});
-    VELIoVec* v = _elements.data();
-    unsigned long n = 3;
-    velcom::advance(v, n, 2);  // one byte short of the first element
-    EXPECT_EQ(v, &_elements[0]);
-    EXPECT_EQ(n, 3u);
-    EXPECT_EQ(_elements[0].iov_len, 1u);
-    EXPECT_EQ(_elements[0].iov_base, _original[0].iov_base + 2);
-    velcom::advance(v, n, 1);  // exactly the rest: the empty element goes too
-    EXPECT_EQ(v, &_elements[2]);
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(_elements[2].iov_len, 5u);
-    velcom::advance(v, n, 5);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(v, _elements.data() + 3);
-}
-
-TEST_F(AdvanceTest, ZeroSkipsOnlyLeadingEmptyElements) {
-    build({0, 0, 2, 0});
-    VELIoVec* v = _elements.data();
-    unsigned long n = 4;
-    velcom::advance(v, n, 0);
-    EXPECT_EQ(v, &_elements[2]);
-    EXPECT_EQ(n, 2u);
-    EXPECT_EQ(_elements[2].iov_len, 2u);
-    velcom::advance(v, n, 2);  // the trailing empty element is done as well
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(velcom::totalLength(_elements.data(), 4), 2u);
-}
-
-TEST_F(AdvanceTest, FillingKeepsTheUnfilledStateOfTheCurrentElement) {
-    // A receive that times out gives back the element it was filling: its state must be the one
-    // from before the first byte went into it, however many receives that took.
-    build({2, 4, 3});
-    VELIoVec* v = _elements.data();
+TEST(AdvanceTest, FillingKeepsTheUnfilledStateOfTheCurrentElement) {
+    std::string data(9, 'x');
+    VELIoVec elements[3] = {{&data[0], 2}, {&data[2], 4}, {&data[6], 3}};
+    VELIoVec* v = elements;
     unsigned long n = 3;
     VELIoVec startedAs = *v;
-    velcom::advanceFilling(v, n, 3, startedAs);  // element 0 done, element 1 got 1 byte
-    EXPECT_EQ(v, &_elements[1]);
-    EXPECT_EQ(startedAs.iov_base, _original[1].iov_base);
-    EXPECT_EQ(startedAs.iov_len, 4u);
-    velcom::advanceFilling(v, n, 2, startedAs);  // still element 1
-    EXPECT_EQ(_elements[1].iov_len, 1u);
-    EXPECT_EQ(startedAs.iov_base, _original[1].iov_base);
-    EXPECT_EQ(startedAs.iov_len, 4u);
-    velcom::advanceFilling(v, n, 1, startedAs);  // element 1 done exactly: element 2 untouched
-    EXPECT_EQ(v, &_elements[2]);
-    EXPECT_EQ(startedAs.iov_base, _original[2].iov_base);
-    EXPECT_EQ(startedAs.iov_len, 3u);
+    // Element 0 done and 1 byte into element 1; 2 more into element 1; element 1 done exactly.
+    const std::size_t moves[] = {3, 2, 1};
+    const std::size_t index[] = {1, 1, 2};
+    for (int i = 0; i < 3; ++i) {
+        velcom::advanceFilling(v, n, moves[i], startedAs);
+        EXPECT_EQ(v, &elements[index[i]]) << i;
+        EXPECT_EQ(startedAs.iov_base, &data[index[i] == 1 ? 2 : 6]) << i;
+        EXPECT_EQ(startedAs.iov_len, index[i] == 1 ? 4u : 3u) << i;
+    }
+    EXPECT_EQ(elements[2].iov_len, 3u);
 }
 
 TEST(IoVecArrayTest, StagesOnTheStackUpToTheInlineCountThenAllocatesUpToIovMax) {
@@ -215,36 +191,6 @@ TEST(IoVecArrayTest, StagesOnTheStackUpToTheInlineCountThenAllocatesUpToIovMax) 
             ASSERT_EQ(copied[i].iov_len, elements[i].iov_len);
         }
     }
-}
-
-class PollOneTest : public veltest::SocketLeakTest {};
-
-TEST_F(PollOneTest, TimesOutAfterItsLimitAndSeesInput) {
-    veltest::RawPair pair = veltest::MakeRawPair();
-    ASSERT_GE(pair.server.get(), 0);
-    short revents = 0;
-    int err = 0;
-    const basis::TimeValue limit(0, 200000);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(velcom::pollOne(pair.server.get(), POLLIN, &limit, &revents, &err), 0);
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(elapsed, std::chrono::milliseconds(190));
-    EXPECT_LT(elapsed, std::chrono::milliseconds(1200));
-
-    ASSERT_TRUE(veltest::WriteAll(pair.client.get(), "x"));
-    EXPECT_EQ(velcom::pollOne(pair.server.get(), POLLIN, nullptr, &revents, &err), 1);
-    EXPECT_NE(revents & POLLIN, 0);
-}
-
-TEST_F(PollOneTest, DescriptorThatIsNotOpenFailsWithBadDescriptor) {
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
-    close(pipeFds[0]);
-    close(pipeFds[1]);
-    short revents = 0;
-    int err = 0;
-    EXPECT_EQ(velcom::pollOne(pipeFds[0], POLLIN, &basis::TimeValue::kZero, &revents, &err), -1);
-    EXPECT_EQ(err, EBADF);
 }
 
 }  // namespace
