@@ -30,19 +30,16 @@ std::vector<std::string> ScriptedHandler::calls() const {
     return _calls;
 }
 
-int ScriptedHandler::countLocked(const std::string& name) const {
-    return static_cast<int>(std::count(_calls.begin(), _calls.end(), name));
-}
-
 int ScriptedHandler::count(const std::string& name) const {
     std::lock_guard<std::mutex> hold(_lock);
-    return countLocked(name);
+    return static_cast<int>(std::count(_calls.begin(), _calls.end(), name));
 }
 
 bool ScriptedHandler::waitFor(const std::string& name, int times,
                               std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> hold(_lock);
-    return _changed.wait_for(hold, limit, [&] { return countLocked(name) >= times; });
+    return _changed.wait_for(
+            hold, limit, [&] { return std::count(_calls.begin(), _calls.end(), name) >= times; });
 }
 
 FakeIOReactor::FakeIOReactor(unsigned long size, bool spin)

@@ -1,7 +1,5 @@
-// Reactor helpers shared by the test suites: a handler whose call-backs the test scripts and
-// records, a reactor whose back end lives in memory (it records the polling-set calls and reports
-// the readiness the test scripts), and the factories of the real back ends, over which the
-// reactor tests are parameterised.
+// Reactor helpers: a scripted, recording handler, a reactor over an in-memory back end, and the
+// factories of the real back ends, over which the reactor tests are parameterised.
 #ifndef TESTS_SUPPORT_REACTORSUPPORT_H
 #define TESTS_SUPPORT_REACTORSUPPORT_H
 
@@ -44,7 +42,6 @@ public:
 private:
     explicit ScriptedHandler(unsigned int handle) : VEL_EventHandler(handle) {}
     bool call(const char* name, const std::function<bool()>& hook);
-    int countLocked(const std::string& name) const;
 
     mutable std::mutex _lock;
     mutable std::condition_variable _changed;
