@@ -12,10 +12,6 @@
 
 namespace veltest {
 
-boost::shared_ptr<ScriptedHandler> ScriptedHandler::Make(unsigned int handle) {
-    return boost::shared_ptr<ScriptedHandler>(new ScriptedHandler(handle));
-}
-
 bool ScriptedHandler::call(const char* name, const std::function<bool()>& hook) {
     {
         std::lock_guard<std::mutex> hold(_lock);
@@ -87,22 +83,6 @@ VELErr_t FakeIOReactor::waitForEvents(const basis::TimeValue* timeout) {
         ready.swap(_script);
     }
     return reportReady(ready.data(), ready.size());
-}
-
-VELErr_t FakeIOReactor::addHandle(unsigned int handle, unsigned short ops) {
-    return record("add " + std::to_string(handle) + " " + std::to_string(ops));
-}
-
-VELErr_t FakeIOReactor::removeHandle(unsigned int handle) {
-    return record("remove " + std::to_string(handle));
-}
-
-VELErr_t FakeIOReactor::changeHandleOps(unsigned int handle, unsigned short ops) {
-    return record("change " + std::to_string(handle) + " " + std::to_string(ops));
-}
-
-VELErr_t FakeIOReactor::doSetSize() {
-    return record("resize");
 }
 
 VELErr_t FakeIOReactor::wakeUp() {

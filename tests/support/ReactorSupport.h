@@ -24,7 +24,9 @@ namespace veltest {
 // (true without hook). Set the hooks before the handler is registered.
 class ScriptedHandler : public VEL_EventHandler {
 public:
-    static boost::shared_ptr<ScriptedHandler> Make(unsigned int handle);
+    static boost::shared_ptr<ScriptedHandler> Make(unsigned int handle) {
+        return boost::shared_ptr<ScriptedHandler>(new ScriptedHandler(handle));
+    }
 
     bool handleInput() override { return call("in", onInput); }
     bool handleOutput(void* arg) override { return call(arg ? "out(arg)" : "out", onOutput); }
@@ -64,10 +66,16 @@ public:
 
 protected:
     VELErr_t waitForEvents(const basis::TimeValue* timeout) override;
-    VELErr_t addHandle(unsigned int handle, unsigned short ops) override;
-    VELErr_t removeHandle(unsigned int handle) override;
-    VELErr_t changeHandleOps(unsigned int handle, unsigned short ops) override;
-    VELErr_t doSetSize() override;
+    VELErr_t addHandle(unsigned int handle, unsigned short ops) override {
+        return record("add " + std::to_string(handle) + " " + std::to_string(ops));
+    }
+    VELErr_t removeHandle(unsigned int handle) override {
+        return record("remove " + std::to_string(handle));
+    }
+    VELErr_t changeHandleOps(unsigned int handle, unsigned short ops) override {
+        return record("change " + std::to_string(handle) + " " + std::to_string(ops));
+    }
+    VELErr_t doSetSize() override { return record("resize"); }
     VELErr_t wakeUp() override;
 
 private:

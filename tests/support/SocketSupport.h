@@ -23,9 +23,12 @@ namespace veltest {
 class RawFd {
 public:
     explicit RawFd(int fd = -1) : _fd(fd) {}
-    ~RawFd();
+    ~RawFd() { reset(); }
     RawFd(RawFd&& other) noexcept : _fd(other.release()) {}
-    RawFd& operator=(RawFd&& other) noexcept;
+    RawFd& operator=(RawFd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
     RawFd(const RawFd&) = delete;
     RawFd& operator=(const RawFd&) = delete;
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "VEL_Tools.h"
 #include "VEL_TraceHandler.h"
 
 // UBSan (run with ASan) opens a pipe to check a vtable it meets for the first time, so tests that
@@ -90,8 +91,8 @@ private:
 // Installs a sink for one scope and removes it afterwards.
 class ScopedSink {
 public:
-    explicit ScopedSink(VEL_TraceHandler* sink);
-    ~ScopedSink();
+    explicit ScopedSink(VEL_TraceHandler* sink) { VEL_Tools::SetTraceHandler(sink); }
+    ~ScopedSink() { VEL_Tools::SetTraceHandler(nullptr); }
     ScopedSink(const ScopedSink&) = delete;
     ScopedSink& operator=(const ScopedSink&) = delete;
 };
