@@ -12,10 +12,6 @@
 
 namespace veltest {
 
-boost::shared_ptr<ScriptedHandler> ScriptedHandler::Make(unsigned int handle) {
-    return boost::shared_ptr<ScriptedHandler>(new ScriptedHandler(handle));
-}
-
 bool ScriptedHandler::call(const char* name, const std::function<bool()>& hook) {
     {
         std::lock_guard<std::mutex> hold(_lock);
@@ -30,19 +26,16 @@ std::vector<std::string> ScriptedHandler::calls() const {
     return _calls;
 }
 
-int ScriptedHandler::countLocked(const std::string& name) const {
-    return static_cast<int>(std::count(_calls.begin(), _calls.end(), name));
-}
-
 int ScriptedHandler::count(const std::string& name) const {
     std::lock_guard<std::mutex> hold(_lock);
-    return countLocked(name);
+    return static_cast<int>(std::count(_calls.begin(), _calls.end(), name));
 }
 
 bool ScriptedHandler::waitFor(const std::string& name, int times,
                               std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> hold(_lock);
-    return _changed.wait_for(hold, limit, [&] { return countLocked(name) >= times; });
+    return _changed.wait_for(
+            hold, limit, [&] { return std::count(_calls.begin(), _calls.end(), name) >= times; });
 }
 
 FakeIOReactor::FakeIOReactor(unsigned long size, bool spin)
@@ -90,22 +83,6 @@ VELErr_t FakeIOReactor::waitForEvents(const basis::TimeValue* timeout) {
         ready.swap(_script);
     }
     return reportReady(ready.data(), ready.size());
-}
-
-VELErr_t FakeIOReactor::addHandle(unsigned int handle, unsigned short ops) {
-    return record("add " + std::to_string(handle) + " " + std::to_string(ops));
-}
-
-VELErr_t FakeIOReactor::removeHandle(unsigned int handle) {
-    return record("remove " + std::to_string(handle));
-}
-
-VELErr_t FakeIOReactor::changeHandleOps(unsigned int handle, unsigned short ops) {
-    return record("change " + std::to_string(handle) + " " + std::to_string(ops));
-}
-
-VELErr_t FakeIOReactor::doSetSize() {
-    return record("resize");
 }
 
 VELErr_t FakeIOReactor::wakeUp() {

@@ -1,7 +1,5 @@
-// Reactor helpers shared by the test suites: a handler whose call-backs the test scripts and
-// records, a reactor whose back end lives in memory (it records the polling-set calls and reports
-// the readiness the test scripts), and the factories of the real back ends, over which the
-// reactor tests are parameterised.
+// Reactor helpers: a scripted, recording handler, a reactor over an in-memory back end, and the
+// factories of the real back ends, over which the reactor tests are parameterised.
 #ifndef TESTS_SUPPORT_REACTORSUPPORT_H
 #define TESTS_SUPPORT_REACTORSUPPORT_H
 
@@ -26,7 +24,9 @@ namespace veltest {
 // (true without hook). Set the hooks before the handler is registered.
 class ScriptedHandler : public VEL_EventHandler {
 public:
-    static boost::shared_ptr<ScriptedHandler> Make(unsigned int handle);
+    static boost::shared_ptr<ScriptedHandler> Make(unsigned int handle) {
+        return boost::shared_ptr<ScriptedHandler>(new ScriptedHandler(handle));
+    }
 
     bool handleInput() override { return call("in", onInput); }
     bool handleOutput(void* arg) override { return call(arg ? "out(arg)" : "out", onOutput); }
@@ -44,7 +44,6 @@ public:
 private:
     explicit ScriptedHandler(unsigned int handle) : VEL_EventHandler(handle) {}
     bool call(const char* name, const std::function<bool()>& hook);
-    int countLocked(const std::string& name) const;
 
     mutable std::mutex _lock;
     mutable std::condition_variable _changed;
@@ -67,10 +66,16 @@ public:
 
 protected:
     VELErr_t waitForEvents(const basis::TimeValue* timeout) override;
-    VELErr_t addHandle(unsigned int handle, unsigned short ops) override;
-    VELErr_t removeHandle(unsigned int handle) override;
-    VELErr_t changeHandleOps(unsigned int handle, unsigned short ops) override;
-    VELErr_t doSetSize() override;
+    VELErr_t addHandle(unsigned int handle, unsigned short ops) override {
+        return record("add " + std::to_string(handle) + " " + std::to_string(ops));
+    }
+    VELErr_t removeHandle(unsigned int handle) override {
+        return record("remove " + std::to_string(handle));
+    }
+    VELErr_t changeHandleOps(unsigned int handle, unsigned short ops) override {
+        return record("change " + std::to_string(handle) + " " + std::to_string(ops));
+    }
+    VELErr_t doSetSize() override { return record("resize"); }
     VELErr_t wakeUp() override;
 
 private:

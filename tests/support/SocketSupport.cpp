@@ -66,15 +66,6 @@ RawFd RawConnect(unsigned short port) {
     return client;
 }
 
-RawFd::~RawFd() {
-    reset();
-}
-
-RawFd& RawFd::operator=(RawFd&& other) noexcept {
-    reset(other.release());
-    return *this;
-}
-
 int RawFd::release() {
     const int fd = _fd;
     _fd = -1;

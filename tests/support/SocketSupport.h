@@ -1,7 +1,5 @@
-// Socket helpers shared by the test suites: connected loopback pairs (library sockets, raw
-// descriptors, or one of each), a port that refuses connections, a listener that never completes
-// a connection, and a fixture that checks that every test gives back its sockets and
-// descriptors. Everything runs on 127.0.0.1 with ports chosen by the system.
+// Socket helpers: connected loopback pairs, a refusing port, a stalled listener, raw I/O, and a
+// fixture that checks that sockets and descriptors are given back. 127.0.0.1, system ports only.
 #ifndef TESTS_SUPPORT_SOCKETSUPPORT_H
 #define TESTS_SUPPORT_SOCKETSUPPORT_H
 
@@ -25,9 +23,12 @@ namespace veltest {
 class RawFd {
 public:
     explicit RawFd(int fd = -1) : _fd(fd) {}
-    ~RawFd();
+    ~RawFd() { reset(); }
     RawFd(RawFd&& other) noexcept : _fd(other.release()) {}
-    RawFd& operator=(RawFd&& other) noexcept;
+    RawFd& operator=(RawFd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
     RawFd(const RawFd&) = delete;
     RawFd& operator=(const RawFd&) = delete;
 

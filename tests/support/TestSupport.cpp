@@ -7,8 +7,6 @@
 
 #include <cerrno>
 
-#include "VEL_Tools.h"
-
 namespace veltest {
 
 bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds limit) {
@@ -103,14 +101,6 @@ bool RecordingSink::contains(const std::string& part) const {
 void RecordingSink::clear() {
     std::lock_guard<std::mutex> hold(_lock);
     _lines.clear();
-}
-
-ScopedSink::ScopedSink(VEL_TraceHandler* sink) {
-    VEL_Tools::SetTraceHandler(sink);
-}
-
-ScopedSink::~ScopedSink() {
-    VEL_Tools::SetTraceHandler(nullptr);
 }
 
 }  // namespace veltest

@@ -104,40 +104,31 @@ TEST(FastQueueTest, AutoResizeDoublesAFullQueueUpToThirtyTwoBits) {
     }
 }
 
-TEST(FastQueueTest, ShrinkingKeepsTheOldestElementsInOrder) {
+// A ring of `capacity` with its head moved to `head` and `held` elements, resized: shrinking keeps
+// the oldest elements, growing unwraps a wrapped run shorter than, as long as or longer than the
+// added room; the ring then fills to its new size and goes on turning.
+TEST(FastQueueTest, ResizingKeepsTheOldestElementsInOrder) {
     struct Case {
+        std::uint32_t capacity;
         std::uint64_t head, held;
         std::uint32_t newMaxNb;
     };
-    const Case cases[] = {{0, 6, 4}, {5, 6, 4}, {5, 3, 4}, {7, 8, 1}, {3, 0, 2}};
+    const Case cases[] = {{8, 0, 6, 4}, {8, 5, 6, 4}, {8, 5, 3, 4}, {8, 7, 8, 1}, {8, 3, 0, 2},
+                          {4, 2, 4, 8}, {4, 2, 4, 6}, {4, 1, 4, 5}, {4, 3, 4, 5}, {4, 0, 4, 6}};
     for (const Case& c : cases) {
-        Queue queue(limits(8), nullptr, false, true, 1);
+        SCOPED_TRACE(::testing::Message()
+                     << c.capacity << "@" << c.head << "+" << c.held << "->" << c.newMaxNb);
+        Queue queue(limits(c.capacity), nullptr, false, true, 1);
         fillFrom(queue, c.head, c.held);
         ASSERT_EQ(queue.setLimits(limits(c.newMaxNb), nullptr, true), kVELErr_Ok);
         const std::uint64_t kept = std::min<std::uint64_t>(c.held, c.newMaxNb);
         EXPECT_EQ(queue.getNbElement(), kept);
         putAll(queue, range(kept, c.newMaxNb - kept));  // the back continues after the kept
-        EXPECT_EQ(drain(queue), range(0, c.newMaxNb)) << c.head << "/" << c.held;
-        putAll(queue, range(10, c.newMaxNb));  // and the ring goes on turning
-        EXPECT_EQ(drain(queue), range(10, c.newMaxNb)) << c.head << "/" << c.held;
-    }
-}
-
-TEST(FastQueueTest, GrowingUnwrapsAWrappedRingInOrder) {
-    struct Case {
-        std::uint64_t head;
-        std::uint32_t newMaxNb;
-    };
-    // Wrapped run shorter than, as long as and longer than the added room; not wrapped.
-    const Case cases[] = {{2, 8}, {2, 6}, {1, 5}, {3, 5}, {0, 6}};
-    for (const Case& c : cases) {
-        Queue queue(limits(4), nullptr, false, true, 1);
-        fillFrom(queue, c.head, 4);
-        ASSERT_EQ(queue.setLimits(limits(c.newMaxNb), nullptr, true), kVELErr_Ok);
-        putAll(queue, range(4, c.newMaxNb - 4));
         std::uint64_t extra = 99;
         EXPECT_EQ(queue.put(&extra, nullptr), kVELErr_QueueFull);
-        EXPECT_EQ(drain(queue), range(0, c.newMaxNb)) << c.head << "->" << c.newMaxNb;
+        EXPECT_EQ(drain(queue), range(0, c.newMaxNb));
+        putAll(queue, range(10, c.newMaxNb));
+        EXPECT_EQ(drain(queue), range(10, c.newMaxNb));
     }
 }
 

@@ -6,11 +6,21 @@
 
 #include <gtest/gtest.h>
 
-#include "QueueProbe.h"
 #include "TestSupport.h"
 #include "VEL_Queue.h"
 
 namespace {
+
+// Tells how many threads are blocked in the queue, so that a test acts only once they sleep.
+template <class T>
+class ProbeQueue : public VEL_Queue<T> {
+public:
+    using VEL_Queue<T>::VEL_Queue;
+    unsigned long blocked(bool consumers) const {
+        typename VEL_QueueBase<T>::Hold hold(this->_mutex);
+        return consumers ? this->_getWaiters.blocked : this->_putWaiters.blocked;
+    }
+};
 
 // Records the queue's count at each crossing (the notifier may read it: the count is exact
 // under the queue mutex, which the notifier runs with).
@@ -63,8 +73,8 @@ TEST(QueueBaseTest, TimedWaitsOnFullAndEmptyEndWithTimeoutAfterTheirLimit) {
 }
 
 TEST(QueueBaseTest, DeactivateReleasesEveryBlockedProducerAndConsumer) {
-    veltest::ProbeQueue<int> empty(1, true, true, 1);
-    veltest::ProbeQueue<int> full(1, true, true, 1);
+    ProbeQueue<int> empty(1, true, true, 1);
+    ProbeQueue<int> full(1, true, true, 1);
     int value = 1;
     ASSERT_EQ(full.put(&value, nullptr), kVELErr_Ok);
     std::vector<std::future<VELErr_t>> calls;
@@ -76,8 +86,8 @@ TEST(QueueBaseTest, DeactivateReleasesEveryBlockedProducerAndConsumer) {
         calls.push_back(std::async(std::launch::async, [&] { return full.put(&value, nullptr); }));
     }
     // Deactivate only once all four really sleep in the queue.
-    ASSERT_TRUE(veltest::WaitFor(
-            [&] { return empty.blockedConsumers() == 2 && full.blockedProducers() == 2; }));
+    ASSERT_TRUE(
+            veltest::WaitFor([&] { return empty.blocked(true) == 2 && full.blocked(false) == 2; }));
     EXPECT_EQ(empty.deactivate(), kVELErr_Ok);
     EXPECT_EQ(full.deactivate(), kVELErr_Ok);
     for (std::future<VELErr_t>& call : calls) {

@@ -30,10 +30,6 @@ void closeFd(int& fd) {
 
 }  // namespace
 
-const char* VelcatPath() {
-    return VELCAT_PATH;
-}
-
 VelcatProcess::VelcatProcess(const std::vector<std::string>& args, unsigned long fileLimit) {
     int in[2], out[2], err[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
@@ -42,7 +38,7 @@ VelcatProcess::VelcatProcess(const std::vector<std::string>& args, unsigned long
         return;
     }
     std::vector<char*> argv;
-    std::string path = VelcatPath();
+    std::string path = VELCAT_PATH;
     argv.push_back(&path[0]);
     std::vector<std::string> copies(args);
     for (std::string& arg : copies) {
@@ -166,9 +162,9 @@ unsigned short VelcatProcess::listeningPort() {
                    : static_cast<unsigned short>(std::stoul(_errors.substr(at + 6)));
 }
 
-void VelcatProcess::signal(int number) {
+void VelcatProcess::terminate() {
     if (_pid > 0 && _status == -1) {
-        ::kill(_pid, number);
+        ::kill(_pid, SIGTERM);
     }
 }
 

@@ -19,7 +19,6 @@ public:
     VelcatProcess(const VelcatProcess&) = delete;
     VelcatProcess& operator=(const VelcatProcess&) = delete;
 
-    pid_t pid() const { return _pid; }
     // Writes to its standard input; closeInput() ends it.
     bool write(const std::string& data);
     void closeInput();
@@ -34,8 +33,8 @@ public:
                       std::chrono::milliseconds limit = std::chrono::seconds(10));
     // The port of a listener, read from its "listening on ... port N" line (0 if none came).
     unsigned short listeningPort();
-    // Sends `signal` to it.
-    void signal(int signal);
+    // Sends it SIGTERM, as a user stopping it would.
+    void terminate();
     // Its exit status once it has exited, -1 if it is still running after `limit` (it is then
     // left running), -2 if a signal ended it.
     int wait(std::chrono::milliseconds limit = std::chrono::seconds(10));
@@ -55,9 +54,6 @@ private:
     std::string _errors;
     int _status = -1;  // once reaped
 };
-
-// The path of the velcat executable under test.
-const char* VelcatPath();
 
 }  // namespace veltest
 
