@@ -10,6 +10,7 @@
 #include "Cases.h"
 #include "Clients.h"
 #include "EchoServers.h"
+#include "VEL_EpollIOReactor.h"
 #include "VEL_SelectIOReactor.h"
 
 namespace velbench {
@@ -56,6 +57,9 @@ public:
             refs.push_back({"blocking POSIX (floor)", _nativeTimeouts ? 0.0 : 0.85});
         }
         refs.push_back({"libevent bufferevent", _nativeTimeouts ? 0.0 : 1.0});
+        if (withEpoll()) {
+            refs.push_back({"vel on epoll (information)", 0.0});
+        }
         return refs;
     }
     unsigned long workCount(bool quick) const override { return quick ? 400 : 20000; }
@@ -67,6 +71,11 @@ public:
         if (_withFloor) {
             _blockingServer = StartBlockingEchoServer();
         }
+        if (withEpoll()) {
+            _epollServer = StartVelEchoServer(
+                    std::make_unique<VEL_EpollIOReactor>(4 * _connections, basis::TimeValue(2, 0)),
+                    options);
+        }
         for (unsigned long i = 0; i < _connections; ++i) {
             _velClients.push_back(
                     std::make_unique<VelClient>(_velServer->port(), kBodySize, options));
@@ -76,11 +85,18 @@ public:
                 _blockingClients.push_back(
                         std::make_unique<PlainClient>(_blockingServer->port(), kBodySize));
             }
+            if (withEpoll()) {
+                _epollClients.push_back(
+                        std::make_unique<VelClient>(_epollServer->port(), kBodySize, options));
+            }
         }
         awaitConnections(*_velServer, _connections);
         awaitConnections(*_libeventServer, _connections);
         if (_withFloor) {
             awaitConnections(*_blockingServer, _connections);
+        }
+        if (withEpoll()) {
+            awaitConnections(*_epollServer, _connections);
         }
     }
 
@@ -106,7 +122,9 @@ public:
         _velClients.clear();
         _libeventClients.clear();
         _blockingClients.clear();
+        _epollClients.clear();
         _velServer.reset();
+        _epollServer.reset();
         _libeventServer.reset();
         _blockingServer.reset();
     }
@@ -116,8 +134,13 @@ private:
         if (index == 0) {
             return _velClients;
         }
-        return index == 1 && _withFloor ? _blockingClients : _libeventClients;
+        if (index == 1 && _withFloor) {
+            return _blockingClients;
+        }
+        return index == (_withFloor ? 2u : 1u) ? _libeventClients : _epollClients;
     }
+    // With many connections the same server on the epoll back end is shown too.
+    bool withEpoll() const { return _connections > 1; }
 
     const unsigned long _connections;
     const bool _withFloor;
@@ -125,9 +148,11 @@ private:
     std::unique_ptr<EchoServer> _velServer;
     std::unique_ptr<EchoServer> _libeventServer;
     std::unique_ptr<EchoServer> _blockingServer;
+    std::unique_ptr<EchoServer> _epollServer;
     std::vector<std::unique_ptr<Client>> _velClients;
     std::vector<std::unique_ptr<Client>> _libeventClients;
     std::vector<std::unique_ptr<Client>> _blockingClients;
+    std::vector<std::unique_ptr<Client>> _epollClients;
 };
 
 }  // namespace
