@@ -58,7 +58,6 @@
 
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -267,9 +266,11 @@ private:
     VELErr_t checkLive(const basis::TimeValue& deadline, bool* reconnected);
     VELErr_t waitForInput(const basis::TimeValue& deadline);
     // Reads from one connection's socket for recv() and recvAvail().
-    using Reader = std::function<VELErr_t(VEL_Socket*)>;
-    VELErr_t receive(const Reader& read);
-    VELErr_t readReady(const Reader& read, const basis::TimeValue& deadline);
+    // `read(socket)` returns a status; a template, so that a receive costs no allocation.
+    template <class Read>
+    VELErr_t receive(const Read& read);
+    template <class Read>
+    VELErr_t readReady(const Read& read, const basis::TimeValue& deadline);
     VELErr_t returnToPrimary(VELPipeConnection_t*& connection) VEL_REQUIRES(_pipeLock);
     // Connects to the endpoint and registers the connection: registerConnection's status, or
     // kVELErr_PipeNoConnection when the endpoint did not answer (it then waits for its retry time).

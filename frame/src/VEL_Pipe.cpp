@@ -496,7 +496,8 @@ VELErr_t VEL_Pipe::recvAvail(char* buffer, unsigned int* length) {
     return code;
 }
 
-VELErr_t VEL_Pipe::receive(const Reader& read) {
+template <class Read>
+VELErr_t VEL_Pipe::receive(const Read& read) {
     const basis::TimeValue deadline = now() + seconds(_recvTimeout.load());
     for (;;) {
         bool reconnected = false;
@@ -578,7 +579,8 @@ VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
 // Reads from the first connection of the ready list. kVELErr_Timeout when there was none or its
 // input had been read meanwhile (by purge, readv or another thread); a connection that fails is
 // discarded. kVELErr_Incomplete (a partial read by recvAvail) is a successful read.
-VELErr_t VEL_Pipe::readReady(const Reader& read, const basis::TimeValue& deadline) {
+template <class Read>
+VELErr_t VEL_Pipe::readReady(const Read& read, const basis::TimeValue& deadline) {
     PipeGuard hold(_pipeLock);
     VELPipeConnection_t* connection = nullptr;
     if (!takeReady(connection)) {
