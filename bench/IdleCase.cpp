@@ -101,8 +101,8 @@ public:
                 // velcat's listener as a user starts it; it has no idle connections.
                 setup.server = std::make_unique<ChildProcess>(
                         VELCAT_PATH, std::vector<std::string>{"-l", "-s", "127.0.0.1", "-e", "0"});
-                setup.client = std::make_unique<PlainClient>(readVelcatPort(*setup.server),
-                                                             kBodySize);
+                setup.client =
+                        std::make_unique<PlainClient>(readVelcatPort(*setup.server), kBodySize);
                 continue;
             }
             setup.server =
@@ -208,8 +208,7 @@ std::unique_ptr<Case> MakeIdleCase10000() {
     setups.push_back(MakeSetup("epoll", 10000, 0.0));
     setups.push_back(MakeSetup("epoll", 0, 0.9));
     setups.push_back(MakeSetup("libevent", 10000, 1.0));
-    return std::make_unique<IdleCase>("idle10000", "1 active + 10000 idle conn",
-                                      std::move(setups));
+    return std::make_unique<IdleCase>("idle10000", "1 active + 10000 idle conn", std::move(setups));
 }
 
 // velcat's listener (epoll, OXLv1 echo) against the same server of this program and libevent,
@@ -219,8 +218,7 @@ std::unique_ptr<Case> MakeVelcatCase() {
     setups.push_back({"velcat", 0, "velcat -l -e", 0.0, {}, {}, {}, 0, 0, 0});
     setups.push_back(MakeSetup("epoll", 0, 0.0));
     setups.push_back(MakeSetup("libevent", 0, 0.0));
-    return std::make_unique<IdleCase>("velcat", "velcat listener, 1 conn, 64 B",
-                                      std::move(setups));
+    return std::make_unique<IdleCase>("velcat", "velcat listener, 1 conn, 64 B", std::move(setups));
 }
 
 int ServeMain(const std::string& kind) {

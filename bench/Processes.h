@@ -33,13 +33,12 @@ public:
     std::string readLine(double seconds);
 
 private:
-    void spawn(const std::string& program, const std::vector<std::string>& arguments,
-               int readFrom);
+    void spawn(const std::string& program, const std::vector<std::string>& arguments, int readFrom);
 
     pid_t _pid = -1;
     bool _terminate = false;  // SIGTERM before the wait
-    int _input = -1;   // the child's standard input
-    int _output = -1;  // the child's standard output (or error)
+    int _input = -1;          // the child's standard input
+    int _output = -1;         // the child's standard output (or error)
     std::string _buffered;
 };
 

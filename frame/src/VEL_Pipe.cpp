@@ -476,9 +476,8 @@ VELErr_t VEL_Pipe::checkLive(const basis::TimeValue& deadline, bool* reconnected
 }
 
 VELErr_t VEL_Pipe::recv(char* buffer, unsigned int length) {
-    return receive([this, buffer, length](VEL_Socket* socket) {
-        return doRecv(socket, buffer, length);
-    });
+    return receive(
+            [this, buffer, length](VEL_Socket* socket) { return doRecv(socket, buffer, length); });
 }
 
 VELErr_t VEL_Pipe::recvAvail(char* buffer, unsigned int* length) {
