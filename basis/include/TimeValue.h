@@ -38,9 +38,15 @@ public:
     TimeValue& operator+=(const TimeValue& other);
     TimeValue& operator-=(const TimeValue& other);
 
-    bool operator==(const TimeValue& other) const;
+    // Inline: ordered containers of dates compare on every step.
+    bool operator==(const TimeValue& other) const {
+        return _tv.tv_sec == other._tv.tv_sec && _tv.tv_usec == other._tv.tv_usec;
+    }
     bool operator!=(const TimeValue& other) const { return !(*this == other); }
-    bool operator<(const TimeValue& other) const;
+    bool operator<(const TimeValue& other) const {
+        return _tv.tv_sec < other._tv.tv_sec ||
+               (_tv.tv_sec == other._tv.tv_sec && _tv.tv_usec < other._tv.tv_usec);
+    }
     bool operator<=(const TimeValue& other) const { return !(other < *this); }
     bool operator>(const TimeValue& other) const { return other < *this; }
     bool operator>=(const TimeValue& other) const { return !(*this < other); }

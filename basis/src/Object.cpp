@@ -49,7 +49,7 @@ Err_t BaseObjectMgr::getFreeObject(BaseObject** object) {
     }
     BaseObject* taken = _free.back();
     _free.pop_back();
-    taken->_lockCount.store(1);
+    taken->_lockCount.store(1, std::memory_order_relaxed);  // the pool lock orders it
     *object = taken;
     return kErr_Ok;
 }
@@ -58,7 +58,7 @@ Err_t BaseObjectMgr::setObject(BaseObject* object) {
     if (object == nullptr) {
         return kErr_BadValue;
     }
-    object->_lockCount.store(0);
+    object->_lockCount.store(0, std::memory_order_relaxed);  // published by the pool lock
     std::lock_guard<std::mutex> hold(_lock);
     _free.push_back(object);  // capacity was reserved when the object was made
     return kErr_Ok;

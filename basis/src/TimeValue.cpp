@@ -74,15 +74,6 @@ TimeValue& TimeValue::operator-=(const TimeValue& other) {
     return *this = *this - other;
 }
 
-bool TimeValue::operator==(const TimeValue& other) const {
-    return _tv.tv_sec == other._tv.tv_sec && _tv.tv_usec == other._tv.tv_usec;
-}
-
-bool TimeValue::operator<(const TimeValue& other) const {
-    return _tv.tv_sec < other._tv.tv_sec ||
-           (_tv.tv_sec == other._tv.tv_sec && _tv.tv_usec < other._tv.tv_usec);
-}
-
 TimeValue TimeValue::GetTimeOfDay() {
     timespec ts;
     (void)clock_gettime(CLOCK_REALTIME, &ts);  // cannot fail with a valid clock and pointer

@@ -31,6 +31,7 @@ protected:
     void subscribeHandler(VEL_TimerHandler*, unsigned long arg) override {
         placedArgs.push_back(arg);
     }
+    void placeHandler(VEL_TimerHandler* handler) override { subscribeHandler(handler, 0); }
     bool executeSubscribers() override { return true; }
 };
 
@@ -160,30 +161,41 @@ TEST_F(TimerHandlerTest, SlotKeepsDatesSortedWithTheNewestFirstAmongEqualDates) 
     EXPECT_EQ(slot.getCount(), 0u);
 }
 
-TEST_F(TimerHandlerTest, SlotFindsItsLatestHandlerAfterRemovalsAtEitherEnd) {
-    // The slot takes its latest handler from the tree's header to place a later one last in one
-    // step: a header left behind by a removal would misplace the next insert.
+TEST_F(TimerHandlerTest, SlotKeepsEachDateInOrderWhateverPlaceOfItsGroupLeaves) {
+    // Five handlers share date 4, one each for dates 2 and 6. Removing the newest, a middle and
+    // the oldest of the group must leave the rest in order, and the group must vanish with its
+    // last handler while the other dates stay.
     std::vector<VEL_TimerHandler*> inserted;
     VEL_TimerSlot slot;
     const auto insert = [&](long date) {
         inserted.push_back(&arm(0, 0, boost::make_shared<Counter>(), basis::TimeValue(date, 0)));
         slot.insert(*inserted.back());
     };
-    for (long date : {2, 4, 6}) {
-        insert(date);  // each goes last
+    for (long date : {4, 2, 4, 4, 6, 4, 4}) {
+        insert(date);
     }
-    EXPECT_TRUE(slot.remove(*inserted[2]));  // the latest (6) leaves: 4 is the latest now
-    insert(5);                               // #3, last again
-    insert(5);                               // #4, before #3 (newest first among equal dates)
-    EXPECT_EQ(slot.takeDue(basis::TimeValue(2, 0)), inserted[0]);  // the earliest leaves
-    insert(3);                                                     // #5, between 2 and 4
-    insert(1);                                                     // #6, first
-    for (int index : {6, 5, 1, 4, 3}) {
-        EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[index]) << index;
+    // Date 4, newest first: #6, #5, #3, #2, #0.
+    EXPECT_TRUE(slot.remove(*inserted[6]));  // the newest
+    EXPECT_TRUE(slot.remove(*inserted[3]));  // in the middle
+    EXPECT_TRUE(slot.remove(*inserted[0]));  // the oldest
+    EXPECT_FALSE(slot.remove(*inserted[3]));
+    EXPECT_EQ(slot.getCount(), 4u);
+    insert(4);  // #7, newest of the group again
+    for (int index : {1, 7, 5, 2}) {
+        EXPECT_EQ(slot.takeDue(basis::TimeValue(5, 0)), inserted[index]) << index;
     }
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(5, 0)), nullptr);
+    insert(4);  // #8: a fresh group for a date that had emptied
+    EXPECT_TRUE(slot.remove(*inserted[8]));
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[4]);
     EXPECT_EQ(slot.getCount(), 0u);
-    insert(7);  // into the emptied slot: first and last at once
-    EXPECT_EQ(slot.takeDue(basis::TimeValue(9, 0)), inserted[7]);
+    // Cleared with handlers in a group: they can be placed again.
+    insert(3);
+    insert(3);
+    slot.clear();
+    EXPECT_FALSE(slot.remove(*inserted[9]));
+    slot.insert(*inserted[9]);
+    EXPECT_EQ(slot.takeDue(basis::TimeValue(3, 0)), inserted[9]);
 }
 
 TEST(CompositeTimerSubscriberTest, CallsEverySubscriberInListOrderWithTheSameId) {

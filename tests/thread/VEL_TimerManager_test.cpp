@@ -59,7 +59,11 @@ public:
     }
     VEL_TimerHandler& handler(unsigned long id) override {
         basis::ReadGuard<basis::RWThreadMutex> hold(this->_registryLock);
-        return *this->_registry.at(static_cast<std::uint32_t>(id));
+        VEL_TimerHandler* found = this->_registry.find(static_cast<std::uint32_t>(id));
+        if (found == nullptr) {
+            throw std::out_of_range("no timer " + std::to_string(id));
+        }
+        return *found;
     }
     std::pair<long, basis::TimeValue> wheel() override {
         if constexpr (std::is_base_of<VEL_TimerManagerCircularQueue, Base>::value) {

@@ -12,14 +12,14 @@
 // numbers but keeps the last one issued, so identifiers stay unique across a manager restart.
 //
 // Invariants of the lists:
-//   - a handler is in at most one slot; while it is, its slot hook is linked, getPos() names that
-//     slot, and its date does not change (the slot is ordered by it);
-//   - a slot is sorted by date, earliest first; among equal dates the handler inserted last is
-//     first, because insert places a handler before every handler not earlier than itself;
-//   - insert costs O(log n), and O(1) when the handler goes first or last (timers armed together
-//     for the same interval share a date), remove O(1), whatever the number of handlers in the
-//     slot; neither allocates: the handler carries the links.
-//
+//   - a handler is in at most one slot; while it is, getPos() names that slot and its date does
+//     not change (the slot is ordered by it);
+//   - a slot keeps one group per distinct date, groups sorted earliest first; within a group the
+//     handler inserted last comes first. The newest handler of each group sits in the slot's
+//     tree (its slot hook linked), the older ones hang from it in a chain, newest to oldest;
+//   - insert costs O(log d) for d distinct dates in the slot, remove and takeDue O(1) unless a
+//     group empties (O(log d) then); neither allocates: the handler carries the links. Expiry
+//     dates stand on tick boundaries, so d stays small even when a slot holds many timers.
 // Ownership: the pool owns every handler; the handler owns one reference to its subscriber
 // until the timer is cancelled or unlocked.
 //
@@ -62,7 +62,8 @@ public:
     // REQUIRES: the handler is not armed.
     void setTimer(unsigned long duration, long repeatCount,
                   boost::shared_ptr<VEL_TimerSubscriberInterface> subscriber,
-                  basis::Object<VEL_TimerHandler>* pooled, const basis::TimeValue& now);
+                  basis::Object<VEL_TimerHandler>* pooled,
+                  const basis::TimeValue& now) VEL_NO_THREAD_SAFETY_ANALYSIS;
 
     // Fires the timer: calls the subscriber's handleEvent(identifier) with the handler's mutex
     // held. Returns true when the timer is finished (cancelled, last shot, or the callback threw:
@@ -87,6 +88,8 @@ public:
     // Ends the handler's life as a timer: drops the subscriber reference, gives the identifier
     // back and returns the handler to its pool. Call once per setTimer.
     void unlock();
+    // cancel(true) and unlock() in one hold of the handler's mutex.
+    void cancelAndUnlock();
 
     unsigned long getDuration() const { return _duration; }
     unsigned long getID() const { return _id; }
@@ -111,15 +114,25 @@ private:
     static unsigned long DrawID();
     static void ReturnID(unsigned long id);
 
-    std::uint32_t _duration = 0;  // interval in whole seconds
-    basis::TimeValue _date;       // expiry date (monotonic clock)
-    std::atomic<std::int32_t> _repeatCount{0};
+    // Drops the subscriber reference under the mutex (unless the caller holds it) and returns
+    // it, after calling its cancel() when `tell` is set and it is still there.
+    boost::shared_ptr<VEL_TimerSubscriberInterface> takeSubscriber(bool tell);
+    // Gives the identifier back and the handler to its pool.
+    void giveBack();
+
+    // What cancelling a waiting timer touches comes first, so that it shares few cache lines;
+    // the timer has usually long left the cache by then.
     std::uint32_t _id = 0;
     std::atomic<std::uint32_t> _pos{0};  // the slot the handler was last placed in
     boost::shared_ptr<VEL_TimerSubscriberInterface> _subscriber VEL_GUARDED_BY(_mutex);
     basis::Object<VEL_TimerHandler>* _pooled = nullptr;
-    mutable basis::ThreadMutex _mutex;              // guards _subscriber and the calls to it
-    boost::intrusive::set_member_hook<> _slotHook;  // linked while in a slot
+    boost::intrusive::set_member_hook<> _slotHook;  // linked while newest of its date in a slot
+    VEL_TimerHandler* _newer = nullptr;  // the next newer handler of the same date and slot
+    VEL_TimerHandler* _older = nullptr;  // the next older one; both null outside a slot
+    mutable basis::ThreadMutex _mutex;   // guards _subscriber and the calls to it
+    basis::TimeValue _date;              // expiry date (monotonic clock)
+    std::uint32_t _duration = 0;         // interval in whole seconds
+    std::atomic<std::int32_t> _repeatCount{0};
     boost::intrusive::list_member_hook<> _dueHook;  // linked while in a due list
 
     // Created at library start-up. Guards _Generator and _LastIssued.
@@ -146,32 +159,29 @@ public:
     bool remove(VEL_TimerHandler& handler);
     // Unlinks and returns the first handler if its date is not later than `now`, else null.
     VEL_TimerHandler* takeDue(const basis::TimeValue& now);
-    unsigned long getCount() const { return _handlers.size(); }
+    unsigned long getCount() const { return _count; }
     // Unlinks every handler.
-    void clear() { _handlers.clear(); }
+    void clear();
 
 private:
     struct EarlierDate {
         bool operator()(const VEL_TimerHandler& a, const VEL_TimerHandler& b) const {
-            return Earlier(a.getCurrentDate(), b.getCurrentDate());
+            return a.getCurrentDate() < b.getCurrentDate();
         }
     };
-    // Inline, since the tree compares on every level it walks.
-    static bool Earlier(const basis::TimeValue& a, const basis::TimeValue& b) {
-        return a.getSecond() < b.getSecond() ||
-               (a.getSecond() == b.getSecond() && a.getMicrosecond() < b.getMicrosecond());
-    }
-    using Tree = boost::intrusive::multiset<
+    // The newest handler of each date, one per date.
+    using Tree = boost::intrusive::set<
             VEL_TimerHandler,
             boost::intrusive::member_hook<VEL_TimerHandler, boost::intrusive::set_member_hook<>,
                                           &VEL_TimerHandler::_slotHook>,
-            boost::intrusive::compare<EarlierDate>>;
+            boost::intrusive::compare<EarlierDate>, boost::intrusive::constant_time_size<false>>;
 
-    // The handler with the latest date, in constant time. REQUIRES: the slot is not empty.
-    const VEL_TimerHandler& last() const;
+    // Unlinks the newest handler of its date; the next older one, if any, takes its place.
+    void removeNewest(VEL_TimerHandler& handler);
 
     basis::ThreadMutex _lock;
-    Tree _handlers;
+    Tree _newest;
+    unsigned long _count = 0;
 };
 
 class VEL_TimerDueList {

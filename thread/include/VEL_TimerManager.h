@@ -35,7 +35,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <unordered_map>
 
 #include <boost/shared_ptr.hpp>
 
@@ -48,6 +47,7 @@
 #include "TimeValue.h"
 #include "VEL_Err.h"
 #include "VEL_TimerHandler.h"
+#include "VEL_TimerRegistry.h"
 #include "VEL_TimerSubscriberInterface.h"
 
 enum VELTimerAlgorithm_t {
@@ -123,6 +123,8 @@ protected:
             unsigned long duration, long period) = 0;
     // Places an armed handler in the queue; also re-arms a repeating timer. Any thread.
     virtual void subscribeHandler(VEL_TimerHandler* handler, unsigned long arg) = 0;
+    // subscribeHandler for a caller that holds _registryLock, for reading or for writing.
+    virtual void placeHandler(VEL_TimerHandler* handler) = 0;
     // Ends timer `id`: removes it from the registry and gives its handler back. Unknown: nothing.
     virtual void removeTimer(unsigned long id);
     // The timer thread's loop; returns true once the stop flag is seen, after at most one tick.
@@ -147,8 +149,8 @@ protected:
     // Hands a started manager over to its caller; deletes it if open() throws.
     static VEL_TimerManager* Started(VEL_TimerManager* manager);
     // subscribeImpl of the strategies: takes a handler from the pool, arms it from the next tick
-    // boundary, enters it in the registry and places it with subscribeHandler. Returns its
-    // identifier, or 0 when no handler could be made.
+    // boundary, enters it in the registry and places it with placeHandler, under one hold of the
+    // registry lock. Returns its identifier, or 0 when no handler could be made.
     unsigned long startTimer(const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber,
                              unsigned long duration, long period);
     // unsubscribe over `slots` (the handler sits in slots[getPos()] when it is waiting).
@@ -162,7 +164,7 @@ protected:
 
     std::atomic<bool> _stop{true};  // false while the timer thread should keep running
     basis::ThreadID_t _threadId;    // the timer thread, stored by activate
-    std::unordered_map<std::uint32_t, VEL_TimerHandler*> _registry VEL_GUARDED_BY(_registryLock);
+    VEL_TimerRegistry _registry VEL_GUARDED_BY(_registryLock);
     basis::RWThreadMutex _registryLock;  // guards _registry and, in the wheel, its turning
     basis::ObjectMgr<VEL_TimerHandler> _handlerPool;
 

@@ -44,6 +44,7 @@ protected:
     unsigned long subscribeImpl(const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber,
                                 unsigned long duration, long period) override;
     void subscribeHandler(VEL_TimerHandler* handler, unsigned long arg) override;
+    void placeHandler(VEL_TimerHandler* handler) override VEL_NO_THREAD_SAFETY_ANALYSIS;
     bool executeSubscribers() override VEL_NO_THREAD_SAFETY_ANALYSIS;
     // Stops the thread; once it has ended, empties the wheel (the timers stay registered).
     basis::Err_t close(bool waitForThreads) override;

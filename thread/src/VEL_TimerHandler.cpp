@@ -67,10 +67,9 @@ void VEL_TimerHandler::setTimer(unsigned long duration, long repeatCount,
                                 const basis::TimeValue& now) {
     _duration = duration > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(duration);
     _repeatCount.store(clampRepeatCount(repeatCount));
-    {
-        std::lock_guard<basis::ThreadMutex> hold(_mutex);
-        _subscriber = std::move(subscriber);
-    }
+    // No lock: the handler is not armed, so no other thread reaches it; the pool's lock orders
+    // this after the previous timer's last use.
+    _subscriber = std::move(subscriber);
     _pooled = pooled;
     _date = basis::TimeValue(now.getSecond() + static_cast<long>(_duration), now.getMicrosecond());
     _id = static_cast<std::uint32_t>(DrawID());
@@ -117,15 +116,24 @@ void VEL_TimerHandler::cancel(bool final) {
         _repeatCount.store(0);
         return;
     }
-    boost::shared_ptr<VEL_TimerSubscriberInterface> dropped;
-    {
-        HoldUnlessOwned hold(_mutex);
-        if (_subscriber) {
-            VEL_TimerSubscriberInterface& subscriber = *_subscriber;
-            (void)callSubscriber([&subscriber] { subscriber.cancel(); });  // traced if it throws
-            dropped.swap(_subscriber);
-        }
+    // Released after the mutex: the subscriber's destructor may call back into the manager.
+    const boost::shared_ptr<VEL_TimerSubscriberInterface> dropped = takeSubscriber(true);
+}
+
+void VEL_TimerHandler::cancelAndUnlock() {
+    takeSubscriber(true).reset();
+    giveBack();
+}
+
+boost::shared_ptr<VEL_TimerSubscriberInterface> VEL_TimerHandler::takeSubscriber(bool tell) {
+    boost::shared_ptr<VEL_TimerSubscriberInterface> taken;
+    HoldUnlessOwned hold(_mutex);
+    if (tell && _subscriber) {
+        VEL_TimerSubscriberInterface& subscriber = *_subscriber;
+        (void)callSubscriber([&subscriber] { subscriber.cancel(); });  // traced if it throws
     }
+    taken.swap(_subscriber);
+    return taken;
 }
 
 bool VEL_TimerHandler::isCanceled() const {
@@ -152,14 +160,13 @@ void VEL_TimerHandler::detach() {
 }
 
 void VEL_TimerHandler::unlock() {
-    boost::shared_ptr<VEL_TimerSubscriberInterface> dropped;
-    {
-        HoldUnlessOwned hold(_mutex);
-        dropped.swap(_subscriber);
-    }
     // The subscriber goes first: its destructor may still unsubscribe this identifier, which
     // must not name another timer by then.
-    dropped.reset();
+    takeSubscriber(false).reset();
+    giveBack();
+}
+
+void VEL_TimerHandler::giveBack() {
     ReturnID(_id);
     if (_pooled != nullptr) {
         _pooled->unlock();  // the handler may be armed again from here on
@@ -193,41 +200,68 @@ void VEL_TimerHandler::ReturnID(unsigned long id) {
 }
 
 void VEL_TimerSlot::insert(VEL_TimerHandler& handler) {
-    const basis::TimeValue& date = handler.getCurrentDate();
-    Tree::iterator before;
-    if (_handlers.empty() || !Earlier(_handlers.begin()->getCurrentDate(), date)) {
-        before = _handlers.begin();
-    } else if (Earlier(last().getCurrentDate(), date)) {
-        before = _handlers.end();
-    } else {
-        before = _handlers.lower_bound(handler);
+    const std::pair<Tree::iterator, bool> placed = _newest.insert_unique(handler);
+    if (!placed.second) {
+        // The date has a group already: the handler becomes its newest.
+        VEL_TimerHandler& previous = *placed.first;
+        _newest.replace_node(placed.first, handler);
+        handler._older = &previous;
+        previous._newer = &handler;
     }
-    _handlers.insert_before(before, handler);
-}
-
-// The tree's header links its rightmost node, so the latest handler costs one step; rbegin()
-// would walk the right spine down from the root instead, touching one handler per level.
-const VEL_TimerHandler& VEL_TimerSlot::last() const {
-    const Tree::const_node_ptr header = _handlers.end().pointed_node();
-    return *Tree::value_traits::to_value_ptr(Tree::node_traits::get_right(header));
+    ++_count;
 }
 
 bool VEL_TimerSlot::remove(VEL_TimerHandler& handler) {
-    if (!handler._slotHook.is_linked()) {
+    if (handler._slotHook.is_linked()) {
+        removeNewest(handler);
+    } else if (handler._newer != nullptr) {
+        handler._newer->_older = handler._older;
+        if (handler._older != nullptr) {
+            handler._older->_newer = handler._newer;
+        }
+        handler._newer = nullptr;
+        handler._older = nullptr;
+    } else {
         return false;
     }
-    _handlers.erase(_handlers.iterator_to(handler));
+    --_count;
     return true;
 }
 
 VEL_TimerHandler* VEL_TimerSlot::takeDue(const basis::TimeValue& now) {
-    const Tree::iterator first = _handlers.begin();
-    if (first == _handlers.end() || now < first->getCurrentDate()) {
+    if (_newest.empty()) {
         return nullptr;
     }
-    VEL_TimerHandler* due = &*first;
-    _handlers.erase(first);
-    return due;
+    VEL_TimerHandler& first = *_newest.begin();
+    if (now < first.getCurrentDate()) {
+        return nullptr;
+    }
+    removeNewest(first);
+    --_count;
+    return &first;
+}
+
+void VEL_TimerSlot::clear() {
+    _newest.clear_and_dispose([](VEL_TimerHandler* newest) {
+        for (VEL_TimerHandler* handler = newest; handler != nullptr;) {
+            VEL_TimerHandler* const older = handler->_older;
+            handler->_newer = nullptr;
+            handler->_older = nullptr;
+            handler = older;
+        }
+    });
+    _count = 0;
+}
+
+void VEL_TimerSlot::removeNewest(VEL_TimerHandler& handler) {
+    VEL_TimerHandler* const older = handler._older;
+    if (older == nullptr) {
+        _newest.erase(_newest.iterator_to(handler));
+        return;
+    }
+    _newest.replace_node(_newest.iterator_to(handler), *older);
+    older->_newer = nullptr;
+    handler._older = nullptr;
 }
 
 VEL_TimerHandler* VEL_TimerDueList::popFront() {

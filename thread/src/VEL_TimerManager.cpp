@@ -228,15 +228,13 @@ unsigned long VEL_TimerManager::subscribe(VEL_TimerSubscriberInterface* subscrib
 }
 
 void VEL_TimerManager::removeTimer(unsigned long id) {
+    if (id > UINT32_MAX) {
+        return;
+    }
     VEL_TimerHandler* handler = nullptr;
     {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
-        const auto found = _registry.find(static_cast<std::uint32_t>(id));
-        if (found == _registry.end()) {
-            return;
-        }
-        handler = found->second;
-        _registry.erase(found);
+        handler = _registry.erase(static_cast<std::uint32_t>(id));
     }
     if (handler != nullptr) {
         handler->unlock();
@@ -272,14 +270,22 @@ unsigned long VEL_TimerManager::startTimer(
                       NextTick(basis::TimeValue::GetHRTime()));
     // Read before the handler is placed: from then on it may fire, end and be armed again.
     const unsigned long id = handler->getID();
-    try {
+    bool entered = false;
+    {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
-        _registry.insert_or_assign(static_cast<std::uint32_t>(id), handler);
-    } catch (const std::bad_alloc&) {
+        try {
+            _registry.insert(static_cast<std::uint32_t>(id), handler);
+            entered = true;
+        } catch (const std::bad_alloc&) {
+        }
+        if (entered) {
+            placeHandler(handler);
+        }
+    }
+    if (!entered) {
         handler->unlock();
         return 0;
     }
-    subscribeHandler(handler, 0);
     return id;
 }
 
@@ -291,18 +297,17 @@ unsigned long VEL_TimerManager::cancelTimer(unsigned long id, VEL_TimerSlot* slo
     bool waiting = false;
     {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
-        const auto found = _registry.find(static_cast<std::uint32_t>(id));
-        if (found == _registry.end() || found->second == nullptr) {
+        handler = _registry.find(static_cast<std::uint32_t>(id));
+        if (handler == nullptr) {
             return 0;
         }
-        handler = found->second;
         // With the registry held for writing nobody places the handler, so if it is in a slot
         // at all, it is in the one its position names.
         VEL_TimerSlot& slot = slots[handler->getPos()];
         std::lock_guard<basis::ThreadMutex> slotHold(slot.getLock());
         waiting = slot.remove(*handler);
         if (waiting) {
-            _registry.erase(found);
+            (void)_registry.erase(static_cast<std::uint32_t>(id));
         } else {
             // The timer thread holds it for its trigger; the timer ends there, through
             // removeTimer. Keep the handler out of the pool until it is detached below.
@@ -314,8 +319,7 @@ unsigned long VEL_TimerManager::cancelTimer(unsigned long id, VEL_TimerSlot* slo
         handler->detach();
         return 0;
     }
-    handler->cancel(true);
-    handler->unlock();
+    handler->cancelAndUnlock();
     return id;
 }
 
@@ -343,12 +347,10 @@ void VEL_TimerManager::sleepFor(const basis::TimeValue& span) {
 }
 
 void VEL_TimerManager::releaseAll() {
-    std::unordered_map<std::uint32_t, VEL_TimerHandler*> registry;
+    VEL_TimerRegistry registry;
     {
         basis::WriteGuard<basis::RWThreadMutex> hold(_registryLock);
         registry.swap(_registry);
     }
-    for (const auto& entry : registry) {
-        entry.second->unlock();
-    }
+    registry.forEach([](VEL_TimerHandler* handler) { handler->unlock(); });
 }

@@ -33,8 +33,12 @@ unsigned long VEL_TimerManagerCircularQueue::subscribeImpl(
 }
 
 void VEL_TimerManagerCircularQueue::subscribeHandler(VEL_TimerHandler* handler, unsigned long) {
-    // Held across the insertion so that the wheel cannot turn past the chosen slot meanwhile.
     basis::ReadGuard<basis::RWThreadMutex> wheel(_registryLock);
+    placeHandler(handler);
+}
+
+// The registry lock, held by the caller, keeps the wheel from turning past the chosen slot.
+void VEL_TimerManagerCircularQueue::placeHandler(VEL_TimerHandler* handler) {
     const long long ahead = (handler->getCurrentDate() - _wheelDate).toMicroseconds();
     const unsigned long long ticks =
             ahead <= 0 ? 0

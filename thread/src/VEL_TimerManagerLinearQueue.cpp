@@ -30,6 +30,11 @@ unsigned long VEL_TimerManagerLinearQueue::subscribeImpl(
 }
 
 void VEL_TimerManagerLinearQueue::subscribeHandler(VEL_TimerHandler* handler, unsigned long) {
+    placeHandler(handler);
+}
+
+// The list has its own lock; the registry lock is not needed, though the caller may hold it.
+void VEL_TimerManagerLinearQueue::placeHandler(VEL_TimerHandler* handler) {
     std::lock_guard<basis::ThreadMutex> hold(_list.getLock());
     _list.insert(*handler);
     handler->setPos(0);
