@@ -102,7 +102,7 @@ void runCase(Case& benchCase, const Options& options, CaseResult& result) {
     };
     for (std::size_t v = 0; v < variants; ++v) {
         if (!skipped(v)) {
-            (void)benchCase.run(v, std::max(1UL, count / 10));
+            (void)benchCase.run(v, benchCase.warmUpCount(options.quick));
         }
     }
     for (int rep = 0; rep < options.repetitions; ++rep) {

@@ -39,6 +39,11 @@ public:
     virtual std::vector<Reference> references() const = 0;
     // Units of work per timed run: a quick smoke run, or a full one.
     virtual unsigned long workCount(bool quick) const = 0;
+    // Units of work of the one warm-up run of each variant: a tenth of the work by default.
+    virtual unsigned long warmUpCount(bool quick) const {
+        const unsigned long count = workCount(quick) / 10;
+        return count > 0 ? count : 1;
+    }
     // Rate = work / seconds * unitScale() (e.g. 1 for operations, MiB per operation otherwise).
     virtual double unitScale() const { return 1.0; }
 

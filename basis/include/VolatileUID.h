@@ -9,10 +9,11 @@
 #ifndef BASIS_INCLUDE_VOLATILEUID_H
 #define BASIS_INCLUDE_VOLATILEUID_H
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <mutex>
+#include <vector>
 
 #include "KeelException.h"
 #include "ThreadMutex.h"
@@ -37,22 +38,30 @@ public:
 
 private:
     [[noreturn]] static void Rethrow(const std::exception& e, const char* function);
+    // Doubles the ring, keeping the order. REQUIRES: _mutex held.
+    void grow();
 
     mutable ThreadMutex _mutex;
     std::uint32_t _last = 0;  // guarded by _mutex
-    std::deque<T> _released;  // guarded by _mutex; oldest first
+    // The given-back numbers, oldest first from _head, in a ring whose size is a power of two
+    // (or 0); it only grows, so giving back and reusing numbers allocates nothing in the steady
+    // state. Guarded by _mutex.
+    std::vector<T> _ring;
+    std::size_t _head = 0;
+    std::size_t _released = 0;
 };
 
 template <class T>
 T VolatileUID<T>::getID() {
     try {
         std::lock_guard<ThreadMutex> hold(_mutex);
-        if (_released.empty()) {
+        if (_released == 0) {
             _last = (_last == UINT32_MAX) ? 1 : _last + 1;
             return static_cast<T>(_last);
         }
-        const T id = _released.front();
-        _released.pop_front();
+        const T id = _ring[_head];
+        _head = (_head + 1) & (_ring.size() - 1);
+        --_released;
         return id;
     } catch (const std::exception& e) {
         Rethrow(e, "basis::VolatileUID<unsigned long>::getID");
@@ -63,7 +72,11 @@ template <class T>
 void VolatileUID<T>::releaseID(T id) {
     try {
         std::lock_guard<ThreadMutex> hold(_mutex);
-        _released.push_back(id);
+        if (_released == _ring.size()) {
+            grow();
+        }
+        _ring[(_head + _released) & (_ring.size() - 1)] = id;
+        ++_released;
     } catch (const std::exception& e) {
         Rethrow(e, "basis::VolatileUID<unsigned long>::releaseID");
     }
@@ -72,7 +85,19 @@ void VolatileUID<T>::releaseID(T id) {
 template <class T>
 void VolatileUID<T>::dropReleased() {
     std::lock_guard<ThreadMutex> hold(_mutex);
-    _released.clear();
+    std::vector<T>().swap(_ring);
+    _head = 0;
+    _released = 0;
+}
+
+template <class T>
+void VolatileUID<T>::grow() {
+    std::vector<T> bigger(_ring.empty() ? 64 : 2 * _ring.size());  // may throw; nothing changed
+    for (std::size_t i = 0; i < _released; ++i) {
+        bigger[i] = _ring[(_head + i) & (_ring.size() - 1)];
+    }
+    _ring.swap(bigger);
+    _head = 0;
 }
 
 template <class T>

@@ -27,6 +27,30 @@ TEST(VolatileUIDTest, IssuesFromOneAndReusesOldestGivenBackFirst) {
     EXPECT_EQ(ids.getID(), 5u);  // the dropped number is not reused, the counter is kept
 }
 
+TEST(VolatileUIDTest, KeepsGivenBackOrderWhileItsStoreWrapsAndGrows) {
+    basis::VolatileUID<unsigned long> ids;
+    for (int i = 0; i < 400; ++i) {
+        (void)ids.getID();
+    }
+    std::vector<unsigned long> expected;
+    const auto giveBack = [&](unsigned long from, unsigned long to) {
+        for (unsigned long id = from; id <= to; ++id) {
+            ids.releaseID(id);
+            expected.push_back(id);
+        }
+    };
+    giveBack(300, 349);  // 50 in a store of 64
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(ids.getID(), expected.front());
+        expected.erase(expected.begin());
+    }
+    giveBack(1, 150);  // wraps around the store's end, then makes it grow twice
+    for (unsigned long want : expected) {
+        EXPECT_EQ(ids.getID(), want);
+    }
+    EXPECT_EQ(ids.getID(), 401u);
+}
+
 TEST(VolatileUIDTest, WrapsToOneNeverToZero) {
     basis::VolatileUID<unsigned long> ids(UINT32_MAX - 1);
     EXPECT_EQ(ids.getID(), UINT32_MAX);
