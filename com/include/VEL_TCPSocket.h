@@ -105,6 +105,10 @@ private:
 
     VELErr_t pollReadable(int fd);
     VELErr_t transferFailed(int err, VELErr_t code) const;
+    // Sends every byte of `v` (advanced in place) on `fd`, with the send time-out's readiness
+    // wait where the socket takes nothing at once; a failure is mapped as one of writev (when
+    // `vectored`) or send, and traced.
+    VELErr_t sendStream(int fd, VELIoVec* v, unsigned long n, bool vectored);
     VELErr_t recvTimedOut(std::size_t expected, std::size_t received, const char* data,
                           const VELIoVec* filled, unsigned long filledCount) const;
 };

@@ -151,6 +151,24 @@ int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to) {
     return 0;
 }
 
+int sendNow(int fd, VELIoVec*& v, unsigned long& n) {
+    IoVecArray staged(n);
+    msghdr message{};
+    message.msg_iov = staged.fill(v, n);
+    message.msg_iovlen = staged.size();
+    for (;;) {
+        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            advance(v, n, static_cast<std::size_t>(sent));
+            return 0;
+        }
+        const int err = sent == 0 ? EAGAIN : errno;
+        if (err != EINTR) {
+            return err == EWOULDBLOCK ? EAGAIN : err;
+        }
+    }
+}
+
 int pollOne(int fd, short events, const basis::TimeValue* limit, short* revents, int* err) {
     // The clock is read only for a wait that an interruption could have to resume.
     const bool timed = limit != nullptr && *limit > basis::TimeValue::kZero;

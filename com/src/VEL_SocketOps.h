@@ -79,6 +79,10 @@ VELErr_t endOfStream();
 // in place. `to` is the destination of a datagram (null: the connected peer). No SIGPIPE.
 // Returns 0, or the errno of the failure (EAGAIN for a send that took nothing).
 int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to);
+// One sendmsg on the connected peer that does not block (retried on EINTR): takes what fits in
+// the socket's buffer now and advances `v` and `n` past it. No SIGPIPE. Returns 0 when some
+// bytes were taken, EAGAIN when none, or the errno of the failure.
+int sendNow(int fd, VELIoVec*& v, unsigned long& n);
 
 // Waits until `fd` reports one of `events` or `limit` has passed (null: no limit), retrying
 // EINTR with the time that remains. Returns 1 with *revents set when the descriptor is ready,

@@ -53,28 +53,35 @@ VELErr_t VEL_TCPSocket::transferFailed(int err, VELErr_t code) const {
 
 VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
     const HandleUse use(*this);
-    VELErr_t code = checkTransfer();
+    const VELErr_t code = checkTransfer();
     if (code != kVELErr_Ok || len == 0) {
         return code;
     }
-    code = waitBeforeSend();
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    const int fd = use.fd();
-    while (len > 0) {
-        const ssize_t sent = ::send(fd, buf, len, MSG_NOSIGNAL);
-        if (sent > 0) {
-            buf += sent;
-            len -= static_cast<unsigned int>(sent);
-            continue;
+    VELIoVec whole{const_cast<char*>(buf), len};  // only read from
+    return sendStream(use.fd(), &whole, 1, false);
+}
+
+// With time-outs kept by the library, the readiness wait limited by the send time-out must come
+// before the first byte. A socket that takes bytes at once is writable, and its wait would have
+// returned at once: so the bytes are offered first, without blocking, and the wait is made only
+// when the socket takes none. Either way the rest is then sent blocking, as after the wait.
+VELErr_t VEL_TCPSocket::sendStream(int fd, VELIoVec* v, unsigned long n, bool vectored) {
+    int err = isNonBlock() ? EAGAIN : velcom::sendNow(fd, v, n);
+    if (err == EAGAIN) {
+        const VELErr_t code = waitBeforeSend();
+        if (code != kVELErr_Ok) {
+            return code;
         }
-        const int err = sent == 0 ? EAGAIN : errno;  // nothing taken counts as would-block
-        if (err != EINTR) {
-            return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kSend));
-        }
+        err = 0;
     }
-    return kVELErr_Ok;
+    if (err == 0 && n > 0) {
+        err = velcom::sendAll(fd, v, n, nullptr);
+    }
+    if (err == 0) {
+        return kVELErr_Ok;
+    }
+    const velcom::SendOp op = vectored ? velcom::SendOp::kWritev : velcom::SendOp::kSend;
+    return transferFailed(err, velcom::mapSendError(err, op));
 }
 
 VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
@@ -147,15 +154,7 @@ VELErr_t VEL_TCPSocket::writev(VELIoVec* v, unsigned long n) {
     if (code != kVELErr_Ok || left == 0) {
         return code;
     }
-    code = waitBeforeSend();
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    const int err = velcom::sendAll(use.fd(), current, left, nullptr);
-    if (err != 0) {
-        return transferFailed(err, velcom::mapSendError(err, velcom::SendOp::kWritev));
-    }
-    return kVELErr_Ok;
+    return sendStream(use.fd(), current, left, true);
 }
 
 VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
