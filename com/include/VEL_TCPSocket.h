@@ -7,8 +7,9 @@
 // Framing transports use the virtual ones only (send, recv, recvAvail, writev, readv).
 //
 // How long a transfer may block depends on the socket's options: without native time-outs
-// (isNonBlock() false, the default) send and writev first wait at most the send time-out for
-// the descriptor to become writable, and recv and readv block until data or the end of the
+// (isNonBlock() false, the default) send and writev wait at most the send time-out for the
+// descriptor to become writable when it takes no byte at once (a socket with room in its buffer
+// costs no wait), then send the rest blocking; recv and readv block until data or the end of the
 // stream arrives; with native time-outs the system ends a blocked call after the send or receive
 // time-out (kVELErr_Timeout). The Avail operations make one system call each: sendAvail and
 // writevAvail block as the descriptor does, recvAvail and readvAvail first poll for input and
