@@ -1,8 +1,9 @@
 // basis::Task: an active object. A derived class implements open() (set up, then activate) and
 // run() (the body of each thread); activate() starts the threads, wait() joins them.
 //
-// Each started thread calls run() once. The thread does not enter run() before activate() has
-// returned, so the ids it stored are visible to the new thread.
+// Each started thread calls run() once. No thread of an activate() call enters run() before
+// every thread of that call has stored its id, and activate() returns only then: each thread
+// sees the ids of the others, and the caller sees them all.
 //
 // Ownership: the task owns its threads. A derived class must make its threads end (and wait()
 // for them) before its own destructor finishes, since run() is one of its members; ~Task joins
@@ -13,6 +14,7 @@
 #ifndef BASIS_INCLUDE_TASK_H
 #define BASIS_INCLUDE_TASK_H
 
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -53,7 +55,11 @@ protected:
 private:
     void threadBody(ThreadID_t* idSlot);
 
-    mutable std::mutex _lock;  // guards _threads; held by activate() until ids are stored
+    // Guards _threads and _starting; with _allStarted, the gate at which the threads of an
+    // activate() call wait for each other before entering run(). A leaf lock.
+    mutable std::mutex _lock;
+    std::condition_variable _allStarted;  // notified when _starting drops to 0
+    unsigned long _starting = 0;          // threads started that have not stored their id yet
     std::vector<std::thread> _threads;
 };
 

@@ -18,24 +18,37 @@ Err_t Task::activate(unsigned long threadCount, ThreadID_t* ids) {
     if (threadCount == 0) {
         return kErr_BadValue;
     }
-    // Held until every id is stored: each new thread takes _lock once before entering run().
-    std::lock_guard<std::mutex> hold(_lock);
+    std::unique_lock<std::mutex> hold(_lock);
+    Err_t result = kErr_Ok;
     for (unsigned long i = 0; i < threadCount; ++i) {
+        ++_starting;
         try {
             _threads.emplace_back(&Task::threadBody, this, ids ? &ids[i] : nullptr);
         } catch (const std::system_error& e) {
+            --_starting;
             Thread::SetLastSystemErr(e.code().value());
-            return kErr_Thread;
+            result = kErr_Thread;
+            break;
         }
     }
-    return kErr_Ok;
+    if (_starting == 0) {
+        _allStarted.notify_all();  // the threads that did start may all be waiting already
+    }
+    _allStarted.wait(hold, [this] { return _starting == 0; });
+    return result;
 }
 
 void Task::threadBody(ThreadID_t* idSlot) {
     if (idSlot != nullptr) {
         *idSlot = Thread::Self();
     }
-    { std::lock_guard<std::mutex> gate(_lock); }
+    {
+        std::unique_lock<std::mutex> gate(_lock);
+        if (--_starting == 0) {
+            _allStarted.notify_all();
+        }
+        _allStarted.wait(gate, [this] { return _starting == 0; });
+    }
     (void)run();
 }
 
