@@ -129,22 +129,39 @@ VELErr_t endOfStream() {
     return kVELErr_SockHalfClosed;
 }
 
-int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to) {
-    IoVecArray staged(n);
+namespace {
+
+// One sendmsg of the elements, staged in `staged`, retried when interrupted; advances `v` and `n`
+// past what it took. Returns 0 when some bytes were taken, EAGAIN when none (a count of 0
+// included), or the errno.
+int sendOnce(int fd, IoVecArray& staged, VELIoVec*& v, unsigned long& n, const sockaddr_in* to,
+             int flags) {
     msghdr message{};
     message.msg_name = const_cast<sockaddr_in*>(to);
     message.msg_namelen = to != nullptr ? sizeof(*to) : 0;
-    while (n > 0) {
-        message.msg_iov = staged.fill(v, n);
-        message.msg_iovlen = staged.size();
+    message.msg_iov = staged.fill(v, n);
+    message.msg_iovlen = staged.size();
+    for (;;) {
         // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
-        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
+        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | flags);
         if (sent > 0) {
             advance(v, n, static_cast<std::size_t>(sent));
-            continue;
+            return 0;
         }
-        const int err = sent == 0 ? EAGAIN : errno;  // nothing taken counts as would-block
+        const int err = sent == 0 ? EAGAIN : errno;
         if (err != EINTR) {
+            return err;
+        }
+    }
+}
+
+}  // namespace
+
+int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to) {
+    IoVecArray staged(n);
+    while (n > 0) {
+        const int err = sendOnce(fd, staged, v, n, to, 0);
+        if (err != 0) {
             return err;
         }
     }
@@ -153,20 +170,7 @@ int sendAll(int fd, VELIoVec*& v, unsigned long& n, const sockaddr_in* to) {
 
 int sendNow(int fd, VELIoVec*& v, unsigned long& n) {
     IoVecArray staged(n);
-    msghdr message{};
-    message.msg_iov = staged.fill(v, n);
-    message.msg_iovlen = staged.size();
-    for (;;) {
-        const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0) {
-            advance(v, n, static_cast<std::size_t>(sent));
-            return 0;
-        }
-        const int err = sent == 0 ? EAGAIN : errno;
-        if (err != EINTR) {
-            return err == EWOULDBLOCK ? EAGAIN : err;
-        }
-    }
+    return sendOnce(fd, staged, v, n, nullptr, MSG_DONTWAIT);
 }
 
 int pollOne(int fd, short events, const basis::TimeValue* limit, short* revents, int* err) {
