@@ -17,10 +17,7 @@
 #include "MemorySocket.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
-#include "VEL_HOLM.h"
-#include "VEL_Message.h"
 #include "VEL_TCPAcceptor.h"
-#include "VEL_TCPConnector.h"
 #include "VEL_Tools.h"
 #include "VelcatProcess.h"
 
@@ -201,43 +198,6 @@ TEST(VelcatTest, ClientSendsAndReadsFramesAsBuiltByHand) {
         EXPECT_EQ(client.wait(), 0) << client.errors();
         EXPECT_EQ(client.output(), each.reply.empty() ? "" : "answer\n");
     }
-}
-
-// The listener's echo takes the settings of the frame it answers: an OXLv2 frame compressed or
-// not, a HOLM frame in a secure session opened by the peer (answered with the session ID).
-TEST(VelcatTest, ListenerEchoFollowsThePeersCompressionAndSession) {
-    auto oxl2 = startListener("-p oxl2 -e");
-    veltest::RawFd raw = veltest::RawConnect(oxl2->listeningPort());
-    for (const std::string& frame : {oxlFrame('2', "plain body"), oxl2CompressedFrame(kLine)}) {
-        ASSERT_TRUE(veltest::WriteAll(raw.get(), frame));
-        EXPECT_TRUE(veltest::ReadExactly(raw.get(), frame.size()) == frame);
-    }
-    raw.reset();
-    stopListener(*oxl2);
-
-    auto holm = startListener("-p holm -e");
-    VEL_TCPConnector connector(holm->listeningPort(), "127.0.0.1");
-    VEL_Socket* connected = nullptr;
-    ASSERT_EQ(connector.connect(connected), kVELErr_Ok);
-    std::unique_ptr<VEL_Socket> socket(connected);
-    VEL_HOLM client(socket.get(), 1 << 20);
-    ASSERT_EQ(client.openSecureSession(), kVELErr_Ok);
-    client.setCompression(true);
-    for (int round = 0; round < 2; ++round) {
-        VEL_Message message;
-        ASSERT_EQ(message.setData(kLine.data(), kLine.size()), kVELErr_Ok);
-        ASSERT_EQ(client.sendMessage(&message), kVELErr_Ok);
-        char header[28];
-        ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*socket), sizeof(header)));
-        ASSERT_EQ(::recv(veltest::Fd(*socket), header, sizeof(header), MSG_PEEK), 28);
-        // Secure, not the initiator, compressed, the session ID field.
-        EXPECT_EQ(std::string(header + 16, 8), std::string("\x41\x06\x42\0\0\x04\0\0", 8));
-        VEL_Message answer;
-        ASSERT_EQ(client.recvMessage(&answer), kVELErr_Ok);
-        EXPECT_TRUE(std::string(answer.data(), answer.size()) == kLine);
-    }
-    socket.reset();
-    stopListener(*holm);
 }
 
 // Peers that misbehave are closed one by one, each with a trace line, while a well-behaved
