@@ -182,19 +182,6 @@ protected:
     Recorder recorder;
 };
 
-TEST_P(PipeTest, MultiModeSendsTakeTheConnectionsInRegistrationOrder) {
-    Server servers[3];
-    auto pipe = makePipe(false, {&servers[0], &servers[1], &servers[2]});
-    ASSERT_EQ(pipe->open(), kVELErr_Ok);
-    const int fds[3] = {servers[0].acceptFd(), servers[1].acceptFd(), servers[2].acceptFd()};
-    for (const char* message : {"m0", "m1", "m2", "m3"}) {
-        ASSERT_EQ(pipe->send(message, 2), kVELErr_Ok);
-    }
-    EXPECT_EQ(veltest::ReadExactly(fds[0], 4), "m0m3");
-    EXPECT_EQ(veltest::ReadExactly(fds[1], 2), "m1");
-    EXPECT_EQ(veltest::ReadExactly(fds[2], 2), "m2");
-}
-
 TEST_P(PipeTest, FailoverStartsAtARandomEndpoint) {
     Server servers[2];
     std::set<std::string> primaries;
@@ -334,19 +321,27 @@ TEST_P(PipeTest, SendsGoOnWhileAnotherThreadWaitsInRecv) {
     EXPECT_EQ(got, 'r');
 }
 
-TEST_P(PipeTest, AFailedSendMovesToTheNextConnectionUntilTheDeadline) {
-    Server servers[2];
-    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+// Sends take the connections in registration order; a failed send moves to the next one until
+// the deadline.
+TEST_P(PipeTest, MultiModeSendsRotateAndAFailedSendMovesOnUntilTheDeadline) {
+    Server servers[3];
+    auto pipe = makePipe(false, {&servers[0], &servers[1], &servers[2]});
     ASSERT_EQ(pipe->open(), kVELErr_Ok);
-    pipe->failSends = 1;
+    const int fds[3] = {servers[0].acceptFd(), servers[1].acceptFd(), servers[2].acceptFd()};
+    for (const char* message : {"m0", "m1", "m2", "m3"}) {
+        ASSERT_EQ(pipe->send(message, 2), kVELErr_Ok);
+    }
+    pipe->failSends = 1;  // the next connection, servers[1], fails
     ASSERT_EQ(pipe->send("z", 1), kVELErr_Ok);
-    EXPECT_EQ(pipe->sends, 2);
-    EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
-    EXPECT_EQ(veltest::ReadExactly(servers[1].acceptFd(), 1), "z");
+    EXPECT_EQ(pipe->sends, 6);
+    EXPECT_EQ(recorder.count(on("drop", servers[1])), 1);
+    EXPECT_EQ(veltest::ReadExactly(fds[0], 4), "m0m3");
+    EXPECT_EQ(veltest::ReadExactly(fds[1], 2), "m1");
+    EXPECT_EQ(veltest::ReadExactly(fds[2], 3), "m2z");
     pipe->setSendTimeout(0);  // one attempt
     pipe->failSends = 100;
     EXPECT_EQ(pipe->send("z", 1), kVELErr_Timeout);
-    EXPECT_EQ(pipe->sends, 3);
+    EXPECT_EQ(pipe->sends, 7);
 }
 
 TEST_P(PipeTest, PurgeDrainsWaitingInputAndDropsClosedConnections) {
