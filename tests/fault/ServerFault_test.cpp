@@ -255,6 +255,34 @@ INSTANTIATE_TEST_SUITE_P(Protocols, FramedServerTest, ::testing::ValuesIn(Protoc
                              return std::string(param.param.name);
                          });
 
+class ConnectionChurnTest : public FramedServer {
+protected:
+    ConnectionChurnTest() : FramedServer(Protocols()[0]) {}
+};
+
+// Connections come and go 1000 times; the server is left with its listener and wake-up socket.
+TEST_F(ConnectionChurnTest, ThousandConnectionsOpenedAndClosedLeaveNothingBehind) {
+    const unsigned long sockets = VEL_Socket::GetNbInstances();
+    const int descriptors = veltest::OpenFdCount();
+    const std::string frame = Frame(_protocol, "ping");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+    int opened = 0;
+    for (; opened < 1000 && std::chrono::steady_clock::now() < deadline; ++opened) {
+        veltest::RawFd peer = veltest::RawConnect(port());
+        if (opened % 100 == 0) {  // now and then a whole exchange
+            ASSERT_TRUE(veltest::WriteAll(peer.get(), frame));
+            ASSERT_EQ(veltest::ReadExactly(peer.get(), frame.size()), frame);
+        }
+    }
+    EXPECT_EQ(opened, 1000) << "the loop ran out of time";
+    EXPECT_TRUE(veltest::WaitFor([&] {
+        return _reactor->getNbElement() == 2 && VEL_Socket::GetNbInstances() == sockets &&
+               veltest::OpenFdCount() == descriptors;
+    })) << _reactor->getNbElement()
+        << " handlers, " << VEL_Socket::GetNbInstances() - sockets << " sockets and "
+        << veltest::OpenFdCount() - descriptors << " descriptors left";
+}
+
 // A peer announces 4 GiB to a receiver without a limit of its own: the buffer manager's largest
 // buffer bounds it. Nothing is allocated, and nothing after the header is read.
 TEST(HugeAnnouncementTest, RefusedWithoutAllocatingOrReadingTheBody) {
