@@ -258,26 +258,13 @@ TEST_F(SocketTest, FailedCloseIsReportedButTheDescriptorIsNotKept) {
     EXPECT_EQ(probe.close(), kVELErr_Ok);
 }
 
-TEST_F(SocketTest, WaitWithoutLimitIgnoresTheSocketTimeOuts) {
+TEST_F(SocketTest, WaitsEndWithTheirLimitAndWaitsWithoutOneIgnoreTheSocketTimeOuts) {
+    veltest::RecordingSink sink(kVELTrace_ComError);
+    veltest::ScopedSink installed(&sink);
     VEL_SockOptions options;
     options.setNonBlock(true);
     options.setTimeOut(0);
     veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair(options);
-    ASSERT_TRUE(pair.client && pair.server);
-    const pid_t waiter = veltest::CurrentTid();
-    std::thread writer([&] {
-        // Write only once the main thread is blocked in its wait.
-        EXPECT_TRUE(veltest::WaitUntilSleeping(waiter));
-        EXPECT_EQ(pair.server->send("x", 1), kVELErr_Ok);
-    });
-    EXPECT_EQ(pair.client->waitForRead(nullptr), kVELErr_Ok);
-    writer.join();
-}
-
-TEST_F(SocketTest, WaitsEndWithTheirLimit) {
-    veltest::RecordingSink sink(kVELTrace_ComError);
-    veltest::ScopedSink installed(&sink);
-    veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair();
     ASSERT_TRUE(pair.client && pair.server);
     const basis::TimeValue limit(0, 200000);
     const auto start = std::chrono::steady_clock::now();
@@ -287,6 +274,15 @@ TEST_F(SocketTest, WaitsEndWithTheirLimit) {
     EXPECT_LT(elapsed, std::chrono::milliseconds(1200));
     EXPECT_TRUE(sink.contains("COM - Timeout error {"));
     EXPECT_EQ(pair.client->waitForWrite(&basis::TimeValue::kZero), kVELErr_Ok);
+
+    const pid_t waiter = veltest::CurrentTid();
+    std::thread writer([&] {
+        // Write only once the main thread is blocked in its wait.
+        EXPECT_TRUE(veltest::WaitUntilSleeping(waiter));
+        EXPECT_EQ(pair.server->send("x", 1), kVELErr_Ok);
+    });
+    EXPECT_EQ(pair.client->waitForRead(nullptr), kVELErr_Ok);
+    writer.join();
 
     BareSocket bare;  // no descriptor: fails at once even without a limit
     EXPECT_EQ(bare.waitForRead(nullptr), kVELErr_Select);

@@ -202,41 +202,36 @@ protected:
     ProbeAccess* _probe = nullptr;
 };
 
-TEST_P(TimerServiceTest, FiresOnceOrCountTimesOneIntervalApart) {
-    const long counts[] = {0, 1, 3};  // 0 and 1 both mean once
-    std::vector<boost::shared_ptr<Recorder>> recorders;
+TEST_P(TimerServiceTest, FiresOnceCountTimesOrUntilUnsubscribedOneIntervalApart) {
+    auto once = boost::make_shared<Recorder>();
+    auto thrice = boost::make_shared<Recorder>();
+    Recorder repeating;  // a raw subscriber
     const Clock::time_point start = Clock::now();
-    for (long count : counts) {
-        recorders.push_back(boost::make_shared<Recorder>());
-        ASSERT_NE(_manager->subscribe(recorders.back(), 1, count, false), 0u);
-    }
-    ASSERT_TRUE(recorders[2]->waitFor(3, std::chrono::seconds(6)));
-    EXPECT_TRUE(timersEnd());  // nothing left to fire again
-    for (size_t i = 0; i < recorders.size(); ++i) {
-        const std::vector<Recorder::Event> events = recorders[i]->events();
-        ASSERT_EQ(events.size(), i < 2 ? 1u : 3u);
+    ASSERT_NE(_manager->subscribe(once, 1, 0, false), 0u);
+    ASSERT_NE(_manager->subscribe(thrice, 1, 3, false), 0u);
+    const unsigned long id = _manager->subscribe(&repeating, 1, -1);
+    ASSERT_TRUE(thrice->waitFor(3, std::chrono::seconds(6)));
+    ASSERT_TRUE(repeating.waitFor(3, std::chrono::seconds(2)));
+    // Between two shots the timer waits in the queue: unsubscribe cancels it outright.
+    ASSERT_FALSE(repeating.waitFor(4, milliseconds(300)));
+    EXPECT_EQ(_manager->unsubscribe(id), id);
+    EXPECT_EQ(repeating.cancels.load(), 1);
+    EXPECT_TRUE(timersEnd());                  // the counted ones have nothing left to fire
+    EXPECT_EQ(_manager->unsubscribe(id), 0u);  // unknown by now
+    const std::vector<Recorder::Event> histories[] = {once->events(), thrice->events(),
+                                                      repeating.events()};
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(histories[i].size(), i == 0 ? 1u : 3u);
         Clock::time_point previous = start;
-        for (const Recorder::Event& event : events) {
+        for (const Recorder::Event& event : histories[i]) {
             EXPECT_GE(millisecondsBetween(previous, event.at), 1000 - kTick.count());
             EXPECT_LE(millisecondsBetween(previous, event.at), 2000);
             previous = event.at;
         }
     }
-}
-
-TEST_P(TimerServiceTest, RawSubscriberRepeatsUntilUnsubscribedAndIsToldOnce) {
-    Recorder recorder;
-    const unsigned long id = _manager->subscribe(&recorder, 1, -1);
-    ASSERT_TRUE(recorder.waitFor(2, std::chrono::seconds(4)));
-    EXPECT_EQ(recorder.events().at(1).id, id);
-    // Between two shots the timer waits in the queue: unsubscribe cancels it outright.
-    ASSERT_FALSE(recorder.waitFor(3, milliseconds(300)));
-    EXPECT_EQ(_manager->unsubscribe(id), id);
-    EXPECT_EQ(recorder.cancels.load(), 1);
-    EXPECT_EQ(_probe->timerCount(), 0u);
-    EXPECT_EQ(_manager->unsubscribe(id), 0u);  // unknown by now
-    EXPECT_FALSE(recorder.waitFor(3, milliseconds(1200)));
-    EXPECT_EQ(recorder.cancels.load(), 1);
+    EXPECT_EQ(histories[2].back().id, id);
+    EXPECT_FALSE(repeating.waitFor(4, milliseconds(1200)));
+    EXPECT_EQ(repeating.cancels.load(), 1);
 }
 
 TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalled) {
