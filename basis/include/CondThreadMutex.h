@@ -12,8 +12,9 @@
 #ifndef BASIS_INCLUDE_CONDTHREADMUTEX_H
 #define BASIS_INCLUDE_CONDTHREADMUTEX_H
 
+#include <pthread.h>
+
 #include <atomic>
-#include <condition_variable>
 
 #include "ThreadMutex.h"
 #include "TimeValue.h"
@@ -23,7 +24,8 @@ namespace basis {
 
 class CondThreadMutex {
 public:
-    explicit CondThreadMutex(ThreadMutex& mutex) : _mutex(mutex) {}
+    explicit CondThreadMutex(ThreadMutex& mutex);
+    ~CondThreadMutex();
     CondThreadMutex(const CondThreadMutex&) = delete;
     CondThreadMutex& operator=(const CondThreadMutex&) = delete;
 
@@ -41,7 +43,7 @@ public:
 
 private:
     ThreadMutex& _mutex;
-    std::condition_variable _cond;
+    pthread_cond_t _cond;  // on CLOCK_MONOTONIC
     std::atomic<unsigned long> _generation{0};
     char _name[48] = {};
 };

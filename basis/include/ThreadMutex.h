@@ -1,10 +1,15 @@
 // basis::ThreadMutex and basis::RecursiveThreadMutex: the library's mutual exclusion.
 //
-// Both wrap the standard library mutexes and add owner tracking, so that misuse is reported
-// instead of being undefined behaviour: acquiring a ThreadMutex the calling thread already holds
-// returns kErr_ThreadAcquire (instead of deadlocking), releasing a mutex the caller does not hold
-// returns kErr_ThreadRelease. They also satisfy BasicLockable (lock/unlock) so that standard
-// guards can be used inside the library.
+// Both add owner tracking to a system mutex, so that misuse is reported instead of being
+// undefined behaviour: acquiring a ThreadMutex the calling thread already holds returns
+// kErr_ThreadAcquire (instead of deadlocking), releasing a mutex the caller does not hold returns
+// kErr_ThreadRelease. They also satisfy BasicLockable (lock/unlock) so that standard guards can
+// be used inside the library.
+//
+// ThreadMutex is an adaptive POSIX mutex: a thread that finds it held spins briefly, with
+// back-off, before it goes to sleep. The library's critical sections are short (a queue holds its mutex
+// for one ring-buffer step), so the holder usually lets go within the spin, and neither thread
+// makes a futex call. RecursiveThreadMutex wraps std::recursive_mutex.
 //
 // Thread safety: any thread may acquire and release. setName must be called before the mutex is
 // shared (it is a diagnostic label only).
@@ -24,6 +29,7 @@ namespace basis {
 class VEL_CAPABILITY("mutex") ThreadMutex {
 public:
     constexpr ThreadMutex() = default;
+    ~ThreadMutex() { (void)pthread_mutex_destroy(&_mutex); }
     ThreadMutex(const ThreadMutex&) = delete;
     ThreadMutex& operator=(const ThreadMutex&) = delete;
 
@@ -34,7 +40,7 @@ public:
         if (_owner.load(std::memory_order_relaxed) == self) {
             return kErr_ThreadAcquire;  // would deadlock on itself
         }
-        _mutex.lock();
+        (void)pthread_mutex_lock(&_mutex);  // a valid mutex not held by the caller: cannot fail
         _owner.store(self, std::memory_order_relaxed);
         return kErr_Ok;
     }
@@ -44,7 +50,7 @@ public:
             return kErr_ThreadRelease;
         }
         _owner.store(0, std::memory_order_relaxed);
-        _mutex.unlock();
+        (void)pthread_mutex_unlock(&_mutex);  // held by the caller: cannot fail
         return kErr_Ok;
     }
     // True when the mutex was free and is now held by the caller.
@@ -64,7 +70,7 @@ private:
 
     static unsigned long SelfHandle() { return static_cast<unsigned long>(pthread_self()); }
 
-    std::mutex _mutex;
+    pthread_mutex_t _mutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
     std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free
     char _name[32] = {};
 };

@@ -15,7 +15,7 @@ unsigned long selfHandle() {
 }  // namespace
 
 bool ThreadMutex::tryAcquire() {
-    if (!_mutex.try_lock()) {
+    if (pthread_mutex_trylock(&_mutex) != 0) {
         return false;
     }
     _owner.store(selfHandle(), std::memory_order_relaxed);
