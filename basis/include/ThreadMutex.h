@@ -6,10 +6,12 @@
 // kErr_ThreadRelease. They also satisfy BasicLockable (lock/unlock) so that standard guards can
 // be used inside the library.
 //
-// ThreadMutex is an adaptive POSIX mutex: a thread that finds it held spins briefly, with
-// back-off, before it goes to sleep. The library's critical sections are short (a queue holds its mutex
-// for one ring-buffer step), so the holder usually lets go within the spin, and neither thread
-// makes a futex call. RecursiveThreadMutex wraps std::recursive_mutex.
+// ThreadMutex is a POSIX mutex of one of two kinds. A sleeping mutex puts a thread that finds it
+// held to sleep at once. A spinning (adaptive) mutex lets that thread spin briefly, with
+// back-off, first: made for mutexes that several threads take all the time for a few
+// instructions each, such as a work queue's, where the holder usually lets go within the spin
+// and neither thread makes a futex call. Uncontended, the sleeping kind is a little cheaper.
+// RecursiveThreadMutex wraps std::recursive_mutex.
 //
 // Thread safety: any thread may acquire and release. setName must be called before the mutex is
 // shared (it is a diagnostic label only).
@@ -28,7 +30,10 @@ namespace basis {
 
 class VEL_CAPABILITY("mutex") ThreadMutex {
 public:
+    enum Kind { kSleeping, kSpinning };
+
     constexpr ThreadMutex() = default;
+    explicit constexpr ThreadMutex(Kind kind) : _mutex(InitialState(kind)) {}
     ~ThreadMutex() { (void)pthread_mutex_destroy(&_mutex); }
     ThreadMutex(const ThreadMutex&) = delete;
     ThreadMutex& operator=(const ThreadMutex&) = delete;
@@ -68,9 +73,17 @@ public:
 private:
     friend class CondThreadMutex;
 
+    static constexpr pthread_mutex_t InitialState(Kind kind) {
+        if (kind == kSpinning) {
+            pthread_mutex_t spinning = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+            return spinning;
+        }
+        pthread_mutex_t sleeping = PTHREAD_MUTEX_INITIALIZER;
+        return sleeping;
+    }
     static unsigned long SelfHandle() { return static_cast<unsigned long>(pthread_self()); }
 
-    pthread_mutex_t _mutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
     std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free
     char _name[32] = {};
 };

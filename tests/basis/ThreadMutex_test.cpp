@@ -1,7 +1,9 @@
 #include "ThreadMutex.h"
 
 #include <atomic>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +28,48 @@ TEST(ThreadMutexTest, SecondAcquireAndReleaseByAnotherThreadAreRefused) {
     EXPECT_EQ(mutex.release(), kErr_Ok);
     EXPECT_EQ(mutex.release(), basis::kErr_ThreadRelease);
 }
+
+class ThreadMutexKindTest : public ::testing::TestWithParam<basis::ThreadMutex::Kind> {};
+
+// Both kinds exclude under contention (the counter is a plain long: a lost update or, under
+// TSan, a race shows a broken lock), refuse tryAcquire while held, and come back owned from a
+// condition wait.
+TEST_P(ThreadMutexKindTest, ExcludesUnderContentionAndComesBackOwnedFromAWait) {
+    basis::ThreadMutex mutex(GetParam());
+    constexpr int kThreads = 3;
+    constexpr long kRounds = 20000;
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (long round = 0; round < kRounds; ++round) {
+                std::lock_guard<basis::ThreadMutex> hold(mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(counter, kThreads * kRounds);
+
+    ASSERT_EQ(mutex.acquire(), kErr_Ok);
+    bool otherGotIt = true;
+    std::thread other([&] { otherGotIt = mutex.tryAcquire(); });
+    other.join();
+    EXPECT_FALSE(otherGotIt);
+    basis::CondThreadMutex cond(mutex);
+    const basis::TimeValue limit(0, 1000);
+    EXPECT_EQ(cond.wait(&limit), basis::kErr_Timeout);
+    EXPECT_TRUE(mutex.isHeldBySelf());
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+    EXPECT_TRUE(mutex.tryAcquire());
+    EXPECT_EQ(mutex.release(), kErr_Ok);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ThreadMutexKindTest,
+                         ::testing::Values(basis::ThreadMutex::kSleeping,
+                                           basis::ThreadMutex::kSpinning));
 
 TEST(ThreadMutexTest, GuardThrowsThreadExceptionWithItsFrameOnFailedAcquire) {
     basis::ThreadMutex mutex;

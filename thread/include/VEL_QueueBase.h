@@ -215,7 +215,8 @@ protected:
     VEL_QueueLimits _limits;         // guarded by _mutex
     VEL_QueueWMNotifier* _notifier;  // guarded by _mutex
     // The queue's one lock (a leaf: see the lock order above). Guards _limits, _notifier, the
-    // fields below and the derived class's storage.
+    // fields below and the derived class's storage. A spinning mutex: producers and consumers
+    // take it for a few instructions each, all the time.
     mutable basis::ThreadMutex _mutex;
     basis::CondThreadMutex _notEmptyCond;  // consumers wait on it
     basis::CondThreadMutex _notFullCond;   // producers wait on it
@@ -244,6 +245,7 @@ VEL_QueueBase<T>::VEL_QueueBase(const VEL_QueueLimits& limits, VEL_QueueWMNotifi
       _active(active),
       _limits(limits),
       _notifier(notifier),
+      _mutex(basis::ThreadMutex::kSpinning),
       _notEmptyCond(_mutex),
       _notFullCond(_mutex) {
     if (CapacityOf(_limits) == 0) {
