@@ -83,8 +83,10 @@ private:
     }
     static unsigned long SelfHandle() { return static_cast<unsigned long>(pthread_self()); }
 
-    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
+    // The owner right before the lock word, so that both usually share a cache line: every
+    // acquire and release writes the two.
     std::atomic<unsigned long> _owner{0};  // pthread handle of the holder, 0 when free
+    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
     char _name[32] = {};
 };
 
