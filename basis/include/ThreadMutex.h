@@ -32,6 +32,7 @@ class VEL_CAPABILITY("mutex") ThreadMutex {
 public:
     enum Kind { kSleeping, kSpinning };
 
+    // A sleeping mutex, or one of the given kind (see above).
     constexpr ThreadMutex() = default;
     explicit constexpr ThreadMutex(Kind kind) : _mutex(InitialState(kind)) {}
     ~ThreadMutex() { (void)pthread_mutex_destroy(&_mutex); }
