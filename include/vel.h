@@ -34,6 +34,7 @@
 #include "VEL_Connector.h"
 #include "VEL_CryptoTools.h"
 #include "VEL_Encryptor.h"
+#include "VEL_FrameCodec.h"
 #include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"

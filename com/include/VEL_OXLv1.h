@@ -23,11 +23,43 @@
 #include <cstdint>
 
 #include "VELIoVec.h"
+#include "VEL_FrameCodec.h"
 #include "VEL_Transport.h"
 
 constexpr std::uint32_t kVEL_OXLv1HeaderSize = 12;
 constexpr std::uint16_t kVEL_OXLv1Marker = 32;
 constexpr char kVEL_OXLv1Version = '1';
+
+class VEL_OXLv1Codec : public VEL_FrameCodec {
+public:
+    // `maxMessageSize`: the largest body a decoded frame may announce.
+    explicit VEL_OXLv1Codec(unsigned long maxMessageSize);
+    ~VEL_OXLv1Codec() override;
+
+    // The header and, when there is one, the body. Always kVELErr_Ok.
+    VELErr_t encodeParts(VEL_Message* message, VELIoVec* parts, unsigned long* count) override;
+    // The header block, then the body. A bad header gives kVELErr_BadStreamHeader or
+    // kVELErr_MessageTooBig, a body that cannot be had kVELErr_Alloc, each traced with a dump of
+    // the header under trace bit 16.
+    unsigned long nextParts(VEL_Message* target, VELIoVec* parts, unsigned long* count) override;
+    VELErr_t received(VEL_Message* target, unsigned long received) override;
+    void reset() override;
+    bool inFrame() const override { return _have > 0 || _inBody; }
+
+    // Writes the header of `message` into the send block and returns it (12 bytes).
+    const char* fillHeader(const VEL_Message& message);
+    // The header block of the frame being decoded, or of the last one.
+    const char* receivedHeader() const { return _inHeader; }
+
+private:
+    VELErr_t judgeHeader(VEL_Message* target);
+
+    char _outHeader[kVEL_OXLv1HeaderSize];
+    char _inHeader[kVEL_OXLv1HeaderSize];
+    unsigned long _maxMessageSize;
+    std::uint32_t _have;  // bytes of the current stage (header or body) received
+    bool _inBody;
+};
 
 class VEL_OXLv1 : public VEL_Transport {
 public:
@@ -53,8 +85,7 @@ protected:
     VELErr_t recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message);
 
 private:
-    char _header[kVEL_OXLv1HeaderSize];
-    unsigned long _maxMessageSize;
+    VEL_OXLv1Codec _codec;
 };
 
 #endif  // COM_INCLUDE_VEL_OXLV1_H

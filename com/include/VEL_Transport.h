@@ -19,6 +19,7 @@
 
 #include "VEL_Err.h"
 
+class VEL_FrameCodec;
 class VEL_Message;
 class VEL_Socket;
 
@@ -43,6 +44,13 @@ protected:
     // The argument checks every operation starts with: kVELErr_InvalidSocket without a socket,
     // kVELErr_InvalidPointer for a null message (both traced), otherwise kVELErr_Ok.
     VELErr_t checkArguments(const VEL_Message* message) const;
+    // Reads the rest of the frame under way in `codec` into `message`: the places the codec
+    // names, in one scattered read each time it names some. kVELErr_Ok when the frame is whole;
+    // otherwise the socket's failure (untraced; *fromSocket set true when given) or the codec's
+    // (traced by the codec; *fromSocket false).
+    // REQUIRES: the codec is in a frame (after its header).
+    VELErr_t readRest(VEL_FrameCodec& codec, VEL_Message* message,
+                      bool* fromSocket = nullptr) const;
 
 private:
     VEL_Socket* _socket;

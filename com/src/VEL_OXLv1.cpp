@@ -11,8 +11,89 @@ const VEL_StaticInit kStaticInit;
 
 }  // namespace
 
+VEL_OXLv1Codec::VEL_OXLv1Codec(unsigned long maxMessageSize)
+    : _outHeader(), _inHeader(), _maxMessageSize(maxMessageSize), _have(0), _inBody(false) {}
+
+VEL_OXLv1Codec::~VEL_OXLv1Codec() = default;
+
+const char* VEL_OXLv1Codec::fillHeader(const VEL_Message& message) {
+    // Bodies come from the buffer manager, so the total fits in 32 bits.
+    velcom::putLengthPair(_outHeader,
+                          static_cast<std::uint32_t>(message.size()) + kVEL_OXLv1HeaderSize);
+    velcom::putUint16(_outHeader + 8, kVEL_OXLv1Marker);
+    _outHeader[10] = kVEL_OXLv1Version;
+    _outHeader[11] = 0;
+    return _outHeader;
+}
+
+VELErr_t VEL_OXLv1Codec::encodeParts(VEL_Message* message, VELIoVec* parts, unsigned long* count) {
+    parts[0] = VELIoVec{const_cast<char*>(fillHeader(*message)), kVEL_OXLv1HeaderSize};
+    *count = 1;
+    if (message->size() > 0) {
+        parts[(*count)++] = velcom::bodyElement(*message);
+    }
+    return kVELErr_Ok;
+}
+
+unsigned long VEL_OXLv1Codec::nextParts(VEL_Message* target, VELIoVec* parts,
+                                        unsigned long* count) {
+    *count = 1;
+    if (_inBody) {
+        const VELIoVec body = velcom::bodyElement(*target);
+        parts[0] = VELIoVec{body.iov_base + _have, body.iov_len - _have};
+    } else {
+        parts[0] = VELIoVec{_inHeader + _have, kVEL_OXLv1HeaderSize - _have};
+    }
+    return parts[0].iov_len;
+}
+
+VELErr_t VEL_OXLv1Codec::received(VEL_Message* target, unsigned long received) {
+    _have += static_cast<std::uint32_t>(received);
+    if (_inBody) {
+        if (_have < target->size()) {
+            return kVELErr_Incomplete;
+        }
+        reset();
+        return kVELErr_Ok;
+    }
+    if (_have < kVEL_OXLv1HeaderSize) {
+        return kVELErr_Incomplete;
+    }
+    const VELErr_t code = judgeHeader(target);
+    reset();
+    if (code == kVELErr_Ok && target->size() > 0) {
+        _inBody = true;
+        return kVELErr_Incomplete;
+    }
+    return code;
+}
+
+VELErr_t VEL_OXLv1Codec::judgeHeader(VEL_Message* target) {
+    std::uint32_t total = 0;
+    VELErr_t code = kVELErr_Ok;
+    if (!velcom::getLengthPair(_inHeader, &total) ||
+        velcom::getUint16(_inHeader + 8) != kVEL_OXLv1Marker ||
+        _inHeader[10] != kVEL_OXLv1Version) {
+        code = kVELErr_BadStreamHeader;
+    } else if (total < kVEL_OXLv1HeaderSize || total - kVEL_OXLv1HeaderSize > _maxMessageSize) {
+        code = kVELErr_MessageTooBig;
+    } else {
+        code = velcom::prepareBody(target, total - kVEL_OXLv1HeaderSize);
+    }
+    if (code != kVELErr_Ok) {
+        velcom::traceRecvFailure(code, "Error encountered while receiving OXLv1 header",
+                                 "Received header:", _inHeader, kVEL_OXLv1HeaderSize);
+    }
+    return code;
+}
+
+void VEL_OXLv1Codec::reset() {
+    _have = 0;
+    _inBody = false;
+}
+
 VEL_OXLv1::VEL_OXLv1(VEL_Socket* socket, unsigned long maxMessageSize)
-    : VEL_Transport(socket), _header(), _maxMessageSize(maxMessageSize) {}
+    : VEL_Transport(socket), _codec(maxMessageSize) {}
 
 VEL_OXLv1::~VEL_OXLv1() = default;
 
@@ -21,10 +102,14 @@ VELErr_t VEL_OXLv1::sendMessage(VEL_Message* message) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    VELIoVec iov[2];
+    VELIoVec iov[kVEL_MaxFrameParts];
     unsigned long count = 0;
-    (void)buildHeader(iov, count, message);  // cannot fail
-    return velcom::writeFrame(*getSocket(), iov, count, *message);
+    (void)_codec.encodeParts(message, iov, &count);  // cannot fail
+    code = getSocket()->writev(iov, count);
+    if (code != kVELErr_Ok) {
+        velcom::traceFailure(code);
+    }
+    return code;
 }
 
 VELErr_t VEL_OXLv1::recvMessage(VEL_Message* message) {
@@ -32,53 +117,39 @@ VELErr_t VEL_OXLv1::recvMessage(VEL_Message* message) {
     if (code != kVELErr_Ok) {
         return code;
     }
+    _codec.reset();  // a frame cut short by a failed call is not resumed
     unsigned long count = 0;
     code = recvHeader(nullptr, count, message);
     if (code != kVELErr_Ok) {
         velcom::traceFailure(code);
         return code;
     }
-    if (message->size() == 0) {
-        return kVELErr_Ok;
+    if (!_codec.inFrame()) {
+        return kVELErr_Ok;  // an empty body
     }
-    VELIoVec body = velcom::bodyElement(*message);
-    code = getSocket()->readv(&body, 1);
+    code = readRest(_codec, message);
     if (code != kVELErr_Ok) {
         velcom::traceRecvFailure(code, "Error receiving an OXLv1 message",
-                                 "Received header :", _header, kVEL_OXLv1HeaderSize);
+                                 "Received header :", _codec.receivedHeader(),
+                                 kVEL_OXLv1HeaderSize);
     }
     return code;
 }
 
 VELErr_t VEL_OXLv1::buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message) {
-    // Bodies come from the buffer manager, so the total fits in 32 bits.
-    velcom::putLengthPair(_header,
-                          static_cast<std::uint32_t>(message->size()) + kVEL_OXLv1HeaderSize);
-    velcom::putUint16(_header + 8, kVEL_OXLv1Marker);
-    _header[10] = kVEL_OXLv1Version;
-    _header[11] = 0;
-    iov[count++] = VELIoVec{_header, kVEL_OXLv1HeaderSize};
+    iov[count++] = VELIoVec{const_cast<char*>(_codec.fillHeader(*message)), kVEL_OXLv1HeaderSize};
     return kVELErr_Ok;
 }
 
 VELErr_t VEL_OXLv1::recvHeader(VELIoVec* /*iov*/, unsigned long& /*count*/, VEL_Message* message) {
-    VELErr_t code = getSocket()->recv(_header, kVEL_OXLv1HeaderSize);
+    VELIoVec header[kVEL_MaxFrameParts];
+    unsigned long parts = 0;
+    const unsigned long length = _codec.nextParts(message, header, &parts);
+    VELErr_t code = getSocket()->recv(header[0].iov_base, length);
     if (code != kVELErr_Ok) {
         velcom::traceFailure(code);
         return code;
     }
-    std::uint32_t total = 0;
-    if (!velcom::getLengthPair(_header, &total) ||
-        velcom::getUint16(_header + 8) != kVEL_OXLv1Marker || _header[10] != kVEL_OXLv1Version) {
-        code = kVELErr_BadStreamHeader;
-    } else if (total < kVEL_OXLv1HeaderSize || total - kVEL_OXLv1HeaderSize > _maxMessageSize) {
-        code = kVELErr_MessageTooBig;
-    } else {
-        code = velcom::prepareBody(message, total - kVEL_OXLv1HeaderSize);
-    }
-    if (code != kVELErr_Ok) {
-        velcom::traceRecvFailure(code, "Error encountered while receiving OXLv1 header",
-                                 "Received header:", _header, kVEL_OXLv1HeaderSize);
-    }
-    return code;
+    code = _codec.received(message, length);
+    return code == kVELErr_Incomplete ? kVELErr_Ok : code;  // the body follows
 }

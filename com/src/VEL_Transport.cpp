@@ -1,6 +1,8 @@
 #include "VEL_Transport.h"
 
+#include "VEL_FrameCodec.h"
 #include "VEL_FrameTools.h"
+#include "VEL_Socket.h"
 #include "VEL_StaticInit.h"
 
 namespace {
@@ -22,4 +24,24 @@ VELErr_t VEL_Transport::checkArguments(const VEL_Message* message) const {
         velcom::traceFailure(code);
     }
     return code;
+}
+
+VELErr_t VEL_Transport::readRest(VEL_FrameCodec& codec, VEL_Message* message,
+                                 bool* fromSocket) const {
+    for (;;) {
+        VELIoVec parts[kVEL_MaxFrameParts];
+        unsigned long count = 0;
+        const unsigned long length = codec.nextParts(message, parts, &count);
+        VELErr_t code = _socket->readv(parts, count);
+        const bool socketFailed = code != kVELErr_Ok;
+        if (!socketFailed) {
+            code = codec.received(message, length);
+        }
+        if (code != kVELErr_Incomplete) {
+            if (fromSocket != nullptr) {
+                *fromSocket = socketFailed;
+            }
+            return code;
+        }
+    }
 }
