@@ -40,11 +40,7 @@ VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
     if (message.size() > 0) {
         iov[count++] = bodyElement(message);
     }
-    const VELErr_t code = socket.writev(iov, count);
-    if (code != kVELErr_Ok) {
-        traceFailure(code, file, line);
-    }
-    return code;
+    return writeParts(socket, iov, count, file, line);
 }
 
 VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_Message& message) {
@@ -52,6 +48,15 @@ VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_M
         iov[count++] = bodyElement(message);
     }
     return count > 0 ? socket.readv(iov, count) : kVELErr_Ok;
+}
+
+VELErr_t writeParts(VEL_Socket& socket, VELIoVec* iov, unsigned long count, const char* file,
+                    unsigned long line) {
+    const VELErr_t code = socket.writev(iov, count);
+    if (code != kVELErr_Ok) {
+        traceFailure(code, file, line);
+    }
+    return code;
 }
 
 void traceRecvFailure(VELErr_t code, const char* what, const char* headerLabel, const char* header,
