@@ -1,7 +1,6 @@
 #include "VEL_FrameCodec.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <functional>
 #include <memory>
@@ -11,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CodecSupport.h"
 #include "MemorySocket.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
@@ -25,44 +25,14 @@ namespace {
 using veltest::Hex;
 using veltest::MemorySocket;
 
-// A message as it came out of a receiver: RSCV, SSCV and body bytes.
-using Received = std::array<std::string, 3>;
+using veltest::DecodeOutcome;
 
-Received Contents(const VEL_Message& message) {
-    const std::string sscv =
-            message.checkSSCV() ? std::string(message.getSSCV(), message.getSSCVSize()) : "";
-    return {veltest::RSCV(message), sscv, veltest::Body(message)};
-}
-
-// What a receiver made of a byte stream: the whole messages, in order, and how the stream ended:
-// kVELErr_Incomplete when it stopped in a frame or between frames, otherwise the status of the
-// frame that failed; `used` counts the bytes taken up to that point.
-struct Outcome {
-    std::vector<Received> messages;
-    VELErr_t end = kVELErr_Incomplete;
-    std::size_t used = 0;
-};
-
-bool operator==(const Outcome& a, const Outcome& b) {
-    return a.messages == b.messages && a.end == b.end && a.used == b.used;
-}
-
-std::ostream& operator<<(std::ostream& out, const Outcome& o) {
-    out << o.messages.size() << " messages, end " << o.end << " after " << o.used << " bytes";
-    return out;
-}
-
-// A format without framing hands over what has arrived, so the cut between messages depends on
-// the split: such a receiver is judged on the bytes it delivered, as one message.
-Outcome Joined(const Outcome& outcome) {
-    Outcome joined = outcome;
-    joined.messages.assign(1, Received{});
-    for (const Received& message : outcome.messages) {
+// The messages of a format without framing: none empty, none above the largest receive.
+void ExpectPieces(const DecodeOutcome& outcome) {
+    for (const veltest::Received& message : outcome.messages) {
         EXPECT_FALSE(message[2].empty());
         EXPECT_LE(message[2].size(), kVEL_TN3270RecvSize);
-        joined.messages[0][2] += message[2];
     }
-    return joined;
 }
 
 // A stream to decode, and how it must end (kVELErr_Incomplete: every frame whole or the last
@@ -76,58 +46,9 @@ struct Stream {
 struct Format {
     const char* name;
     std::function<std::unique_ptr<VEL_FrameCodec>()> codec;
-    std::function<std::unique_ptr<VEL_Transport>(VEL_Socket*)> transport;
+    veltest::TransportMaker transport;
     std::vector<Stream> streams;
 };
-
-// The blocking transport over a socket that serves `stream` and then reports its end.
-Outcome ReadBlocking(const Format& format, const std::string& stream) {
-    MemorySocket socket;
-    socket.feed(stream);
-    socket.closeInput();
-    const auto transport = format.transport(&socket);
-    Outcome outcome;
-    VEL_Message message;
-    while (socket.unread() > 0) {
-        const VELErr_t code = transport->recvMessage(&message);
-        if (code != kVELErr_Ok) {
-            // Running out of input is what the codec reports as "more bytes needed".
-            outcome.end = code == kVELErr_SockHalfClosed ? kVELErr_Incomplete : code;
-            break;
-        }
-        outcome.messages.push_back(Contents(message));
-    }
-    outcome.used =
-            outcome.end == kVELErr_Incomplete ? stream.size() : stream.size() - socket.unread();
-    return outcome;
-}
-
-// The codec fed with `stream` in pieces of the sizes `nextChunk` gives.
-Outcome Decode(const Format& format, const std::string& stream,
-               const std::function<std::size_t()>& nextChunk) {
-    const auto codec = format.codec();
-    Outcome outcome;
-    VEL_Message message;
-    std::size_t pos = 0;
-    while (pos < stream.size()) {
-        const std::size_t end =
-                std::min(stream.size(), pos + std::max<std::size_t>(1, nextChunk()));
-        while (pos < end) {
-            std::size_t used = 0;
-            const VELErr_t code = codec->decode(stream.data() + pos, end - pos, &used, &message);
-            pos += used;
-            if (code == kVELErr_Ok) {
-                outcome.messages.push_back(Contents(message));
-            } else if (code != kVELErr_Incomplete) {
-                outcome.end = code;
-                outcome.used = pos;
-                return outcome;
-            }
-        }
-    }
-    outcome.used = pos;
-    return outcome;
-}
 
 const std::string kHello = Hex("00000011 FFFFFFEE 0020 31 00") + "hello";
 const std::string kEmpty = Hex("0000000C FFFFFFF3 0020 31 00");
@@ -170,17 +91,29 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
     std::mt19937 random(static_cast<unsigned>(::testing::UnitTest::GetInstance()->random_seed()));
     for (const Format& format : Formats()) {
         const bool partial = format.codec()->takesPartial();
-        const auto judged = [partial](const Outcome& o) { return partial ? Joined(o) : o; };
+        // Each run with a new codec, as a new connection.
+        const auto decode = [&](const std::string& stream, std::function<std::size_t()> chunk) {
+            const DecodeOutcome outcome =
+                    veltest::DecodeInPieces(*format.codec(), stream, std::move(chunk));
+            if (partial) {
+                ExpectPieces(outcome);
+            }
+            return partial ? veltest::Joined(outcome) : outcome;
+        };
         for (std::size_t i = 0; i < format.streams.size(); ++i) {
             SCOPED_TRACE(std::string(format.name) + " stream " + std::to_string(i));
             const std::string& stream = format.streams[i].bytes;
-            const Outcome expected = judged(ReadBlocking(format, stream));
+            DecodeOutcome expected = veltest::ReadBlocking(format.transport, stream);
             EXPECT_EQ(expected.end, format.streams[i].end);
-            EXPECT_EQ(judged(Decode(format, stream, [&] { return stream.size(); })), expected);
-            EXPECT_EQ(judged(Decode(format, stream, [] { return 1; })), expected);
+            if (partial) {
+                ExpectPieces(expected);
+                expected = veltest::Joined(expected);
+            }
+            EXPECT_EQ(decode(stream, [&] { return stream.size(); }), expected);
+            EXPECT_EQ(decode(stream, [] { return 1; }), expected);
             for (int round = 0; round < 20; ++round) {
                 std::uniform_int_distribution<std::size_t> chunk(1, 1 + stream.size() / 3);
-                EXPECT_EQ(judged(Decode(format, stream, [&] { return chunk(random); })), expected)
+                EXPECT_EQ(decode(stream, [&] { return chunk(random); }), expected)
                         << "round " << round << " (seed: --gtest_random_seed)";
             }
         }
@@ -194,7 +127,7 @@ TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
     const struct {
         const char* what;
         std::function<std::unique_ptr<VEL_FrameCodec>()> codec;
-        std::function<std::unique_ptr<VEL_Transport>(VEL_Socket*)> transport;
+        veltest::TransportMaker transport;
         std::string body;
         VELErr_t code;
     } cases[] = {
