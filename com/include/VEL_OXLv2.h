@@ -84,6 +84,9 @@ protected:
     VELErr_t uncompress(VEL_Message* message);
 
 private:
+    // recvHeader without the trace of a failed read of the RSCV and record: *inRecord tells
+    // that failure apart, for the caller to trace.
+    VELErr_t readHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message, bool* inRecord);
     VELErr_t headerFailed(VELErr_t code);
 
     char _header[kVEL_OXLv2HeaderSize];
