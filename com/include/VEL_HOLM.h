@@ -111,8 +111,10 @@ public:
     VELErr_t sendMessage(VEL_Message* message) override;
     // Reads one frame into the message (RSCV and SSCV buffers released when the frame has none),
     // decrypting and uncompressing its body as the header says. kVELErr_Ok; the receive checks
-    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression; kVELErr_Alloc;
-    // or the socket's error. Failures are traced, with dumps under trace bit 16.
+    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression (a body that
+    // does not inflate, or inflates to fewer bytes than the plain size: the message then has no
+    // body); kVELErr_Alloc; or the socket's error. Failures are traced, with dumps under trace
+    // bit 16.
     VELErr_t recvMessage(VEL_Message* message) override;
 
     // Compression of outgoing bodies, with the zlib level `algorithm`. A received header

@@ -60,7 +60,8 @@ public:
     // Reads one frame into the message: RSCV buffer (released when the frame has none) and body,
     // uncompressed when the frame says so. kVELErr_Ok; kVELErr_BadStreamHeader,
     // kVELErr_MessageTooBig (the rest of the frame is left unread); kVELErr_Uncompression (the
-    // message keeps the compressed body); kVELErr_Alloc; or the socket's error. Failures are
+    // message keeps the compressed body, or has none when the stream inflates to fewer bytes
+    // than the record announces); kVELErr_Alloc; or the socket's error. Failures are
     // traced, with dumps under trace bit 16.
     VELErr_t recvMessage(VEL_Message* message) override;
 

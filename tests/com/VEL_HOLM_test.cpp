@@ -251,6 +251,22 @@ TEST_F(HOLMTest, BadHeadersAreRefusedBeforeAnythingElseIsRead) {
     EXPECT_EQ(message.size(), 100000u);
 }
 
+// A body that inflated to fewer bytes than the plain size used to be delivered short.
+TEST_F(HOLMTest, CompressedBodyInflatingShortOfThePlainSizeIsRefused) {
+    std::string stream(64, '\0');
+    uLongf length = stream.size();
+    ASSERT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                       reinterpret_cast<const Bytef*>("hello"), 5),
+              Z_OK);
+    stream.resize(length);
+    for (const std::uint32_t plain : {5u, 6u}) {
+        _bOut.feed(header(static_cast<std::uint32_t>(28 + length), plain, "000040") + stream);
+        VEL_Message message;
+        EXPECT_EQ(_b.recvMessage(&message), plain == 5 ? kVELErr_Ok : kVELErr_Uncompression);
+        EXPECT_EQ(Body(message), plain == 5 ? "hello" : "");
+    }
+}
+
 TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
     const struct {
         bool secure, compressed;
