@@ -381,18 +381,20 @@ VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
     if (_sessionID == 0) {
         return kVELErr_SecureSession;
     }
-    if (size == 0) {
-        return kVELErr_Ok;
-    }
-    // In place: CBC reads each block before writing it. Pooled buffers hold whole blocks of 8,
-    // so the padded length fits without moving the body.
+    // An empty body goes through the session too, so that a closed session is noticed. It has
+    // no buffer: CAST writes nothing for it, but needs a block to write to.
+    char empty[8];
     basis::Buffer* body = message->buffer();
-    try {
-        body->resize(roundUp8(static_cast<std::uint32_t>(size)));
-    } catch (const basis::BufferException&) {
-        return kVELErr_Alloc;
+    if (size > 0) {
+        // In place: CBC reads each block before writing it. Pooled buffers hold whole blocks
+        // of 8, so the padded length fits without moving the body.
+        try {
+            body->resize(roundUp8(static_cast<std::uint32_t>(size)));
+        } catch (const basis::BufferException&) {
+            return kVELErr_Alloc;
+        }
     }
-    char* data = body->data();
+    char* data = size > 0 ? body->data() : empty;
     unsigned long encrypted = 0;
     const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, size, &encrypted] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
@@ -400,7 +402,9 @@ VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
         return encryptor != nullptr &&
                encryptor->encrypt(data, out, size, encrypted, _sessionID) == kVELErr_Ok;
     });
-    body->setSize(code == kVELErr_Ok ? encrypted : size);
+    if (size > 0) {
+        body->setSize(code == kVELErr_Ok ? encrypted : size);
+    }
     return code;
 }
 
@@ -413,19 +417,18 @@ VELErr_t VEL_HOLM::decrypt(VEL_Message* message, unsigned long length) {
         }
         _keySent = true;
     }
-    if (length == 0) {
-        return kVELErr_Ok;
-    }
     // In place: the body holds `length` rounded up to 8 (checked with the header), which is
-    // what the last block reads.
-    char* data = message->data();
+    // what the last block reads. An empty body goes through the session too: it restarts the
+    // session's inactivity timer, and fails once the session is closed.
+    char empty[8];
+    char* data = length > 0 ? message->data() : empty;
     const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, length] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         char* out = data;
         return encryptor != nullptr &&
                encryptor->decrypt(data, out, length, _sessionID) == kVELErr_Ok;
     });
-    if (code == kVELErr_Ok) {
+    if (code == kVELErr_Ok && length > 0) {
         message->buffer()->setSize(length);
     }
     return code;

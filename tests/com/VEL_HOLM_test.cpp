@@ -1,9 +1,11 @@
 #include "VEL_HOLM.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -14,6 +16,7 @@
 #include "VEL_CryptoTools.h"
 #include "VEL_Encryptor.h"
 #include "VEL_Message.h"
+#include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
 namespace {
@@ -297,6 +300,55 @@ TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
             ASSERT_EQ(_a.closeSecureSession(), kVELErr_Ok);
         }
     }
+}
+
+// Sessions that expire after one second of not being used for decryption.
+class HOLMExpiryTest : public HOLMTest {
+protected:
+    void SetUp() override {
+        HOLMTest::SetUp();
+        VEL_Encryptor::Instance()->setInactivityTimeout(1);
+    }
+    void TearDown() override {
+        VEL_Encryptor::Instance()->setInactivityTimeout(0);
+        VEL_TimerManager::CloseSingleton();
+        HOLMTest::TearDown();
+    }
+
+    // Waits until `side` can no longer send, its session having expired.
+    static bool expires(VEL_HOLM& side, MemorySocket& out) {
+        return veltest::WaitFor(
+                [&] {
+                    VEL_Message probe;
+                    out.clearOutput();
+                    return side.sendMessage(&probe) == kVELErr_SecureSession &&
+                           out.written().empty();
+                },
+                std::chrono::seconds(5));
+    }
+};
+
+// Empty secure frames used to bypass the session: they kept no session alive, and were still
+// sent and received as secure after the session had expired.
+TEST_F(HOLMExpiryTest, EmptySecureFramesGoThroughTheSession) {
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    toB("key");
+    toA("joined");
+    std::string emptyFrame;
+    for (int round = 0; round < 5; ++round) {  // 1.5 s of empty keep-alives both ways
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        emptyFrame = toB("");
+        toA("");
+    }
+    EXPECT_EQ(emptyFrame.substr(16, 6), Hex("41 06 80 00 00 04"));
+    toB("still open");
+    toA("both ways");
+
+    ASSERT_TRUE(expires(_a, _aOut));
+    ASSERT_TRUE(expires(_b, _bOut));
+    _bOut.feed(emptyFrame);
+    VEL_Message message;
+    EXPECT_EQ(_b.recvMessage(&message), kVELErr_SecureSession);
 }
 
 }  // namespace
