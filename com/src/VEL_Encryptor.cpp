@@ -176,6 +176,14 @@ void VEL_Encryptor::CloseSingleton() {
 }
 
 unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key) const {
+    return openSession(key, nullptr);
+}
+
+unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key,
+                                         Session_t* opened) const {
+    if (opened != nullptr) {
+        opened->reset();
+    }
     // The schedule is keyed with key XOR mask; the mask goes onto a private copy.
     char masked[VEL_CryptoTools::kKeySize];
     std::memcpy(masked, key.data(), sizeof(masked));
@@ -205,6 +213,9 @@ unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key) co
     if (expired) {
         (void)TakeSession(id, session.get());
     }
+    if (opened != nullptr) {
+        *opened = session;
+    }
     return id;
 }
 
@@ -212,9 +223,46 @@ void VEL_Encryptor::closeSession(unsigned long id) const {
     removeSession(id);
 }
 
+void VEL_Encryptor::closeSession(const Session_t& session) const {
+    if (session == nullptr) {
+        return;
+    }
+    const Session_t taken = TakeSession(session->getSecureSessionID(), session.get());
+    if (taken != nullptr) {
+        taken->stopTimer();
+    }
+}
+
 VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length,
                                 unsigned long& outLength, unsigned long id) const {
-    const Session_t session = getSession(id);
+    return EncryptWith(getSession(id), in, out, length, outLength);
+}
+
+VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
+                                unsigned long id) const {
+    return DecryptWith(getSession(id), in, out, length);
+}
+
+VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length,
+                                unsigned long& outLength, const Session_t& session) const {
+    return EncryptWith(openOnly(session), in, out, length, outLength);
+}
+
+VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
+                                const Session_t& session) const {
+    return DecryptWith(openOnly(session), in, out, length);
+}
+
+VEL_Encryptor::Session_t VEL_Encryptor::openOnly(const Session_t& session) const {
+    // Open means in the table under its own ID: the ID alone may name a newer session by now.
+    if (session == nullptr || getSession(session->getSecureSessionID()) != session) {
+        return Session_t();
+    }
+    return session;
+}
+
+VELErr_t VEL_Encryptor::EncryptWith(const Session_t& session, const char* in, char*& out,
+                                    unsigned long length, unsigned long& outLength) {
     if (session == nullptr) {
         Fail(kVELErr_InvalidKey, "Unknown secure session ID");
         return kVELErr_InvalidKey;
@@ -223,9 +271,8 @@ VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length
     return kVELErr_Ok;
 }
 
-VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
-                                unsigned long id) const {
-    const Session_t session = getSession(id);
+VELErr_t VEL_Encryptor::DecryptWith(const Session_t& session, const char* in, char*& out,
+                                    unsigned long length) {
     if (session == nullptr) {
         Fail(kVELErr_InvalidKey, "Unknown secure session ID");
         return kVELErr_InvalidKey;

@@ -69,16 +69,24 @@ VELErr_t withoutThrowing(VELErr_t failure, Call call) {
     }
 }
 
-// Opens an encryptor session with the 16 key bytes at `key`; *id is 0 when none was opened.
-VELErr_t openEncryptorSession(const char* key, unsigned long* id) {
+// Opens an encryptor session with the 16 key bytes at `key`; *id is 0 and *session empty when
+// none was opened.
+VELErr_t openEncryptorSession(const char* key, unsigned long* id,
+                              VEL_Encryptor::Session_t* session) {
     *id = 0;
-    return withoutThrowing(kVELErr_Alloc, [key, id] {
+    session->reset();
+    const VELErr_t code = withoutThrowing(kVELErr_Alloc, [key, id, session] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         if (encryptor != nullptr) {
-            *id = encryptor->openSession(basis::BoundedString<16>(key, kVEL_HOLMKeyField));
+            *id = encryptor->openSession(basis::BoundedString<16>(key, kVEL_HOLMKeyField), session);
         }
-        return *id != 0;
+        return *id != 0 && *session != nullptr;
     });
+    if (code != kVELErr_Ok) {
+        *id = 0;
+        session->reset();
+    }
+    return code;
 }
 
 }  // namespace
@@ -94,6 +102,7 @@ VEL_HOLM::VEL_HOLM(VEL_Socket* socket, unsigned long maxMessageSize)
       _keySent(false),
       _initiator(false),
       _key(nullptr),
+      _session(),
       _sessionID(0),
       _peerSessionID(0),
       _reset(false),
@@ -121,7 +130,7 @@ VELErr_t VEL_HOLM::openSecureSession() {
         return kVELErr_Alloc;
     }
     std::memcpy(_key, random, kVEL_HOLMKeyField);
-    const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+    const VELErr_t code = openEncryptorSession(_key, &_sessionID, &_session);
     if (code != kVELErr_Ok) {
         dropSession();
         return code;
@@ -145,17 +154,18 @@ VELErr_t VEL_HOLM::closeSecureSession() {
 }
 
 void VEL_HOLM::dropSession() {
-    if (_sessionID != 0) {
+    if (_session != nullptr) {
         try {
             VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
             if (encryptor != nullptr) {
-                encryptor->closeSession(_sessionID);
+                encryptor->closeSession(_session);  // not by ID: it may be another's by now
             }
         } catch (const std::exception&) {
             // Only a failed creation of the encryptor throws, and then there is nothing to close.
         }
-        _sessionID = 0;
+        _session.reset();
     }
+    _sessionID = 0;
     std::free(_key);
     _key = nullptr;
     _keySent = false;
@@ -170,7 +180,7 @@ VELErr_t VEL_HOLM::sendMessage(VEL_Message* message) {
         return code;
     }
     const unsigned long plainSize = message->size();
-    if (_secure && _sessionID == 0) {
+    if (_secure && _session == nullptr) {
         code = kVELErr_SecureSession;  // checked first, so that the body stays as it is
     }
     if (code == kVELErr_Ok && _compression) {
@@ -378,7 +388,7 @@ VELErr_t VEL_HOLM::uncompress(VEL_Message* message, unsigned long plainSize) {
 
 VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
     const unsigned long size = message->size();
-    if (_sessionID == 0) {
+    if (_session == nullptr) {
         return kVELErr_SecureSession;
     }
     // An empty body goes through the session too, so that a closed session is noticed. It has
@@ -400,7 +410,7 @@ VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         char* out = data;
         return encryptor != nullptr &&
-               encryptor->encrypt(data, out, size, encrypted, _sessionID) == kVELErr_Ok;
+               encryptor->encrypt(data, out, size, encrypted, _session) == kVELErr_Ok;
     });
     if (size > 0) {
         body->setSize(code == kVELErr_Ok ? encrypted : size);
@@ -411,7 +421,7 @@ VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
 VELErr_t VEL_HOLM::decrypt(VEL_Message* message, unsigned long length) {
     if (!_initiator && !_keySent) {
         // The responder joins the session with the key that the initiator sent.
-        const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+        const VELErr_t code = openEncryptorSession(_key, &_sessionID, &_session);
         if (code != kVELErr_Ok) {
             return code;
         }
@@ -426,7 +436,7 @@ VELErr_t VEL_HOLM::decrypt(VEL_Message* message, unsigned long length) {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         char* out = data;
         return encryptor != nullptr &&
-               encryptor->decrypt(data, out, length, _sessionID) == kVELErr_Ok;
+               encryptor->decrypt(data, out, length, _session) == kVELErr_Ok;
     });
     if (code == kVELErr_Ok && length > 0) {
         message->buffer()->setSize(length);

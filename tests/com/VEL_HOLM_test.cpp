@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -349,6 +350,45 @@ TEST_F(HOLMExpiryTest, EmptySecureFramesGoThroughTheSession) {
     _bOut.feed(emptyFrame);
     VEL_Message message;
     EXPECT_EQ(_b.recvMessage(&message), kVELErr_SecureSession);
+}
+
+// After its session expired, a transport kept the bare ID: once the encryptor gave that ID to
+// another session, the transport encrypted with the other session's key, and its close and its
+// destructor closed the other owner's session.
+TEST_F(HOLMExpiryTest, AnExpiredSessionsIDGivenToAnotherIsNeverUsedOrClosed) {
+    VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+    const auto isOpen = [encryptor](unsigned long id) {
+        char block[8] = {};
+        char* out = block;
+        unsigned long length = 0;
+        return encryptor->encrypt("12345678", out, 8, length, id) == kVELErr_Ok;
+    };
+    EncryptorProbe::SetLastSessionID(500);  // A gets 501, C 502
+    MemorySocket cOut;
+    auto c = std::make_unique<VEL_HOLM>(&cOut, 100);
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    ASSERT_EQ(c->openSecureSession(), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WaitFor([&] { return !isOpen(501) && !isOpen(502); },
+                                 std::chrono::seconds(5)));
+    encryptor->setInactivityTimeout(0);
+    EncryptorProbe::SetLastSessionID(500);
+    const unsigned long others[] = {
+            encryptor->openSession(basis::BoundedString<16>("another one's k", 16)),
+            encryptor->openSession(basis::BoundedString<16>("and a third key", 16))};
+    ASSERT_EQ(others[0], 501u);
+    ASSERT_EQ(others[1], 502u);
+
+    VEL_Message message;
+    ASSERT_EQ(message.setData("x", 1), kVELErr_Ok);
+    EXPECT_EQ(_a.sendMessage(&message), kVELErr_SecureSession);
+    EXPECT_EQ(_aOut.written(), "");
+    EXPECT_EQ(_a.closeSecureSession(), kVELErr_Ok);
+    c.reset();
+    EXPECT_TRUE(isOpen(501));
+    EXPECT_TRUE(isOpen(502));
+    for (unsigned long id : others) {
+        encryptor->closeSession(id);
+    }
 }
 
 }  // namespace
