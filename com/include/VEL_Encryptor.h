@@ -54,11 +54,11 @@ class RWThreadMutex;
 
 class VEL_SecureSession : public VEL_TimerSubscriberInterface {
 public:
-    // Makes a session with `id` that takes ownership of `schedule` (a 132-byte block from
-    // malloc, as VEL_CryptoTools::GenerateCastKey makes it). With an inactivity time-out set,
-    // arms a one-shot timer for it. Returns an empty pointer when memory runs out; the schedule
-    // is freed then. May throw std::runtime_error when the timer manager cannot start.
-    static boost::shared_ptr<VEL_SecureSession> Create(char* schedule, unsigned long id);
+    // Makes a session with `id` keyed with a copy of `key`, the 132-byte CAST key schedule that
+    // VEL_CryptoTools::GenerateCastKey makes (the caller keeps its block). With an inactivity
+    // time-out set, arms a one-shot timer for it. Returns an empty pointer when memory runs out.
+    // May throw std::runtime_error when the timer manager cannot start.
+    static boost::shared_ptr<VEL_SecureSession> Create(const char* key, unsigned long id);
     // Re-arms the session's inactivity timer from now. Nothing for an empty pointer, a time-out
     // of 0, or a closed session. Any thread.
     static void ResetInactivityTimer(const boost::shared_ptr<VEL_SecureSession>& session);
@@ -78,7 +78,8 @@ public:
 private:
     friend class VEL_Encryptor;
 
-    VEL_SecureSession(char* schedule, unsigned long id);
+    // Copies the schedule at `key`; _privateKey is null when no copy could be made.
+    VEL_SecureSession(const char* key, unsigned long id);
     // Arms a one-shot timer of `timeout` seconds and records it, unless the session was closed,
     // or armed by another thread, meanwhile (the new timer is cancelled then).
     static void Arm(const boost::shared_ptr<VEL_SecureSession>& session, unsigned long timeout);
@@ -86,7 +87,7 @@ private:
     void stopTimer();
 
     const unsigned long _secureSessionID;
-    char* const _privateKey;
+    char* const _privateKey;  // the session's own copy of the schedule, from malloc
 
     basis::ThreadMutex _timerLock;  // guards _timerId and _closed; see the lock order above
     unsigned long _timerId VEL_GUARDED_BY(_timerLock) = 0;     // the armed timer, 0 when none
