@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "CodecSupport.h"
 #include "MemorySocket.h"
@@ -16,6 +17,7 @@
 #include "TestSupport.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
+#include "VEL_OXLv2.h"
 #include "VEL_OXLv5.h"
 #include "VEL_TN3270.h"
 #include "VEL_Transport.h"
@@ -35,11 +37,12 @@ void ExpectPieces(const DecodeOutcome& outcome) {
     }
 }
 
-// A stream to decode, and how it must end (kVELErr_Incomplete: every frame whole or the last
-// one cut).
+// A stream to decode, how many messages it holds before it ends, and how it ends
+// (kVELErr_Incomplete: with every frame whole or with the last one cut).
 struct Stream {
     std::string bytes;
-    VELErr_t end = kVELErr_Incomplete;
+    std::size_t messages;
+    VELErr_t end;
 };
 
 // One wire format: how to make its codec and its blocking transport, and streams to compare.
@@ -50,37 +53,125 @@ struct Format {
     std::vector<Stream> streams;
 };
 
+// What `transport` writes for a message with these bytes.
+std::string Sent(VEL_Transport& transport, const std::string& body, const std::string& rscv = "",
+                 const std::string& sscv = "") {
+    MemorySocket* socket = static_cast<MemorySocket*>(transport.getSocket());
+    socket->clearOutput();
+    VEL_Message message;
+    EXPECT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
+    EXPECT_EQ(message.setRSCV(rscv.data(), static_cast<unsigned char>(rscv.size())), kVELErr_Ok);
+    EXPECT_EQ(message.setSSCV(const_cast<char*>(sscv.data()),
+                              static_cast<unsigned char>(sscv.size())),
+              kVELErr_Ok);
+    EXPECT_EQ(transport.sendMessage(&message), kVELErr_Ok) << body.size();
+    return socket->written();
+}
+
 const std::string kHello = Hex("00000011 FFFFFFEE 0020 31 00") + "hello";
 const std::string kEmpty = Hex("0000000C FFFFFFF3 0020 31 00");
 
-std::vector<Format> Formats() {
+std::vector<Stream> OXLv1Streams() {  // maximum 5
+    return {
+            {kHello + kEmpty + Hex("00000011 FFFFFFEE 0020 31 7F") + "world", 3,
+             kVELErr_Incomplete},
+            {kHello + Hex("00000011 FFFFFFEF 0020 31 00") + "hello", 1,  // bad check
+             kVELErr_BadStreamHeader},
+            {kHello + Hex("00000011 FFFFFFEE 0021 31 00") + "hello", 1,  // bad marker
+             kVELErr_BadStreamHeader},
+            {kHello + Hex("00000011 FFFFFFEE 0020 32 00") + "hello", 1,  // bad version
+             kVELErr_BadStreamHeader},
+            {kEmpty + Hex("00000012 FFFFFFED 0020 31 00") + "hello!", 1,  // over the maximum
+             kVELErr_MessageTooBig},
+            {kHello + Hex("0000000B FFFFFFF4 0020 31 00"), 1,  // total below the header
+             kVELErr_MessageTooBig},
+            {kHello + kHello.substr(0, 14), 1, kVELErr_Incomplete},  // cut in the body
+    };
+}
+
+// A zlib stream of `plain`, made with zlib itself.
+std::string Deflated(const std::string& plain) {
+    uLongf length = compressBound(plain.size());
+    std::string stream(length, '\0');
+    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                       reinterpret_cast<const Bytef*>(plain.data()), plain.size()),
+              Z_OK);
+    stream.resize(length);
+    return stream;
+}
+
+// A compressed OXLv2 frame: header, RSCV, record announcing `announced` bytes, then `stream`.
+std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
+                            const std::string& stream) {
+    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
+    return veltest::Be32(total) + veltest::Be32(~total) +
+           std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" + rscv + Hex("02000000") +
+           veltest::Be32(announced) + stream;
+}
+
+std::vector<Stream> OXLv2Streams() {  // maximum 1000
+    MemorySocket socket;
+    VEL_OXLv2 sender(&socket, 0);
+    const std::string plain = Sent(sender, "hello", "ab") + Sent(sender, "") +
+                              Sent(sender, "", std::string(255, 'R')) + Sent(sender, "world");
+    sender.setCompression(true);
+    const std::string compressed = Sent(sender, std::string(600, 'z') + "tail", "r") +
+                                   Sent(sender, std::string(1000, 'y'));
+    const std::string hello = Deflated("hello");
+    const std::string good = Hex("00000011 FFFFFFEE 0004 32 00") + "hello";
+    return {
+            {plain + compressed + plain, 10, kVELErr_Incomplete},
+            {good + Hex("00000011 FFFFFFEF 0004 32 00") + "hello", 1,  // bad check
+             kVELErr_BadStreamHeader},
+            {good + Hex("00000011 FFFFFFEE 0003 32 00") + "hello", 1,  // H 3
+             kVELErr_BadStreamHeader},
+            {good + Hex("00000200 FFFFFDFF 0104 32 00") + "hello", 1,  // H 260
+             kVELErr_BadStreamHeader},
+            {good + Hex("00000011 FFFFFFEE 0004 31 00") + "hello", 1,  // version
+             kVELErr_BadStreamHeader},
+            {good + Hex("0000000B FFFFFFF4 0004 32 00") + "hello", 1,  // total below H + 8
+             kVELErr_BadStreamHeader},
+            {good + Hex("00000013 FFFFFFEC 0004 32 43") + "hello", 1,  // no room for the record
+             kVELErr_MessageTooBig},
+            {good + Hex("000003F5 FFFFFC0A 0004 32 00") + "hello", 1,  // body 1001
+             kVELErr_MessageTooBig},
+            {compressed + CompressedOXLv2("r", 1001, hello), 2,  // uncompressed 1001
+             kVELErr_MessageTooBig},
+            {good + CompressedOXLv2("", 4, hello), 1, kVELErr_Uncompression},      // too long
+            {good + CompressedOXLv2("", 6, hello), 1, kVELErr_Uncompression},      // too short
+            {good + CompressedOXLv2("rs", 5, "hello"), 1, kVELErr_Uncompression},  // not zlib
+            {good + CompressedOXLv2("rs", 0, ""), 1, kVELErr_Uncompression},       // no body
+            {good + CompressedOXLv2("rscv", 5, hello).substr(0, 14), 1,  // cut in the RSCV
+             kVELErr_Incomplete},
+            {good + CompressedOXLv2("rscv", 5, hello).substr(0, 19), 1,  // cut in the record
+             kVELErr_Incomplete},
+            {compressed.substr(0, compressed.size() - 1), 1, kVELErr_Incomplete},  // in the body
+    };
+}
+
+std::vector<Stream> OXLv5Streams() {
     const std::string body65535 = veltest::Pattern(65535, 5);
     return {
-            {"OXLv1",
-             [] { return std::make_unique<VEL_OXLv1Codec>(5); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, 5); },
-             {{kHello + kEmpty + Hex("00000011 FFFFFFEE 0020 31 7F") + "world"},
-              {kHello + Hex("00000011 FFFFFFEF 0020 31 00") + "hello",  // bad check
-               kVELErr_BadStreamHeader},
-              {kHello + Hex("00000011 FFFFFFEE 0021 31 00") + "hello",  // bad marker
-               kVELErr_BadStreamHeader},
-              {kHello + Hex("00000011 FFFFFFEE 0020 32 00") + "hello",  // bad version
-               kVELErr_BadStreamHeader},
-              {kEmpty + Hex("00000012 FFFFFFED 0020 31 00") + "hello!",  // over the maximum
-               kVELErr_MessageTooBig},
-              {kHello + Hex("0000000B FFFFFFF4 0020 31 00"),  // total below the header
-               kVELErr_MessageTooBig},
-              {kHello + kHello.substr(0, 14)}}},  // cut in the body
-            {"OXLv5",
-             [] { return std::make_unique<VEL_OXLv5Codec>(); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); },
-             {{Hex("0005") + "hello" + Hex("0000") + Hex("FFFF") + body65535 + Hex("0001") + "!"},
-              {Hex("0005") + "hello" + Hex("0003") + "ab"},  // cut in the body
-              {Hex("0000 00")}}},                            // cut in the length
+            {Hex("0005") + "hello" + Hex("0000") + Hex("FFFF") + body65535 + Hex("0001") + "!", 4,
+             kVELErr_Incomplete},
+            {Hex("0005") + "hello" + Hex("0003") + "ab", 1, kVELErr_Incomplete},  // cut in a body
+            {Hex("0000 00"), 1, kVELErr_Incomplete},  // cut in the length
+    };
+}
+
+std::vector<Format> Formats() {
+    return {
+            {"OXLv1", [] { return std::make_unique<VEL_OXLv1Codec>(5); },
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, 5); }, OXLv1Streams()},
+            {"OXLv2", [] { return std::make_unique<VEL_OXLv2Codec>(1000); },
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv2>(s, 1000); }, OXLv2Streams()},
+            {"OXLv5", [] { return std::make_unique<VEL_OXLv5Codec>(); },
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, OXLv5Streams()},
+            // Judged on the bytes delivered: the count of messages is that of the reads.
             {"TN3270",
              [] { return std::make_unique<VEL_TN3270Codec>(); },
              [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); },
-             {{"x"}, {veltest::Pattern(25003, 3)}}},
+             {{"x", 1, kVELErr_Incomplete}, {veltest::Pattern(25003, 3), 3, kVELErr_Incomplete}}},
     };
 }
 
@@ -104,6 +195,7 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
             SCOPED_TRACE(std::string(format.name) + " stream " + std::to_string(i));
             const std::string& stream = format.streams[i].bytes;
             DecodeOutcome expected = veltest::ReadBlocking(format.transport, stream);
+            EXPECT_EQ(expected.messages.size(), format.streams[i].messages);
             EXPECT_EQ(expected.end, format.streams[i].end);
             if (partial) {
                 ExpectPieces(expected);
@@ -123,38 +215,65 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
 // encode() appends what the transport writes for the same message, or nothing when the format
 // refuses it, with the transport's status.
 TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
-    const std::string big(65536, 'b');
+    const auto oxlv2 = [](bool compressed) {
+        return [compressed] {
+            auto codec = std::make_unique<VEL_OXLv2Codec>(ULONG_MAX);
+            codec->setCompression(compressed);
+            return codec;
+        };
+    };
+    const auto oxlv2Transport = [](bool compressed) {
+        return [compressed](VEL_Socket* s) {
+            auto transport = std::make_unique<VEL_OXLv2>(s, ULONG_MAX);
+            transport->setCompression(compressed);
+            return transport;
+        };
+    };
     const struct {
         const char* what;
         std::function<std::unique_ptr<VEL_FrameCodec>()> codec;
         veltest::TransportMaker transport;
         std::string body;
+        std::string rscv;
         VELErr_t code;
     } cases[] = {
             {"OXLv1", [] { return std::make_unique<VEL_OXLv1Codec>(ULONG_MAX); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); }, "hello",
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); }, "hello", "r",
              kVELErr_Ok},
             {"OXLv1 empty", [] { return std::make_unique<VEL_OXLv1Codec>(ULONG_MAX); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); }, "",
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); }, "", "",
              kVELErr_Ok},
+            {"OXLv2 RSCV", oxlv2(false), oxlv2Transport(false), "hello", "ab", kVELErr_Ok},
+            {"OXLv2 compressed", oxlv2(true), oxlv2Transport(true), std::string(600, 'z'), "r",
+             kVELErr_Ok},
+            {"OXLv2 compressed empty", oxlv2(true), oxlv2Transport(true), "", "r",
+             kVELErr_Compression},
             {"OXLv5", [] { return std::make_unique<VEL_OXLv5Codec>(); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, "hello", kVELErr_Ok},
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, "hello", "", kVELErr_Ok},
             {"OXLv5 65536", [] { return std::make_unique<VEL_OXLv5Codec>(); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, big,
-             kVELErr_MessageTooBig},
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, std::string(65536, 'b'),
+             "", kVELErr_MessageTooBig},
             {"TN3270", [] { return std::make_unique<VEL_TN3270Codec>(); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); }, "hello", kVELErr_Ok},
+             [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); }, "hello", "",
+             kVELErr_Ok},
             {"TN3270 empty", [] { return std::make_unique<VEL_TN3270Codec>(); },
-             [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); }, "", kVELErr_Ok},
+             [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); }, "", "", kVELErr_Ok},
     };
     for (const auto& c : cases) {
-        VEL_Message message;
-        ASSERT_EQ(message.setData(c.body.data(), c.body.size()), kVELErr_Ok);
+        // Each side its own message: a format may transform the body in place.
+        VEL_Message encoded;
+        VEL_Message sent;
+        for (VEL_Message* message : {&encoded, &sent}) {
+            ASSERT_EQ(message->setData(c.body.data(), c.body.size()), kVELErr_Ok);
+            ASSERT_EQ(message->setRSCV(c.rscv.data(), static_cast<unsigned char>(c.rscv.size())),
+                      kVELErr_Ok);
+        }
         std::string out = "x";
-        EXPECT_EQ(c.codec()->encode(&message, out), c.code) << c.what;
+        EXPECT_EQ(c.codec()->encode(&encoded, out), c.code) << c.what;
         MemorySocket socket;
-        EXPECT_EQ(c.transport(&socket)->sendMessage(&message), c.code) << c.what;
+        EXPECT_EQ(c.transport(&socket)->sendMessage(&sent), c.code) << c.what;
         EXPECT_EQ(out, "x" + socket.written()) << c.what;
+        EXPECT_EQ(veltest::Body(encoded), veltest::Body(sent)) << c.what;
     }
     VEL_Message message;
     ASSERT_EQ(message.setData("hello", 5), kVELErr_Ok);
