@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <random>
@@ -15,6 +16,7 @@
 #include "MemorySocket.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
+#include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
@@ -149,6 +151,71 @@ std::vector<Stream> OXLv2Streams() {  // maximum 1000
     };
 }
 
+// `frame` with the bytes at `offset` replaced by `bytes`, and the HOLM check word made right
+// again unless `recheck` is false.
+std::string Patched(std::string frame, std::size_t offset, const std::string& bytes,
+                    bool recheck = true) {
+    frame.replace(offset, bytes.size(), bytes);
+    std::uint16_t check = 0;
+    for (std::size_t i = 0; recheck && i < 12; i += 2) {
+        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(frame[i]) << 8 |
+                                            static_cast<unsigned char>(frame[i + 1]));
+    }
+    return recheck ? frame.replace(12, 2, {static_cast<char>(check >> 8), static_cast<char>(check)})
+                   : frame;
+}
+
+std::vector<Stream> HOLMStreams() {  // maximum 1000
+    MemorySocket socket;
+    VEL_HOLM sender(&socket, 0);
+    const std::string hello = Sent(sender, "hello");
+    const std::string plain = hello + Sent(sender, "", "r", "s") +
+                              Sent(sender, "body", std::string(255, 'R'), std::string(255, 'S'));
+    sender.setCompression(true, kVELHOLMCompAlgo_Best);
+    const std::string compressed = Sent(sender, std::string(900, 'z'), "", "s");
+    sender.setCompression(false);
+    const std::string big = Sent(sender, std::string(2000, 'b'));
+    // A conversation from the initiator: the key, session IDs, an empty body, a compressed and
+    // encrypted one, a close (reset bit), a new key, then a close and a new key in one frame.
+    EXPECT_EQ(sender.openSecureSession(), kVELErr_Ok);
+    const std::string key = Sent(sender, "secret", "r");
+    std::string secure = key + Sent(sender, "odd") + Sent(sender, "");
+    sender.setCompression(true);
+    secure += Sent(sender, std::string(500, 'c'));
+    sender.setCompression(false);
+    EXPECT_EQ(sender.closeSecureSession(), kVELErr_Ok);
+    secure += Sent(sender, "reset");
+    EXPECT_EQ(sender.openSecureSession(), kVELErr_Ok);
+    secure += Sent(sender, "new key");
+    EXPECT_EQ(sender.closeSecureSession(), kVELErr_Ok);
+    EXPECT_EQ(sender.openSecureSession(), kVELErr_Ok);
+    secure += Sent(sender, "reset and key") + Sent(sender, "id");
+    const std::string idFrame = Sent(sender, "id again");
+    MemorySocket otherSocket;
+    VEL_HOLM other(&otherSocket, 0);
+    EXPECT_EQ(other.openSecureSession(), kVELErr_Ok);
+    const std::string otherKey = Sent(other, "another key");
+    return {
+            {plain + compressed + plain, 7, kVELErr_Incomplete},
+            {secure + plain, 11, kVELErr_Incomplete},
+            {hello + Patched(hello, 13, "\x01", false), 1, kVELErr_BadStreamHeader},  // check
+            {hello + Patched(hello, 2, Hex("0101")), 1, kVELErr_BadStreamHeader},     // version
+            {hello + Patched(hello, 0, "HP"), 1, kVELErr_BadStreamHeader},            // magic
+            {hello + Patched(hello, 8, veltest::Be32(1001)), 1, kVELErr_MessageTooBig},
+            {hello + Patched(hello, 8, veltest::Be32(4)), 1, kVELErr_BadStreamHeader},   // plain
+            {hello + Patched(hello, 4, veltest::Be32(27)), 1, kVELErr_BadStreamHeader},  // total
+            {hello + Patched(hello, 16, "\x40"), 1, kVELErr_BadStreamHeader},     // secure, no key
+            {hello + idFrame, 1, kVELErr_BadStreamHeader},                        // ID, no key
+            {key + otherKey, 1, kVELErr_BadStreamHeader},                         // a second key
+            {hello + Patched(Patched(big, 8, veltest::Be32(10)), 18, "\x40"), 1,  // past the bound
+             kVELErr_BadStreamHeader},
+            {compressed + Patched(compressed, 8, veltest::Be32(901)), 1, kVELErr_Uncompression},
+            {secure.substr(0, key.size() + 20), 1, kVELErr_Incomplete},  // cut in a header
+            {key.substr(0, 40), 0, kVELErr_Incomplete},                  // cut in the key
+            {plain + compressed.substr(0, compressed.size() - 1), 3, kVELErr_Incomplete},
+    };
+}
+
 std::vector<Stream> OXLv5Streams() {
     const std::string body65535 = veltest::Pattern(65535, 5);
     return {
@@ -167,6 +234,8 @@ std::vector<Format> Formats() {
              [](VEL_Socket* s) { return std::make_unique<VEL_OXLv2>(s, 1000); }, OXLv2Streams()},
             {"OXLv5", [] { return std::make_unique<VEL_OXLv5Codec>(); },
              [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, OXLv5Streams()},
+            {"HOLM", [] { return std::make_unique<VEL_HOLMCodec>(1000); },
+             [](VEL_Socket* s) { return std::make_unique<VEL_HOLM>(s, 1000); }, HOLMStreams()},
             // Judged on the bytes delivered: the count of messages is that of the reads.
             {"TN3270",
              [] { return std::make_unique<VEL_TN3270Codec>(); },
@@ -212,6 +281,43 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
     }
 }
 
+// A frame encoded while another is arriving follows the frames already delivered: a responder
+// holding all but the last byte of the initiator's key frame still answers in plain (it used to
+// take the header's settings at once and refuse to send, secure without a session), and joins
+// the session once the frame is whole.
+TEST(FrameCodecTest, HOLMEncodesByTheFramesDeliveredWhileOneArrives) {
+    MemorySocket socket;
+    VEL_HOLM initiator(&socket, 1000);
+    ASSERT_EQ(initiator.openSecureSession(), kVELErr_Ok);
+    const std::string key = Sent(initiator, "secret");
+    VEL_HOLMCodec responder(1000);
+    VEL_Message received;
+    std::size_t used = 0;
+    ASSERT_EQ(responder.decode(key.data(), key.size() - 1, &used, &received), kVELErr_Incomplete);
+    const struct {
+        const char* body;
+        const char* flags;  // header bytes 16 to 21
+    } replies[] = {{"plain", "00 00 00 00 00 00"}, {"joined", "41 06 00 00 00 04"}};
+    std::string wire;
+    for (const auto& reply : replies) {
+        VEL_Message message;
+        ASSERT_EQ(message.setData(reply.body, std::strlen(reply.body)), kVELErr_Ok);
+        const std::size_t start = wire.size();
+        ASSERT_EQ(responder.encode(&message, wire), kVELErr_Ok) << reply.body;
+        EXPECT_EQ(wire.substr(start + 16, 6), Hex(reply.flags)) << reply.body;
+        if (start == 0) {
+            EXPECT_FALSE(responder.isSecureSession());
+            ASSERT_EQ(responder.decode(&key.back(), 1, &used, &received), kVELErr_Ok);
+            EXPECT_EQ(veltest::Body(received), "secret");
+        }
+    }
+    socket.feed(wire);
+    for (const auto& reply : replies) {
+        ASSERT_EQ(initiator.recvMessage(&received), kVELErr_Ok) << reply.body;
+        EXPECT_EQ(veltest::Body(received), reply.body);
+    }
+}
+
 // encode() appends what the transport writes for the same message, or nothing when the format
 // refuses it, with the transport's status.
 TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
@@ -248,6 +354,21 @@ TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
              kVELErr_Ok},
             {"OXLv2 compressed empty", oxlv2(true), oxlv2Transport(true), "", "r",
              kVELErr_Compression},
+            {"HOLM RSCV", [] { return std::make_unique<VEL_HOLMCodec>(ULONG_MAX); },
+             [](VEL_Socket* s) { return std::make_unique<VEL_HOLM>(s, ULONG_MAX); }, "hello", "ab",
+             kVELErr_Ok},
+            {"HOLM compressed",
+             [] {
+                 auto codec = std::make_unique<VEL_HOLMCodec>(ULONG_MAX);
+                 codec->setCompression(true, kVELHOLMCompAlgo_Best);
+                 return codec;
+             },
+             [](VEL_Socket* s) {
+                 auto transport = std::make_unique<VEL_HOLM>(s, ULONG_MAX);
+                 transport->setCompression(true, kVELHOLMCompAlgo_Best);
+                 return transport;
+             },
+             std::string(600, 'z'), "", kVELErr_Ok},
             {"OXLv5", [] { return std::make_unique<VEL_OXLv5Codec>(); },
              [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); }, "hello", "", kVELErr_Ok},
             {"OXLv5 65536", [] { return std::make_unique<VEL_OXLv5Codec>(); },
