@@ -23,13 +23,18 @@
 #include "ReactorSupport.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
+#include "VEL_Encryptor.h"
 #include "VEL_FrameCodec.h"
 #include "VEL_FramedAcceptor.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Message.h"
+#include "VEL_HOLM.h"
 #include "VEL_OXLv1.h"
+#include "VEL_OXLv2.h"
+#include "VEL_OXLv5.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TN3270.h"
 #include "VEL_TimerManager.h"
 
 namespace {
@@ -40,20 +45,66 @@ using std::chrono::steady_clock;
 
 constexpr unsigned long kMaxBody = 32 << 20;
 
-// One wire format as a server and a client meet it: a codec for each side.
-struct CodecCase {
-    const char* name;
-    std::function<std::unique_ptr<VEL_FrameCodec>()> make;
-};
-
-std::vector<CodecCase> Codecs() {
-    return {
-            {"oxl1", [] { return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxBody)); }},
+// Makes a `Codec` of `arguments`, then runs `setUp` (if any) on it.
+template <class Codec, class... Arguments>
+std::function<std::unique_ptr<VEL_FrameCodec>()> Maker(std::function<void(Codec&)> setUp = {},
+                                                       Arguments... arguments) {
+    return [=] {
+        std::unique_ptr<Codec> codec(new Codec(arguments...));
+        if (setUp) {
+            setUp(*codec);
+        }
+        return std::unique_ptr<VEL_FrameCodec>(std::move(codec));
     };
 }
 
+// One wire format as a server and its client meet it: the server's codec as a server makes it,
+// the client's set up as the case says, and the bodies the format and its settings take.
+struct CodecCase {
+    const char* name;
+    std::function<std::unique_ptr<VEL_FrameCodec>()> server, client;
+    std::size_t smallest, largest;  // body sizes the client can send
+    bool text;    // compressible bodies (a compressing sender refuses what does not shrink)
+    bool joined;  // no framing: judged on the bytes, joined
+};
+
+std::vector<CodecCase> Codecs() {
+    const auto holmSecure = [](VEL_HOLMCodec& codec) {
+        ASSERT_EQ(codec.openSecureSession(), kVELErr_Ok);
+        codec.setCompression(true, kVELHOLMCompAlgo_Default);
+    };
+    return {
+            {"oxl1", Maker<VEL_OXLv1Codec>({}, kMaxBody), Maker<VEL_OXLv1Codec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"oxl2", Maker<VEL_OXLv2Codec>({}, kMaxBody), Maker<VEL_OXLv2Codec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"oxl2 compressed", Maker<VEL_OXLv2Codec>({}, kMaxBody),
+             Maker<VEL_OXLv2Codec>([](VEL_OXLv2Codec& codec) { codec.setCompression(true); },
+                                   kMaxBody),
+             100, 59000, true, false},
+            {"oxl5", Maker<VEL_OXLv5Codec>(), Maker<VEL_OXLv5Codec>(), 0, kVEL_OXLv5MaxBody, false,
+             false},
+            {"holm", Maker<VEL_HOLMCodec>({}, kMaxBody), Maker<VEL_HOLMCodec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"holm secure compressed", Maker<VEL_HOLMCodec>({}, kMaxBody),
+             Maker<VEL_HOLMCodec>(holmSecure, kMaxBody), 100, 59000, true, false},
+            {"tn3270", Maker<VEL_TN3270Codec>(), Maker<VEL_TN3270Codec>(), 1, kMaxBody, false, true},
+    };
+}
+
+// Words that compress about 3:1, `size` bytes of them.
+std::string Text(std::size_t size, unsigned int seed) {
+    static const char* const kWords[] = {"frame ", "reactor ", "peer ", "message ", "socket "};
+    std::string text;
+    while (text.size() < size) {
+        text += kWords[(seed = seed * 1103515245u + 12345u) >> 16 & 3];
+    }
+    text.resize(size);
+    return text;
+}
+
 std::unique_ptr<VEL_FrameCodec> Oxl1() {
-    return Codecs()[0].make();
+    return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxBody));
 }
 
 // The frame of `body` as `codec` encodes it.
@@ -89,6 +140,26 @@ public:
         }
         return bodies;
     }
+    // The bodies of the next messages joined, once they hold `size` bytes (fewer when the
+    // stream ends, a frame is bad or `limit` passes).
+    std::string readBytes(std::size_t size, milliseconds limit = seconds(20)) {
+        std::string joined;
+        const auto deadline = steady_clock::now() + limit;
+        std::vector<std::string> bodies;
+        while (joined.size() < size) {
+            bodies.clear();
+            if (!decodeWaiting(&bodies, SIZE_MAX)) {
+                break;
+            }
+            for (const std::string& body : bodies) {
+                joined += body;
+            }
+            if (joined.size() < size && !fill(deadline)) {
+                break;
+            }
+        }
+        return joined;
+    }
     // True once the peer has ended the stream (within `limit`), whatever came before.
     bool ended(milliseconds limit = seconds(10)) {
         const auto deadline = steady_clock::now() + limit;
@@ -97,6 +168,9 @@ public:
         }
         return _ended;
     }
+
+    // Gives up the codec without deleting it (it belongs to someone else).
+    void release() { (void)_codec.release(); }
 
 private:
     bool decodeWaiting(std::vector<std::string>* bodies, std::size_t count) {
@@ -296,31 +370,85 @@ TEST_P(FramedConnectionTest, EveryCodecEchoesFramesHoweverTheBytesArrive) {
     for (const CodecCase& tested : Codecs()) {
         SCOPED_TRACE(tested.name);
         std::vector<std::string> bodies;
+        const auto add = [&](std::size_t size) {
+            size = std::max(tested.smallest, std::min(size, tested.largest));
+            const auto n = static_cast<unsigned int>(bodies.size());
+            bodies.push_back(tested.text ? Text(size, n) : veltest::Pattern(size, n));
+        };
         for (std::size_t size : {0, 1, 11, 12, 13, 1000, 70000, 300000}) {
-            bodies.push_back(veltest::Pattern(size, static_cast<unsigned int>(bodies.size())));
+            add(size);
         }
         for (unsigned int i = 0; i < 200; ++i) {
-            bodies.push_back(veltest::Pattern(1 + i * 7 % 1500, i));
+            add(1 + i * 7 % 1500);
         }
-        const std::unique_ptr<VEL_FrameCodec> encoder = tested.make();
-        std::string stream;
+        const std::unique_ptr<VEL_FrameCodec> encoder = tested.client();
+        std::string stream, sent;
         for (const std::string& body : bodies) {
             stream += Encode(*encoder, body);
+            sent += body;
         }
-        auto handler = boost::make_shared<Recorder>(_log, tested.name);
+        const std::string tag = tested.name + std::string(":");
+        auto handler = boost::make_shared<Recorder>(_log, tag);
         std::unique_ptr<VEL_TCPSocket> client;
-        const auto connection = serve(handler, &client, VELFramedLimits_t(), tested.make());
-        FrameReader reader(veltest::Fd(*client), tested.make());
+        const auto connection = serve(handler, &client, VELFramedLimits_t(), tested.server());
+        // The client's codec decodes the echo: it holds the session the secure frames use.
+        FrameReader reader(veltest::Fd(*client), std::unique_ptr<VEL_FrameCodec>(encoder.get()));
         PeerThread writer(veltest::Fd(*client),
                           [&] { WriteInPieces(veltest::Fd(*client), stream, seed); });
-        const std::vector<std::string> echoed = reader.read(bodies.size());
-        writer.join();
-        ASSERT_EQ(echoed.size(), bodies.size());
-        for (std::size_t i = 0; i < bodies.size(); ++i) {
-            ASSERT_EQ(echoed[i], bodies[i]) << "message " << i;
+        if (tested.joined) {
+            const std::string echoed = reader.readBytes(sent.size());
+            writer.join();
+            EXPECT_TRUE(echoed == sent) << echoed.size() << " of " << sent.size() << " bytes";
+        } else {
+            const std::vector<std::string> echoed = reader.read(bodies.size());
+            writer.join();
+            ASSERT_EQ(echoed.size(), bodies.size());
+            for (std::size_t i = 0; i < bodies.size(); ++i) {
+                ASSERT_EQ(echoed[i], bodies[i]) << "message " << i;
+            }
         }
+        reader.release();
         EXPECT_EQ(handler->queueFull.load(), 0u);
+        for (const std::string& event : _log.events()) {
+            EXPECT_NE(event.compare(0, tag.size(), tag), 0) << "a send failed, or it closed";
+        }
     }
+}
+
+// HOLM through a framed connection: the key goes out in the client's first frame, the server
+// opens the matching session and answers through it. Once that session has expired (one second
+// without a decryption), the server can no longer send on it, and a frame that still uses it
+// closes the connection with kVELErr_SecureSession.
+TEST_P(FramedConnectionTest, HolmSessionsOpenInBandAndExpireThroughTheConnection) {
+    struct Expiry {
+        Expiry() { VEL_Encryptor::Instance()->setInactivityTimeout(1); }
+        ~Expiry() { VEL_Encryptor::Instance()->setInactivityTimeout(0); }
+    } expiry;
+    auto handler = boost::make_shared<Recorder>(_log, "holm");
+    std::unique_ptr<VEL_TCPSocket> client;
+    const auto connection = serve(handler, &client, VELFramedLimits_t(),
+                                  std::unique_ptr<VEL_FrameCodec>(new VEL_HOLMCodec(kMaxBody)));
+    auto codec = new VEL_HOLMCodec(kMaxBody);
+    FrameReader reader(veltest::Fd(*client), std::unique_ptr<VEL_FrameCodec>(codec));
+    ASSERT_EQ(codec->openSecureSession(), kVELErr_Ok);
+    const std::string first = Encode(*codec, "key exchange");
+    EXPECT_EQ(first[21], 16) << "the first secure frame carries the key";
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), first));
+    EXPECT_EQ(reader.read(1), std::vector<std::string>{"key exchange"});
+    const std::string late = Encode(*codec, "late");
+
+    ASSERT_TRUE(veltest::WaitFor(
+            [&] {
+                VEL_Message probe;
+                EXPECT_EQ(probe.setData("probe", 5), kVELErr_Ok);
+                return connection->send(&probe) == kVELErr_SecureSession;
+            },
+            seconds(5)));
+    EXPECT_TRUE(connection->isOpen()) << "a refused send leaves the connection open";
+    EXPECT_EQ(connection->pendingOutput(), 0u);
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), late));
+    EXPECT_TRUE(_log.waitCount("holm close " + std::to_string(kVELErr_SecureSession), 1));
+    EXPECT_TRUE(reader.ended());
 }
 
 // What the peer does wrong, and the reason the connection gives its handler. Each bad peer is
