@@ -68,7 +68,7 @@ local function refuse(code, expert, text)
                 statusText(code)}
 end
 
--- Creates one protocol. `spec` gives:
+-- Creates one protocol. `def` gives:
 --   name, title, headerSize   the filter name, the display name, the bytes that hold the length
 --   fields, experts           its ProtoFields and ProtoExperts, by key
 --   hasMaxSize                whether the receiver has a maximum message size
@@ -80,15 +80,15 @@ end
 --                             first pass only: updates the connection for this frame and returns
 --                             what the display needs beyond the bytes (a table)
 --   show(fw, tvb, pinfo, tree, verdict, view)   adds the frame's items under `tree`
-local function newFraming(spec)
-    local proto = Proto(spec.name, spec.title)
-    local fw = {proto = proto, spec = spec, connections = {}, frames = {}, ports = ""}
-    local f = spec.fields
-    f.status = ProtoField.uint32(spec.name .. ".status", "Receiver's status", base.DEC,
+local function newFraming(def)
+    local proto = Proto(def.name, def.title)
+    local fw = {proto = proto, def = def, connections = {}, frames = {}, ports = ""}
+    local f = def.fields
+    f.status = ProtoField.uint32(def.name .. ".status", "Receiver's status", base.DEC,
                                  STATUS_NAMES)
-    f.unread = ProtoField.bytes(spec.name .. ".unread", "Not read by the receiver")
-    local e = spec.experts
-    e.unread = ProtoExpert.new(spec.name .. ".unread.expert", "Not read by the receiver",
+    f.unread = ProtoField.bytes(def.name .. ".unread", "Not read by the receiver")
+    local e = def.experts
+    e.unread = ProtoExpert.new(def.name .. ".unread.expert", "Not read by the receiver",
                                expert.group.SEQUENCE, expert.severity.NOTE)
     local fieldList, expertList = {}, {}
     for _, field in pairs(f) do fieldList[#fieldList + 1] = field end
@@ -97,10 +97,10 @@ local function newFraming(spec)
     proto.experts = expertList
     fw.f, fw.e = f, e
 
-    proto.prefs.ports = Pref.range("TCP ports", "", "TCP ports of " .. spec.title ..
+    proto.prefs.ports = Pref.range("TCP ports", "", "TCP ports of " .. def.title ..
                                        " servers (a range such as 7000-7010,8000)", 65535)
-    if spec.extraPrefs then spec.extraPrefs(proto) end
-    if spec.hasMaxSize then
+    if def.extraPrefs then def.extraPrefs(proto) end
+    if def.hasMaxSize then
         proto.prefs.max_size = Pref.uint("Maximum message size", 16777216,
                                          "The receiver's maximum message size (velcat's -m)")
     end
@@ -131,7 +131,7 @@ local function newFraming(spec)
             fw.connections[key] = connection
         end
         for _, side in ipairs({src, dst}) do
-            if connection.sides[side] == nil then connection.sides[side] = spec.newSide(fw) end
+            if connection.sides[side] == nil then connection.sides[side] = def.newSide(fw) end
         end
         return connection, connection.sides[src], connection.sides[dst], src
     end
@@ -148,7 +148,7 @@ local function newFraming(spec)
         local remembered = fw.frames[key]
         if remembered == nil then
             local _, _, receiver = connectionOf(pinfo)
-            remembered = {verdict = spec.judge(fw, tvb:range(offset):tvb(), receiver)}
+            remembered = {verdict = def.judge(fw, tvb:range(offset):tvb(), receiver)}
             fw.frames[key] = remembered
         end
         if remembered.verdict.status ~= nil then
@@ -162,11 +162,11 @@ local function newFraming(spec)
         local remembered = fw.frames[key]
         local connection, sender, receiver, senderName = connectionOf(pinfo)
         if remembered == nil then
-            remembered = {verdict = spec.judge(fw, tvb, receiver)}
+            remembered = {verdict = def.judge(fw, tvb, receiver)}
             fw.frames[key] = remembered
         end
         if remembered.view == nil then
-            remembered.view = spec.follow(fw, tvb, pinfo, remembered.verdict, connection, sender,
+            remembered.view = def.follow(fw, tvb, pinfo, remembered.verdict, connection, sender,
                                           receiver, senderName) or {}
             if remembered.verdict.status ~= nil and receiver.refused == nil then
                 receiver.refused = {frame = pinfo.number, offset = tvb:offset()}
@@ -174,11 +174,11 @@ local function newFraming(spec)
         end
         local verdict, view = remembered.verdict, remembered.view
         local item = tree:add(proto, tvb:range())
-        spec.show(fw, tvb, pinfo, item, verdict, view)
+        def.show(fw, tvb, pinfo, item, verdict, view)
         if verdict.status ~= nil then
-            item:add(f.status, tvb:range(0, spec.headerSize), verdict.status):set_generated()
+            item:add(f.status, tvb:range(0, def.headerSize), verdict.status):set_generated()
             item:add_proto_expert_info(verdict.expert, verdict.text)
-            local header = verdict.consumed or spec.headerSize
+            local header = verdict.consumed or def.headerSize
             if tvb:len() > header then
                 item:add(f.unread, tvb:range(header))
             end
@@ -188,16 +188,16 @@ local function newFraming(spec)
         if verdict.status ~= nil then
             summary = summary .. " [refused: " .. STATUS_NAMES[verdict.status] .. "]"
         end
-        if info:find(spec.title, 1, true) == 1 then
+        if info:find(def.title, 1, true) == 1 then
             pinfo.cols.info:append(", " .. summary)
         else
-            pinfo.cols.info:set(spec.title .. " " .. summary)
+            pinfo.cols.info:set(def.title .. " " .. summary)
         end
         return tvb:len()
     end
 
     function proto.dissector(tvb, pinfo, tree)
-        pinfo.cols.protocol:set(spec.title)
+        pinfo.cols.protocol:set(def.title)
         local _, _, receiver = connectionOf(pinfo)
         local refused = receiver.refused
         if refused ~= nil and
@@ -208,10 +208,10 @@ local function newFraming(spec)
             item:add_proto_expert_info(e.unread, string.format(
                 "Not read: the receiver refused a header in frame %d and closes the connection",
                 refused.frame))
-            pinfo.cols.info:set(spec.title .. " not read (" .. tvb:len() .. " bytes)")
+            pinfo.cols.info:set(def.title .. " not read (" .. tvb:len() .. " bytes)")
             return tvb:len()
         end
-        dissect_tcp_pdus(tvb, tree, spec.headerSize, getLength, dissectFrame)
+        dissect_tcp_pdus(tvb, tree, def.headerSize, getLength, dissectFrame)
         return tvb:len()
     end
 
