@@ -15,6 +15,7 @@ namespace {
 constexpr int kOptionPipe = 256;
 constexpr int kOptionFailover = 257;
 constexpr int kOptionBackend = 258;
+constexpr int kOptionDeadline = 259;
 
 const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"source", required_argument, nullptr, 's'},
@@ -29,6 +30,7 @@ const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"pipe", required_argument, nullptr, kOptionPipe},
                                {"failover", no_argument, nullptr, kOptionFailover},
                                {"backend", required_argument, nullptr, kOptionBackend},
+                               {"deadline", required_argument, nullptr, kOptionDeadline},
                                {"help", no_argument, nullptr, 'h'},
                                {nullptr, 0, nullptr, 0}};
 
@@ -66,7 +68,13 @@ const char kUsage[] =
         "      --failover     with --pipe: one connection at a time, failing over between the\n"
         "                     endpoints (also oxl5, tn3270 and holm with -S)\n"
         "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
-        "                     listener's, or the pipe's\n"
+        "                     listener's, or the pipe's. A select listener serves at most 2046\n"
+        "                     clients: the back end holds 2048 handlers, its own wake-up socket\n"
+        "                     and the listening socket included; beyond, connections are closed\n"
+        "                     at once and said on stderr (once per second at most)\n"
+        "      --deadline N   listen mode: seconds a peer has to complete a frame it has begun,\n"
+        "                     and to take what is sent to it; a peer that does not is closed\n"
+        "                     (default 10)\n"
         "  -h, --help         print this help\n"
         "\n"
         "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
@@ -187,6 +195,10 @@ bool applyOption(int option, const char* argument, Options& options, std::string
                 return true;
             }
             return false;
+        case kOptionDeadline:
+            error = "--deadline takes 1 to 86400 seconds";
+            options.deadlineSet = true;
+            return parseNumber(argument, 1, 86400, options.deadline);
         default:
             error = "unknown option";
             return false;
@@ -207,6 +219,8 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "-e is for listen mode";
     } else if (options.count != 0 && options.listen) {
         error = "-c is for client mode";
+    } else if (options.deadlineSet && !options.listen) {
+        error = "--deadline is for listen mode";
     } else if (!options.pipe.empty() && options.listen) {
         error = "--pipe is for client mode";
     } else if (options.failover && options.pipe.empty()) {

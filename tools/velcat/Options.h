@@ -31,6 +31,8 @@ struct Options {
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
     Backend backend = Backend::kEpoll;
+    unsigned long deadline = 10;  // listener: seconds to complete a frame, to take output
+    bool deadlineSet = false;
 };
 
 // What the parse found: run, print the help and stop, or stop on a usage error.
