@@ -18,13 +18,15 @@
 // readBudget bytes per dispatch (so that one busy peer cannot hold the reactor from the others),
 // decodes every whole frame and calls onMessage for each, in order; a frame cut anywhere is kept
 // in the codec until the rest arrives. A body larger than the read buffer is read straight into
-// the message. Bodies above kKeptBodyBytes are released once onMessage has returned, so an idle
-// connection holds no more than a small frame's worth whatever it received before.
+// the message. Bodies above kKeptBodyBytes are released once onMessage has returned, and every
+// body once a dispatch ends between frames; output storage is released once it has been written:
+// a connection between frames with nothing to write holds no buffer, whatever it moved before.
 //
 // Output. send() encodes the message into the output queue and writes what the stream takes at
 // once; the rest is written when the stream becomes writable (the connection asks the reactor for
 // writability only while output is pending, and writes everything pending in one gathered write).
-// Sends made from onMessage are gathered and written once the dispatch has decoded what it read.
+// Sends made from onMessage are gathered while more of the bytes read wait to be decoded, and
+// written with the answer to the last message of the read.
 //
 // Back-pressure. When pending output reaches highWater the connection stops reading its input
 // and send() returns kVELErr_QueueFull (the message is queued all the same); once the peer has
@@ -116,7 +118,7 @@ public:
 class VEL_FramedConnection : public VEL_EventHandler,
                              public boost::enable_shared_from_this<VEL_FramedConnection> {
 public:
-    // Bodies above this size are released once delivered; output storage above it once drained.
+    // Bodies above this size are released as soon as they are delivered.
     static constexpr std::size_t kKeptBodyBytes = 16 << 10;
     // The read buffer of each reactor thread: smaller frames are copied out of it.
     static constexpr std::size_t kReadBufferBytes = 64 << 10;
@@ -208,7 +210,8 @@ private:
                       std::size_t* got) VEL_REQUIRES(_lock);
     VELErr_t decodeBuffered(std::unique_lock<basis::ThreadMutex>& hold, const char* data,
                             std::size_t size) VEL_REQUIRES(_lock);
-    VELErr_t deliver(std::unique_lock<basis::ThreadMutex>& hold) VEL_REQUIRES(_lock);
+    // `last`: no byte of this read follows the message.
+    VELErr_t deliver(std::unique_lock<basis::ThreadMutex>& hold, bool last) VEL_REQUIRES(_lock);
     // Output.
     VELErr_t queueFrame(VEL_Message* message, bool own) VEL_REQUIRES(_lock);
     VELErr_t appendOutput(const VELIoVec* parts, unsigned long count, std::size_t skip)

@@ -32,8 +32,9 @@ const VEL_StaticInit kStaticInit;
 // Frames at least this large are written at once even from a dispatch, so that a large body is
 // not copied into the queue only to wait there for the dispatch to end.
 constexpr std::size_t kDirectWriteBytes = 64 << 10;
-// The smallest output storage allocated.
-constexpr std::size_t kMinOutputBytes = 4096;
+// The smallest output storage allocated: a dispatch's answers to a read buffer full of small
+// frames fit without growing it.
+constexpr std::size_t kMinOutputBytes = 64 << 10;
 
 basis::TimeValue seconds(unsigned long count) {
     return basis::TimeValue(static_cast<long>(count), 0);
@@ -343,11 +344,7 @@ VELErr_t VEL_FramedConnection::flush() {
 void VEL_FramedConnection::consumed(std::size_t bytes) {
     _outHead += bytes;
     if (_outHead == _outTail) {
-        _outHead = 0;
-        _outTail = 0;
-        if (_outCapacity > kKeptBodyBytes) {
-            releaseOutput();
-        }
+        releaseOutput();  // an idle connection holds no output storage
     }
 }
 

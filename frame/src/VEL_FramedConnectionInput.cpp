@@ -85,6 +85,10 @@ bool VEL_FramedConnection::handleInput() {
             _corked = true;
             failure = readAndDeliver(hold);
             _corked = false;
+            if (!_codec->inFrame()) {
+                _input.reset();  // between frames an idle connection holds no body
+                _inputHeld = 0;
+            }
         }
         followup = endDispatch(failure);
     }
@@ -146,7 +150,7 @@ VELErr_t VEL_FramedConnection::readOnce(std::unique_lock<basis::ThreadMutex>& ho
     const std::size_t direct = std::min(moved, wanted);
     code = _codec->received(&_input, static_cast<unsigned long>(direct));
     if (code == kVELErr_Ok) {
-        code = deliver(hold);
+        code = deliver(hold, moved == direct);
     } else if (code == kVELErr_Incomplete) {
         code = kVELErr_Ok;
     }
@@ -172,7 +176,7 @@ VELErr_t VEL_FramedConnection::decodeBuffered(std::unique_lock<basis::ThreadMute
             return kVELErr_Ok;  // every byte taken; the codec holds the cut frame
         }
         if (code == kVELErr_Ok) {
-            code = deliver(hold);
+            code = deliver(hold, size == 0);
         }
         if (code != kVELErr_Ok) {
             return code;
@@ -181,8 +185,11 @@ VELErr_t VEL_FramedConnection::decodeBuffered(std::unique_lock<basis::ThreadMute
     return kVELErr_Ok;  // closed from onMessage: the rest is dropped
 }
 
-VELErr_t VEL_FramedConnection::deliver(std::unique_lock<basis::ThreadMutex>& hold) {
+VELErr_t VEL_FramedConnection::deliver(std::unique_lock<basis::ThreadMutex>& hold, bool last) {
     _inFrame = false;  // a frame is whole; the next one starts its own clock
+    // The answers to the frames of one read are gathered; the answer to its last frame goes out
+    // at once with them, without being copied (the common case of one frame per read).
+    _corked = !last;
     VEL_ConnectionHandler* handler = _handler.get();  // dropped only by this thread's finish()
     hold.unlock();
     const bool ok = velframe::runGuarded([&] {
