@@ -569,7 +569,11 @@ unsigned long VEL_FramedConnection::armSecondsFor(const basis::TimeValue& now) {
     const long long waitUs = (due - now).toMicroseconds();
     const unsigned long wait =
             waitUs <= 0 ? 1 : static_cast<unsigned long>((waitUs + 999999) / 1000000);
-    _armed.push_back(ArmedTimer{0, now + seconds(wait)});
+    try {
+        _armed.push_back(ArmedTimer{0, now + seconds(wait)});
+    } catch (const std::bad_alloc&) {
+        return 0;  // no timer now; the next dispatch tries again
+    }
     return wait;
 }
 

@@ -131,6 +131,9 @@ VELErr_t VEL_FramedConnection::readOnce(std::unique_lock<basis::ThreadMutex>& ho
     VELIoVec places[kVEL_MaxFrameParts + 1];
     unsigned long count = 0;
     const std::size_t wanted = _codec->nextParts(&_input, places, &count);
+    if (wanted == 0) {
+        return kVELErr_Alloc;  // no room for a record: an empty read would look like the end
+    }
     std::size_t asked = wanted;
     if (!_codec->takesPartial()) {
         places[count].iov_base = buffer;
