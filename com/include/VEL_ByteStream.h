@@ -13,8 +13,8 @@
 // Ownership: a VEL_TCPByteStream owns its socket (and so the descriptor).
 //
 // Thread safety: distinct streams are independent. One thread at a time reads, writes or
-// closes a stream; shutdown() may be called from any thread at any time, also while another
-// thread reads or writes.
+// closes a stream; shutdown() may be called from any thread, also while another thread reads
+// or writes, but not while one closes.
 #ifndef COM_INCLUDE_VEL_BYTESTREAM_H
 #define COM_INCLUDE_VEL_BYTESTREAM_H
 
@@ -43,13 +43,15 @@ public:
     // Reads what is waiting into the `count` places, in order, without waiting. kVELErr_Ok with
     // *moved the bytes read: 0 when nothing is waiting now. kVELErr_SockHalfClosed at the end of
     // the stream (last system error 0) or on a reset; kVELErr_SockNotConnected once closed;
-    // kVELErr_Recv, kVELErr_InvalidSocket for other failures (errno stored, not traced).
+    // kVELErr_Timeout when the system gave the connection up (ETIMEDOUT), kVELErr_Recv,
+    // kVELErr_InvalidSocket for other failures (errno stored, not traced).
     // REQUIRES: `count` >= 1.
     virtual VELErr_t readAvail(const VELIoVec* places, unsigned long count, std::size_t* moved) = 0;
     // Writes what the stream takes now of the `count` pieces, in order, in one gathered write,
     // without waiting. kVELErr_Ok with *moved the bytes taken: 0 when none fit now.
-    // kVELErr_SockHalfClosed when the peer has reset or gone; kVELErr_SockNotConnected once
-    // closed; kVELErr_Send, kVELErr_InvalidSocket for other failures (errno stored, not traced).
+    // kVELErr_SockHalfClosed when the peer has reset the connection; kVELErr_SockNotConnected
+    // once closed; kVELErr_Timeout (ETIMEDOUT), kVELErr_Send (a peer gone after a shutdown
+    // among them), kVELErr_InvalidSocket for other failures (errno stored, not traced).
     // REQUIRES: `count` >= 1.
     virtual VELErr_t writeAvail(const VELIoVec* pieces, unsigned long count,
                                 std::size_t* moved) = 0;

@@ -22,9 +22,10 @@
 // body once a dispatch ends between frames; output storage is released once it has been written:
 // a connection between frames with nothing to write holds no buffer, whatever it moved before.
 //
-// Output. send() encodes the message into the output queue and writes what the stream takes at
-// once; the rest is written when the stream becomes writable (the connection asks the reactor for
-// writability only while output is pending, and writes everything pending in one gathered write).
+// Output. send() encodes the message and, when nothing is queued ahead of it, writes what the
+// stream takes at once; the rest goes to the output queue, which the reactor thread writes when
+// the stream becomes writable (the connection asks the reactor for writability only while output
+// is pending, and writes everything pending in one gathered write).
 // Sends made from onMessage are gathered while more of the bytes read wait to be decoded, and
 // written with the answer to the last message of the read.
 //
@@ -47,9 +48,11 @@
 // refused by the codec, when a time limit passes, when the application calls close(), or when
 // the reactor is cleaned; onClose then runs once with the reason (kVELErr_SockHalfClosed for the
 // end of the stream, the codec's status for a bad frame, kVELErr_Timeout, kVELErr_Ok for close(),
-// kVELErr_ReactorStopped for the reactor's clean()). The connection leaves the reactor before its
-// descriptor is given back. Pending output is dropped. A handler that throws from a call-back
-// closes its connection with kVELErr_UserCode.
+// kVELErr_ReactorStopped for the reactor's clean()). Output queued before the close goes out if
+// the stream takes it at once; the rest is dropped. The connection leaves the reactor before its
+// descriptor is given back. A close asked from another thread (close(), a time limit) shuts the
+// stream down, and the reactor thread completes it. A handler that throws from onMessage or
+// onDrained closes its connection with kVELErr_UserCode.
 //
 // Ownership: the connection owns its stream (and descriptor), its codec and its queues; it holds
 // the handler by shared pointer until onClose has returned, and the reactor holds the connection
@@ -57,7 +60,7 @@
 // connection may be destroyed once it is closed or was never started.
 //
 // Thread safety: call-backs run on the reactor thread, one at a time (onClose on the thread that
-// calls the reactor's clean(), or close() on a connection never started). send(), close(),
+// calls the reactor's clean() when that closes it). send(), close(),
 // useCodec() and the accessors may be called from any thread, also from the call-backs; the
 // codec is used under the connection's lock, so encoding and decoding never overlap.
 #ifndef FRAME_INCLUDE_VEL_FRAMEDCONNECTION_H
@@ -141,19 +144,21 @@ public:
     // already started or closed. A connection that fails to start is closed without onClose.
     // Any thread.
     VELErr_t start();
-    // Encodes `message` and queues its frame, writing what the stream takes now (or, from
-    // onMessage, once the dispatch ends). The codec may transform the body in place (the message
-    // is then as the format's transport leaves it after a send). kVELErr_Ok; kVELErr_QueueFull:
-    // queued, and pending output has reached the high-water mark (reading has stopped; onDrained
-    // follows); kVELErr_BufferTooLarge: refused, pending output plus the body would exceed
-    // maxPendingOutput; kVELErr_SockNotConnected once closed (or before start()); the codec's
-    // refusal (nothing queued); kVELErr_Alloc. A failure of the stream closes the connection (its
-    // reason goes to onClose) and is returned. Any thread. REQUIRES: `message` is not null.
+    // Encodes `message` and queues its frame, writing what the stream takes now (from onMessage,
+    // with the answer to the read's last message). The codec may transform the body in place (the
+    // message is then as the format's transport leaves it after a send). kVELErr_Ok;
+    // kVELErr_QueueFull: queued, and pending output has reached the high-water mark (reading has
+    // stopped; onDrained follows); kVELErr_BufferTooLarge: refused, pending output plus the body
+    // would exceed maxPendingOutput; kVELErr_SockNotConnected once closed (or before start()); the
+    // codec's refusal (nothing queued); kVELErr_Alloc. A failure of the stream closes the
+    // connection (its reason goes to onClose) and is returned. Any thread. REQUIRES: `message` is
+    // not null.
     VELErr_t send(VEL_Message* message);
-    // Closes the connection with the reason kVELErr_Ok; pending output is dropped. From a
-    // call-back of this connection the close happens when the call-back returns; from another
-    // thread the stream is shut down at once and the reactor thread completes the close (onClose
-    // there). Closing twice does nothing. Any thread.
+    // Closes the connection with the reason kVELErr_Ok. From a call-back of this connection the
+    // close happens when the call-back returns, after a last write of what is queued; from
+    // another thread the stream is shut down at once (pending output is dropped) and the reactor
+    // thread completes the close (onClose there). A connection never started closes here without
+    // onClose. Closing twice does nothing. Any thread.
     void close();
     // Runs `action` with the codec, serialised with the connection's encoding and decoding (to
     // change a setting of the format, such as compression). Must not call back into this
