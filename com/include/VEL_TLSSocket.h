@@ -20,7 +20,8 @@
 //
 // close() sends close_notify first (without waiting for the peer's), so that the peer can tell
 // the end of the data from a cut connection; it is skipped when the handshake has not completed,
-// the session has failed, the send buffer is full, or another thread is inside a transfer.
+// the session has failed, the send buffer is full, or another thread is in the middle of a step
+// of the session.
 //
 // Status codes, beyond those of VEL_TCPSocket's transfers: kVELErr_TLSHandshake,
 // kVELErr_TLSCertificate (the verification reason is traced), kVELErr_TLSProtocol,
@@ -34,8 +35,11 @@
 // Ownership: the socket owns the descriptor it took over, and its session. The sockets that
 // connectors and acceptors hand out belong to the caller.
 //
-// Thread safety: as VEL_Socket: one thread at a time transfers, waits or runs the handshake;
-// another may close() the socket to end a blocked transfer (it then gets kVELErr_SockHalfClosed).
+// Thread safety: as VEL_Socket: one thread at a time sends, and one at a time receives or waits
+// for input; the two may be different threads (the session is shared under a lock that is held
+// for each step and never while waiting for the descriptor). Another thread may close() the
+// socket to end a blocked transfer, which then reports kVELErr_SockHalfClosed. The accessors
+// are safe from any thread.
 #ifndef COM_INCLUDE_VEL_TLSSOCKET_H
 #define COM_INCLUDE_VEL_TLSSOCKET_H
 
@@ -129,7 +133,8 @@ private:
     VELErr_t writeRecord(int fd, VELIoVec* v, unsigned long n, WaitLimit& limit, std::size_t* put);
     // Fills `buf` with `size` bytes within the receive limits; *got counts what arrived.
     VELErr_t recvInto(int fd, char* buf, std::size_t size, WaitLimit& limit, std::size_t* got);
-    // Waits until the descriptor allows what the session wants. kVELErr_Timeout, kVELErr_Select.
+    // Waits until the descriptor allows what the session wants, the session lock released
+    // meanwhile. kVELErr_Timeout, kVELErr_Select. REQUIRES: the caller holds _sessionLock.
     VELErr_t waitFor(int fd, VELTLSWant_t want, WaitLimit& limit) const;
     // The status for a failed step on `fd`: a close by another thread reads as
     // kVELErr_SockHalfClosed; TLS failures are traced with their reason.
@@ -142,10 +147,10 @@ private:
     VEL_TLSContext _context;
     std::string _serverName;
     unsigned char _handshakeTimeOut;
-    // Held by the thread that drives the session, for the whole of its call. close() from
-    // another thread only tries it, so as never to wait on a blocked transfer; it takes it for
-    // good once the descriptor's users are gone. Lock order: a leaf (nothing is taken under it
-    // but the socket's own closing lock, inside VEL_Socket::close).
+    // Held by a thread while it drives the session, released while it waits for the
+    // descriptor. close() only tries it for the close_notify, so as never to wait on another
+    // thread's step; it takes it to drop the session once the descriptor's users are gone.
+    // Lock order: a leaf (nothing is taken under it).
     mutable basis::ThreadMutex _sessionLock;
     VEL_TLSEngine _engine VEL_GUARDED_BY(_sessionLock);
     std::unique_ptr<char[]> _stage VEL_GUARDED_BY(_sessionLock);  // made on first use

@@ -311,6 +311,7 @@ VELErr_t VEL_TLSEngine::outcome(int result, Step step, VELTLSWant_t* want) {
             }
             // The end of the stream without close_notify, where OpenSSL reports no reason.
             ERR_clear_error();
+            basis::Thread::SetLastSystemErr(0);
             return fail(step == kHandshake ? kVELErr_TLSHandshake : kVELErr_TLSTruncated,
                         "the peer closed the connection without close_notify");
         case SSL_ERROR_SSL:
@@ -321,6 +322,7 @@ VELErr_t VEL_TLSEngine::outcome(int result, Step step, VELTLSWant_t* want) {
 }
 
 VELErr_t VEL_TLSEngine::libraryFailure(Step step) {
+    basis::Thread::SetLastSystemErr(0);  // no system call failed: do not show a stale error
     const unsigned long first = ERR_peek_error();
     const int reason = ERR_GET_LIB(first) == ERR_LIB_SSL ? ERR_GET_REASON(first) : 0;
     if (reason == SSL_R_CERTIFICATE_VERIFY_FAILED) {

@@ -382,14 +382,17 @@ VELErr_t VEL_TLSSocket::peekRecv() {
 }
 
 bool VEL_TLSSocket::isEstablished() const {
+    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     return _engine.isEstablished();
 }
 
 std::string VEL_TLSSocket::getProtocol() const {
+    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     return _engine.describe();
 }
 
 std::string VEL_TLSSocket::getPeerSubject() const {
+    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     return _engine.peerSubject();
 }
 
@@ -401,8 +404,11 @@ VELErr_t VEL_TLSSocket::waitFor(int fd, VELTLSWant_t want, WaitLimit& limit) con
     }
     short revents = 0;
     int err = 0;
+    // The session is free while this thread waits: another may send meanwhile, or close.
+    (void)_sessionLock.release();
     const int ready =
             velcom::pollOne(fd, want == kVELTLSWant_Read ? POLLIN : POLLOUT, wait, &revents, &err);
+    (void)_sessionLock.acquire();
     if (ready < 0) {
         basis::Thread::SetLastSystemErr(err);
         return kVELErr_Select;

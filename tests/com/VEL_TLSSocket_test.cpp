@@ -308,6 +308,35 @@ TEST_F(TLSSocketTest, CloseFromAnotherThreadReleasesABlockedRecv) {
     EXPECT_EQ(result, kVELErr_SockHalfClosed);
 }
 
+TEST_F(TLSSocketTest, OneThreadReceivesWhileAnotherSends) {
+    // A reader blocked in recv must not hold the session against the sender (as a client with a
+    // reader thread does): the peer echoes what the sender sends, which ends the receive.
+    TLSSocketPair pair = veltest::MakeTLSSocketPair();
+    ASSERT_TRUE(pair.client && pair.server);
+    std::atomic<pid_t> readerTid{0};
+    std::future<std::string> reader = std::async(std::launch::async, [&] {
+        readerTid = veltest::CurrentTid();
+        char buf[4] = {};
+        const VELErr_t code = pair.client->recv(buf, sizeof(buf));
+        return code == kVELErr_Ok ? std::string(buf, sizeof(buf)) : std::to_string(code);
+    });
+    ASSERT_TRUE(veltest::WaitFor([&] { return readerTid.load() != 0; }));
+    ASSERT_TRUE(veltest::WaitUntilSleeping(readerTid.load()));
+    std::future<VELErr_t> sent =
+            std::async(std::launch::async, [&] { return pair.client->send("echo", 4); });
+    const bool sentInTime = sent.wait_for(seconds(5)) == std::future_status::ready;
+    char echo[4];
+    if (!sentInTime) {
+        (void)pair.server->send("none", 4);  // frees the reader, and so the sender
+    } else {
+        ASSERT_EQ(pair.server->recv(echo, 4), kVELErr_Ok);
+        ASSERT_EQ(pair.server->send(echo, 4), kVELErr_Ok);
+    }
+    EXPECT_TRUE(sentInTime) << "the send waited for the blocked receive";
+    EXPECT_EQ(sent.get(), kVELErr_Ok);
+    EXPECT_EQ(reader.get(), sentInTime ? "echo" : "none");
+}
+
 // Child body, with the default SIGPIPE disposition: sends until the closed peer's reset comes
 // back. Exits 0 when the failure came back as a status code.
 [[noreturn]] void writeToClosedPeer() {
