@@ -53,7 +53,7 @@
 //
 // Ownership: the pipe owns its endpoint records, its connections with their sockets and event
 // handlers, and its reactor; it does not own the notifier. A subclass supplies the transport
-// (doConnect, doSend, doRecv, doHasRecv, doPurge): see VEL_TCPPipe.
+// (doConnect, doSend, doRecv, doHasRecv, doCheckPeer, doPurge): see VEL_TCPPipe.
 //
 // Thread safety: distinct pipes are independent. Any thread may call send, recv, purge and the
 // setters; the pipe lock serialises them, except that a thread waiting in recv() for input holds
@@ -279,7 +279,10 @@ protected:
     virtual VELErr_t doPurge(VEL_Socket* socket) = 0;
 
     // The date (basis::TimeValue::GetHRTime) by which the doSend or doRecv in progress must end.
-    const basis::TimeValue& transferDeadline() const VEL_REQUIRES(_pipeLock) { return _deadline; }
+    // For the transport operations, which run under the pipe lock (a subclass cannot name it).
+    const basis::TimeValue& transferDeadline() const VEL_NO_THREAD_SAFETY_ANALYSIS {
+        return _deadline;
+    }
 
 private:
     class Driving;
