@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "BufferMgr.h"
 
@@ -15,6 +16,8 @@ namespace {
 constexpr int kOptionPipe = 256;
 constexpr int kOptionFailover = 257;
 constexpr int kOptionBackend = 258;
+// Seconds whose milliseconds fit a poll() time-out.
+constexpr unsigned long kLongestWait = 2147483;
 
 const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"source", required_argument, nullptr, 's'},
@@ -25,6 +28,7 @@ const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"hex", no_argument, nullptr, 'x'},
                                {"max-size", required_argument, nullptr, 'm'},
                                {"count", required_argument, nullptr, 'c'},
+                               {"wait", required_argument, nullptr, 'w'},
                                {"trace", required_argument, nullptr, 't'},
                                {"pipe", required_argument, nullptr, kOptionPipe},
                                {"failover", no_argument, nullptr, kOptionFailover},
@@ -58,6 +62,8 @@ const char kUsage[] =
         "  -x, --hex          print received bodies as hex instead of raw bytes\n"
         "  -m, --max-size N   largest body accepted (default 16777216)\n"
         "  -c, --count N      client: exit 0 after N messages have been received\n"
+        "  -w, --wait SECONDS client: once input has ended with replies still due (-c), exit 1\n"
+        "                     when no byte arrives for SECONDS (default 10; 0 waits for ever)\n"
         "  -t, --trace MASK   write trace lines with these category bits to stderr\n"
         "                     (2 network, 4 timers, 8 reactor and pipes, 16 dumps, 32 errors)\n"
         "      --pipe H:P[,H:P...]  client: send over a pipe across these endpoints instead of "
@@ -167,6 +173,9 @@ bool applyOption(int option, const char* argument, Options& options, std::string
         case 'c':
             error = "--count takes a positive number";
             return parseNumber(argument, 1, 0xFFFFFFFFul, options.count);
+        case 'w':
+            error = "--wait takes 0 to " + std::to_string(kLongestWait) + " seconds";
+            return parseNumber(argument, 0, kLongestWait, options.wait);
         case 't':
             error = "--trace takes a mask of 0 to 65535";
             if (!parseNumber(argument, 0, 0xFFFF, number)) {
@@ -207,6 +216,8 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "-e is for listen mode";
     } else if (options.count != 0 && options.listen) {
         error = "-c is for client mode";
+    } else if (options.waitGiven && options.listen) {
+        error = "-w is for client mode";
     } else if (!options.pipe.empty() && options.listen) {
         error = "--pipe is for client mode";
     } else if (options.failover && options.pipe.empty()) {
@@ -251,7 +262,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
     optind = 1;
     opterr = 0;
     int option = 0;
-    while ((option = getopt_long(argc, argv, "ls:p:zSexm:c:t:h", kLongOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "ls:p:zSexm:c:w:t:h", kLongOptions, nullptr)) != -1) {
         if (option == 'h') {
             return ParseResult::kHelp;
         }
@@ -262,6 +273,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
         if (!applyOption(option, optarg, options, error)) {
             return ParseResult::kUsageError;
         }
+        options.waitGiven = options.waitGiven || option == 'w';
     }
     if (!takeOperands(argc - optind, argv + optind, options, error) ||
         !checkCombination(options, error)) {

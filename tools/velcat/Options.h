@@ -27,6 +27,8 @@ struct Options {
     bool hex = false;
     unsigned long maxSize = 16777216;
     unsigned long count = 0;  // 0: no limit
+    unsigned long wait = 10;  // seconds without input before a client gives up; 0: for ever
+    bool waitGiven = false;   // -w was on the command line
     unsigned short traceMask = 0;
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
