@@ -21,6 +21,7 @@
 #define COM_INCLUDE_VEL_TLSACCEPTOR_H
 
 #include <atomic>
+#include <string>
 
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TLSContext.h"
@@ -48,9 +49,13 @@ public:
     bool isDeferHandshake() const { return _deferHandshake.load(); }
     void setDeferHandshake(bool defer) { _deferHandshake.store(defer); }
     const VEL_TLSContext& getContext() const { return _context; }
+    // Why the last accept's handshake failed (see VEL_TLSSocket::getFailureDetail); empty after
+    // an accept that succeeded. The thread that accepts.
+    const std::string& getFailureDetail() const { return _failureDetail; }
 
 private:
     VEL_TLSContext _context;
+    std::string _failureDetail;
     std::atomic<unsigned char> _handshakeTimeOut;
     std::atomic<bool> _deferHandshake;
 };

@@ -57,14 +57,18 @@ public:
     const VEL_SockOptions& getConnectOptions() const { return _connectOptions; }
     void setConnectOptions(const VEL_SockOptions& options) { _connectOptions = options; }
     const VEL_TLSContext& getContext() const { return _context; }
+    // Why the last connect's handshake failed (see VEL_TLSSocket::getFailureDetail); empty
+    // after a connect that succeeded or failed before the handshake.
+    const std::string& getFailureDetail() const { return _failureDetail; }
 
 private:
-    VELErr_t secure(VEL_Socket* tcp, VEL_TLSSocket* tls) const;
+    VELErr_t secure(VEL_Socket* tcp, VEL_TLSSocket* tls);
 
     VEL_SockAddr _remoteAddr;
     VEL_SockOptions _connectOptions;
     VEL_TLSContext _context;
     std::string _serverName;
+    std::string _failureDetail;
 };
 
 #endif  // COM_INCLUDE_VEL_TLSCONNECTOR_H

@@ -115,6 +115,9 @@ public:
     std::string getProtocol() const;
     // The one-line subject of the peer's certificate (empty when it sent none).
     std::string getPeerSubject() const;
+    // Why the session failed ("certificate verify failed: hostname mismatch", ...), as traced;
+    // empty while it has not.
+    std::string getFailureDetail() const;
 
     unsigned char getHandshakeTimeOut() const { return _handshakeTimeOut; }
     void setHandshakeTimeOut(unsigned char seconds) { _handshakeTimeOut = seconds; }

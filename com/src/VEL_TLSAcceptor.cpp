@@ -50,6 +50,7 @@ VELErr_t VEL_TLSAcceptor::open() {
 }
 
 VELErr_t VEL_TLSAcceptor::accept(VEL_Socket*& out) {
+    _failureDetail.clear();
     std::unique_ptr<VEL_TLSSocket> tls(new (std::nothrow) VEL_TLSSocket(_context));
     if (!tls) {
         velcom::traceComError(kVELErr_Alloc, [&] {
@@ -69,6 +70,7 @@ VELErr_t VEL_TLSAcceptor::accept(VEL_Socket*& out) {
         code = tls->handshake();
     }
     if (code != kVELErr_Ok) {
+        _failureDetail = tls->getFailureDetail();
         return code;  // the connection is closed with the socket
     }
     out = tls.release();

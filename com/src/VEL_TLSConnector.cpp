@@ -40,6 +40,7 @@ VELErr_t VEL_TLSConnector::close() {
 }
 
 VELErr_t VEL_TLSConnector::connect(VEL_Socket*& socket) {
+    _failureDetail.clear();
     std::unique_ptr<VEL_TLSSocket> created;
     VEL_TLSSocket* tls = nullptr;
     if (socket == nullptr) {
@@ -77,11 +78,14 @@ VELErr_t VEL_TLSConnector::connect(VEL_Socket*& socket) {
     return kVELErr_Ok;
 }
 
-VELErr_t VEL_TLSConnector::secure(VEL_Socket* tcp, VEL_TLSSocket* tls) const {
+VELErr_t VEL_TLSConnector::secure(VEL_Socket* tcp, VEL_TLSSocket* tls) {
     VELErr_t code = tls->attach(*static_cast<VEL_TCPSocket*>(tcp), _serverName.c_str());
     if (code == kVELErr_Ok) {
         tls->setHandshakeTimeOut(getCnctTimeOut());
         code = tls->handshake();
+    }
+    if (code != kVELErr_Ok) {
+        _failureDetail = tls->getFailureDetail();
     }
     return code;
 }

@@ -396,6 +396,11 @@ std::string VEL_TLSSocket::getPeerSubject() const {
     return _engine.peerSubject();
 }
 
+std::string VEL_TLSSocket::getFailureDetail() const {
+    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
+    return _engine.failureDetail();
+}
+
 VELErr_t VEL_TLSSocket::waitFor(int fd, VELTLSWant_t want, WaitLimit& limit) const {
     basis::TimeValue span;
     const basis::TimeValue* wait = nullptr;

@@ -185,6 +185,7 @@ TEST_F(TLSInteropTest, ClientRefusesBadServersWithTheirStatusAndReason) {
         EXPECT_EQ(connector.connect(connected), c.expected);
         EXPECT_EQ(connected, nullptr);
         EXPECT_TRUE(sink.contains(c.reason)) << "no trace with " << c.reason;
+        EXPECT_NE(connector.getFailureDetail().find(c.reason), std::string::npos);
     }
 }
 

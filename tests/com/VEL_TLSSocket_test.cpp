@@ -53,7 +53,8 @@ protected:
 };
 
 // Forwards one connection between a client and `target`, recording every byte that passes in
-// either direction: what an eavesdropper on the path sees.
+// either direction: what an eavesdropper on the path sees. After tamperWithNext() it flips the
+// last byte of the next chunk it forwards, as an attacker on the path could.
 class RecordingRelay {
 public:
     explicit RecordingRelay(unsigned short target)
@@ -67,6 +68,7 @@ public:
         std::lock_guard<std::mutex> hold(_lock);
         return _captured;
     }
+    void tamperWithNext() { _tamper = true; }
 
 private:
     void run(unsigned short target) {
@@ -94,6 +96,9 @@ private:
                 }
                 std::lock_guard<std::mutex> hold(_lock);
                 _captured.append(chunk, static_cast<std::size_t>(got));
+                if (_tamper.exchange(false)) {
+                    chunk[got - 1] ^= 0x01;
+                }
                 (void)veltest::WriteAll(ends[1 - i].fd, chunk, static_cast<std::size_t>(got));
             }
         }
@@ -102,6 +107,7 @@ private:
     unsigned short _port = 0;
     RawFd _listener;
     std::atomic<bool> _stop{false};
+    std::atomic<bool> _tamper{false};
     std::mutex _lock;
     std::string _captured;
     std::thread _thread;
@@ -123,7 +129,7 @@ VELErr_t receive(VEL_Transport& transport, VEL_Socket& socket, VEL_Message& mess
     return waited != kVELErr_Ok ? waited : transport.recvMessage(&message);
 }
 
-TEST_F(TLSSocketTest, EveryFramingRunsOverTLSAndNothingTravelsInClear) {
+TEST_F(TLSSocketTest, EveryFramingRunsOverTLSNothingTravelsInClearAndNothingChangesUnseen) {
     const std::vector<Framing> framings = {
             {"OXLv1", [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, 1 << 20); }},
             {"OXLv2",
@@ -177,6 +183,11 @@ TEST_F(TLSSocketTest, EveryFramingRunsOverTLSAndNothingTravelsInClear) {
     for (const char* word : {"question", "answer", "1234567890", "0987654321"}) {
         EXPECT_EQ(wire.find(word), std::string::npos) << word << " travelled in clear";
     }
+    // A record changed on the way is refused, not delivered.
+    relay.tamperWithNext();
+    ASSERT_EQ(server->send("altered?", 8), kVELErr_Ok);
+    char buf[8];
+    EXPECT_EQ(client->recv(buf, sizeof(buf)), kVELErr_TLSProtocol);
 }
 
 TEST_F(TLSSocketTest, InputAlreadyDecryptedCountsAsWaitingThoughTheDescriptorHasNone) {
