@@ -86,6 +86,9 @@ public:
     // Adds the certificates of a PEM file (one or more) to those trusted. kVELErr_OpenFile,
     // kVELErr_TLSTrustStore (no PEM certificate in it, or a damaged one), kVELErr_TLSInit.
     VELErr_t loadTrustedCAFile(const char* path);
+    // Adds the certificates of PEM text in memory to those trusted. kVELErr_TLSTrustStore,
+    // kVELErr_TLSInit.
+    VELErr_t loadTrustedCAs(const char* pem, std::size_t size);
     // Trusts the certificates of a directory laid out by hash ("openssl rehash"), looked up
     // when needed. kVELErr_OpenFile when it is not a readable directory, kVELErr_TLSTrustStore.
     VELErr_t loadTrustedCADirectory(const char* path);

@@ -148,7 +148,6 @@ private:
     const char* recordOf(const VELIoVec* v, unsigned long n, std::size_t* size);
 
     VEL_TLSContext _context;
-    std::string _serverName;
     unsigned char _handshakeTimeOut;
     // Held by a thread while it drives the session, released while it waits for the
     // descriptor. close() only tries it for the close_notify, so as never to wait on another

@@ -196,6 +196,10 @@ VELErr_t VEL_TLSContext::loadTrustedCAFile(const char* path) {
     return code != kVELErr_Ok ? code : loadTrusted(content.data(), content.size(), path);
 }
 
+VELErr_t VEL_TLSContext::loadTrustedCAs(const char* pem, std::size_t size) {
+    return loadTrusted(pem, size, "Trusted certificates in memory");
+}
+
 VELErr_t VEL_TLSContext::loadTrustedCADirectory(const char* path) {
     if (_context == nullptr) {
         return failed(kVELErr_TLSInit, "No TLS context", std::string());

@@ -80,13 +80,13 @@ VELErr_t VEL_TLSSocket::attach(VEL_TCPSocket& tcp, const char* serverName) {
     adoptConnection(tcp);
     // Without a name, a verifying client checks the address it connected to.
     const char* address = getRemoteAddr().getHostIPAddress();
-    _serverName = serverName != nullptr && *serverName != '\0' ? serverName
-                  : address != nullptr                         ? address
-                                                               : "";
+    const std::string name = serverName != nullptr && *serverName != '\0' ? serverName
+                             : address != nullptr                         ? address
+                                                                          : "";
     std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     const VELErr_t code =
             _engine.start(_context, static_cast<int>(getHandle()),
-                          _context.getRole() == kVELTLS_Client ? _serverName.c_str() : nullptr);
+                          _context.getRole() == kVELTLS_Client ? name.c_str() : nullptr);
     if (code != kVELErr_Ok) {
         velcom::traceComError(code, [&] { return remoteText() + " ; " + _engine.failureDetail(); });
         _engine.reset();
@@ -324,6 +324,9 @@ VELErr_t VEL_TLSSocket::recvAvail(char* buf, unsigned int* len) {
     const unsigned int wanted = *len;
     *len = 0;
     VELErr_t step = ensureHandshake(fd);
+    if (step != kVELErr_Ok) {
+        return step;  // traced by the handshake
+    }
     while (step == kVELErr_Ok && *len < wanted) {
         std::size_t taken = 0;
         VELTLSWant_t want = kVELTLSWant_Read;

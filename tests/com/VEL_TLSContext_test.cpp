@@ -103,6 +103,11 @@ TEST_F(TLSContextTest, LoadingReportsUnreadableDamagedAndMismatchedInput) {
                  return c.loadTrustedCAFile(f.serverKey.c_str());
              },
              kVELErr_TLSTrustStore, "server.key"},
+            {"trusted certificates in memory that are none",
+             [&](VEL_TLSContext& c, const TLSFiles&) {
+                 return c.loadTrustedCAs(garbage.data(), garbage.size());
+             },
+             kVELErr_TLSTrustStore, "Trusted certificates in memory"},
             {"trusted directory that is a file",
              [](VEL_TLSContext& c, const TLSFiles& f) {
                  return c.loadTrustedCADirectory(f.caCert.c_str());
