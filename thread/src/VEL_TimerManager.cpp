@@ -32,6 +32,29 @@ void traceDeletedSubscriber(const char* text) {
 const char kDeletedOnEvent[] = "Handle event of already deleted subscriber";
 const char kDeletedOnCancel[] = "Close already deleted subscriber";
 
+// True on the manager's own threads (the timer thread, and the second stage of the asynchronous
+// strategy), where callbacks run and where subscribers are often released.
+thread_local bool tTimerThread = false;
+// True on a thread while it runs CloseSingleton, which releases subscribers.
+thread_local bool tClosing = false;
+
+// CloseSingleton refused: level 2, under the thread module's error mask.
+void traceRefusedClose(const char* why) {
+    if (VEL_Tools::IsTraceOn(kVELTrace_ThreadError)) {
+        VEL_Tools::TraceText(kVELLevel_Warn,
+                             VEL_Tools::ErrText("THREAD", kVELErr_TaskRunning, why));
+    }
+}
+
+// Marks the calling thread as closing the manager for one scope.
+class ClosingScope {
+public:
+    ClosingScope() { tClosing = true; }
+    ~ClosingScope() { tClosing = false; }
+    ClosingScope(const ClosingScope&) = delete;
+    ClosingScope& operator=(const ClosingScope&) = delete;
+};
+
 }  // namespace
 
 // Forwards to an object the manager does not own.
@@ -132,6 +155,19 @@ VEL_TimerManager* VEL_TimerManager::Create(VELTimerAlgorithm_t algorithm) {
 }
 
 void VEL_TimerManager::CloseSingleton() {
+    // A timer thread cannot join itself, and a close that releases a subscriber whose destructor
+    // closes again would take _InstanceMutex twice: both are refused, and the manager stays as
+    // it is for a later close from an ordinary thread.
+    if (tTimerThread) {
+        traceRefusedClose(
+                "CloseSingleton called from a timer thread: the timer manager stays open");
+        return;
+    }
+    if (tClosing) {
+        traceRefusedClose("CloseSingleton called while the timer manager is closing: ignored");
+        return;
+    }
+    const ClosingScope closing;
     VEL_TimerManager* closed = nullptr;
     {
         basis::GuardEx<basis::ThreadMutex> hold(_InstanceMutex);
@@ -183,7 +219,12 @@ void VEL_TimerManager::ThrowSpawnFailure() {
     throw std::runtime_error(reason);
 }
 
+void VEL_TimerManager::EnterTimerThread() {
+    tTimerThread = true;
+}
+
 bool VEL_TimerManager::run() {
+    EnterTimerThread();
     bool result = true;
     while (!_stop.load()) {
         RunCatching([this, &result] { result = executeSubscribers(); });
