@@ -235,7 +235,8 @@ TEST_P(TimerServiceTest, FiresOnceCountTimesOrUntilUnsubscribedOneIntervalApart)
     EXPECT_EQ(repeating.cancels.load(), 1);
 }
 
-TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalled) {
+// A repeating weak timer whose subscriber had gone used to live, and trace, for ever.
+TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalledAndItsTimerEnds) {
     veltest::RecordingSink sink(kVELTrace_Thread);
     veltest::ScopedSink installed(&sink);
     auto weak = boost::make_shared<Recorder>();
@@ -245,7 +246,7 @@ TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalled) {
     // The strong one ends its own repeating timer from its callback.
     std::atomic<unsigned long> result{1};
     strong->before = [&](unsigned long id) { result.store(_manager->unsubscribe(id)); };
-    _manager->subscribe(weak, 1, 0, true);
+    _manager->subscribe(weak, 1, -1, true);
     _manager->subscribe(strong, 1, -1, false);
     weak.reset();
     strong.reset();

@@ -93,7 +93,7 @@ public:
     // as `period` says (0 or 1: once, n > 1: n times, negative: until unsubscribed). Returns the
     // timer's identifier (0 when memory ran out). With `weak` the manager holds only a weak
     // reference: a subscriber destroyed meanwhile is not called (a line is traced under mask 4
-    // instead). Any thread.
+    // instead) and its timer ends, repeating or not. Any thread.
     unsigned long subscribe(const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber,
                             unsigned long duration, long period, bool weak);
     // The same for an object the manager does not own.

@@ -82,17 +82,21 @@ private:
     VEL_TimerSubscriberInterface* const _subscriber;
 };
 
-// Forwards to a subscriber while it exists, holding it only for the call.
+// Forwards to a subscriber while it exists, holding it only for the call. Once it has gone, the
+// timer ends at its next expiry: a repeating one would otherwise live, and trace, for ever.
 class VEL_TimerManager::WeakPtrWrapperSubscriber : public VEL_TimerSubscriberInterface {
 public:
-    explicit WeakPtrWrapperSubscriber(
-            const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber)
-        : _subscriber(subscriber) {}
+    WeakPtrWrapperSubscriber(VEL_TimerManager& manager,
+                             const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber)
+        : _manager(manager), _subscriber(subscriber) {}
 
     void handleEvent(unsigned long timerId) override {
         const boost::shared_ptr<VEL_TimerSubscriberInterface> subscriber = _subscriber.lock();
         if (!subscriber) {
             traceDeletedSubscriber(kDeletedOnEvent);
+            // On its way to this callback, the timer is only marked: it ends when the callback
+            // returns, and its handler and identifier go back then.
+            (void)_manager.unsubscribe(timerId);
             return;
         }
         subscriber->handleEvent(timerId);
@@ -107,6 +111,7 @@ public:
     }
 
 private:
+    VEL_TimerManager& _manager;  // outlives its timers, and so this wrapper
     const boost::weak_ptr<VEL_TimerSubscriberInterface> _subscriber;
 };
 
@@ -257,7 +262,7 @@ unsigned long VEL_TimerManager::subscribe(
         return subscribeImpl(subscriber, duration, period);
     }
     const boost::shared_ptr<VEL_TimerSubscriberInterface> wrapper(
-            new WeakPtrWrapperSubscriber(subscriber));
+            new WeakPtrWrapperSubscriber(*this, subscriber));
     return subscribeImpl(wrapper, duration, period);
 }
 
