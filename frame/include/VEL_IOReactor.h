@@ -140,10 +140,11 @@ public:
     // kVELErr_BadReactorSize for 0 or fewer than getNbElement(), kVELErr_Alloc, the wake-up's
     // failure. Any thread.
     virtual VELErr_t setSize(unsigned long size);
-    // Gives every registered handler handleClose() on the calling thread, which becomes the
-    // reactor thread, then unregisters the handlers that did not remove themselves and applies
-    // the queued changes: the reactor is left empty. Returns the first failure.
-    // REQUIRES: the loop has ended.
+    // Gives every registered handler handleClose() once, on the calling thread, which becomes
+    // the reactor thread, whatever the other handlers answer; then unregisters the handlers that
+    // did not remove themselves and applies the queued changes: the reactor is left empty.
+    // Returns the first failure (kVELErr_UserCode for a handleClose() that returned false), after
+    // the whole walk; each failure is traced. REQUIRES: the loop has ended.
     virtual VELErr_t clean();
 
     unsigned long getSize() const { return _size.load(); }
@@ -237,6 +238,8 @@ private:
             VEL_REQUIRES(_tableLock);
     VELErr_t applyModification(VEL_PollingEntry* entry) VEL_REQUIRES(_tableLock);
     bool runPass(basis::TimeValue& nextCheck);
+    // The end of clean(): removes what is still registered and applies the queued changes.
+    VELErr_t unregisterAll();
     void checkWhenDue(basis::TimeValue& nextCheck);
 
     // Every registered handle (state Active, ToAdd, ToChange, Removed) and the handles with a

@@ -307,11 +307,22 @@ VELErr_t VEL_IOReactor::clean() {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
         _entryTable.forEach([this](VEL_PollingEntry* entry) { addReadyOps(entry, kVELOp_Close); });
     }
-    VELErr_t code = processPendingEvents();  // traced by the call
-    if (code != kVELErr_Ok) {
-        return code;
+    // Every handler is closed once, whatever the others answer: a failed dispatch leaves the
+    // rest pending, and the walk goes on with them. The first failure is returned at the end.
+    VELErr_t first = kVELErr_Ok;
+    while (_pendingHead != nullptr) {
+        const VELErr_t code = processPendingEvents();  // traced by the call
+        if (first == kVELErr_Ok) {
+            first = code;
+        }
     }
+    const VELErr_t code = unregisterAll();
+    return first != kVELErr_Ok ? first : code;
+}
+
+VELErr_t VEL_IOReactor::unregisterAll() {
     // Closed handlers that did not remove themselves are let go as well.
+    VELErr_t code = kVELErr_Ok;
     std::vector<unsigned int> left;
     {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
