@@ -187,6 +187,9 @@ protected:
     virtual VELErr_t wakeUp() = 0;
     // Called when a wait with do-idle on timed out; false makes waitEvents fail. Here: true.
     virtual bool handleIdle();
+    // For handleError: true when the registered `handle` was closed since it was registered.
+    // Here: it is not an open socket (getsockopt). Runs under the table lock.
+    virtual bool isClosedHandle(unsigned int handle);
 
     bool run() override;
     // Stops the loop and, when asked, waits for its thread.

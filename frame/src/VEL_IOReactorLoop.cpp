@@ -21,7 +21,7 @@ const VEL_StaticInit kStaticInit;
 
 // True when `handle` is no longer an open socket. The reactor has no socket object for a
 // registered handle, hence the direct probe.
-bool isDeadSocket(unsigned int handle) {
+bool isClosedSocket(unsigned int handle) {
     int type = 0;
     socklen_t length = sizeof(type);
     if (::getsockopt(static_cast<int>(handle), SOL_SOCKET, SO_TYPE, &type, &length) == 0) {
@@ -372,6 +372,10 @@ VELErr_t VEL_IOReactor::GetPollingError() {
     return code;
 }
 
+bool VEL_IOReactor::isClosedHandle(unsigned int handle) {
+    return isClosedSocket(handle);
+}
+
 bool VEL_IOReactor::handleError(VELErr_t status) {
     if (status != kVELErr_BadFd) {
         return true;
@@ -379,8 +383,8 @@ bool VEL_IOReactor::handleError(VELErr_t status) {
     std::vector<boost::shared_ptr<VEL_EventHandler>> dead;
     {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
-        _entryTable.forEach([&dead](VEL_PollingEntry* entry) {
-            if (entry->_state == kVELEntry_Active && isDeadSocket(entry->_handle)) {
+        _entryTable.forEach([this, &dead](VEL_PollingEntry* entry) {
+            if (entry->_state == kVELEntry_Active && isClosedHandle(entry->_handle)) {
                 dead.push_back(entry->_evtHandler);
             }
         });
