@@ -17,6 +17,10 @@
 //   list, most recently reported first), apply the queued changes, check inactivity when due,
 //   wait. No lock is held while a call-back runs, so call-backs may register, change and remove
 //   any handler, and other threads may do the same meanwhile.
+// - Order: the handlers of handles found ready by the same wait are called in descending handle
+//   order with the select back end (it reports them in ascending order); the epoll back end
+//   reports them in the kernel's order, so they may be called in any order. Each handler's own
+//   call-backs keep their order (input, output, inactivity, close).
 // - Inactivity: a handler registered with a zero time-out gets the reactor's default
 //   (getInactivityTimeout, 1800 s unless set), one registered with kNoInactivityTimeout is never
 //   checked. Checks run every getInactivityCheckFreq() seconds (0: never) and, on a busy reactor,

@@ -390,6 +390,38 @@ public:
     using VEL_SelectIOReactor::removeHandle;
 };
 
+// Handles found ready by one wait are dispatched in descending handle order (the order the
+// class comment of VEL_IOReactor promises for this back end).
+TEST(SelectDispatchTest, HandlesReadyInOnePassAreDispatchedInDescendingOrder) {
+    VEL_SelectIOReactor reactor(16, basis::TimeValue());
+    ASSERT_EQ(reactor.init(), kVELErr_Ok);
+    reactor.start();  // driven from this thread
+    std::vector<veltest::RawPair> pairs;
+    std::vector<int> dispatched;
+    std::vector<int> expected;
+    std::vector<boost::shared_ptr<ScriptedHandler>> handlers;
+    for (int i = 0; i < 4; ++i) {
+        pairs.push_back(veltest::MakeRawPair());
+        const int fd = pairs.back().server.get();
+        expected.push_back(fd);
+        handlers.push_back(ScriptedHandler::Make(fd));
+        handlers.back()->onInput = [fd, &dispatched] {
+            dispatched.push_back(fd);
+            return veltest::Drain(fd);
+        };
+        ASSERT_EQ(reactor.addEventHandler(handlers.back(), basis::TimeValue(), kVELOp_Read),
+                  kVELErr_Ok);
+        ASSERT_TRUE(veltest::WriteAll(pairs.back().client.get(), "x"));
+    }
+    std::sort(expected.rbegin(), expected.rend());
+    ASSERT_EQ(reactor.processEvents(), kVELErr_Ok);  // applies the additions
+    ASSERT_EQ(reactor.waitEvents(), kVELErr_Ok);     // all four are ready by now
+    ASSERT_EQ(reactor.processEvents(), kVELErr_Ok);
+    EXPECT_EQ(dispatched, expected);
+    EXPECT_EQ(reactor.stop(), kVELErr_Ok);
+    EXPECT_EQ(reactor.clean(), kVELErr_Ok);
+}
+
 TEST(SelectPollingSetTest, BoundsFollowAddsAndRemovalsAndFullSetsLeaveHandlesUnpolled) {
     ExposedSelectReactor reactor;
     struct Step {
