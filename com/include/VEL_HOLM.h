@@ -47,7 +47,9 @@
 // After a failed receive the rest of the frame stays unread: close the connection.
 //
 // Ownership: the socket is not owned (see VEL_Transport). The object owns its key block and its
-// encryptor session, which its destructor closes.
+// encryptor session, which its destructor closes. It holds the session itself, not only its
+// ID: once the session has expired (sends and receives then fail with kVELErr_SecureSession),
+// the encryptor may give the ID to another session, which this object never uses or closes.
 //
 // Thread safety: one object serves one socket and one thread at a time: sends and receives
 // share the header block and the session state. The encryptor behind the sessions is shared and
@@ -57,8 +59,12 @@
 
 #include <cstdint>
 
+#include <boost/shared_ptr.hpp>
+
 #include "VELIoVec.h"
 #include "VEL_Transport.h"
+
+class VEL_SecureSession;
 
 // The compression algorithm: the zlib level the sender compresses with (0 stores, 1 is the
 // fastest, 9 the smallest; values 10 to 63 travel as they are and compress as 9). The receiver
@@ -111,8 +117,10 @@ public:
     VELErr_t sendMessage(VEL_Message* message) override;
     // Reads one frame into the message (RSCV and SSCV buffers released when the frame has none),
     // decrypting and uncompressing its body as the header says. kVELErr_Ok; the receive checks
-    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression; kVELErr_Alloc;
-    // or the socket's error. Failures are traced, with dumps under trace bit 16.
+    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression (a body that
+    // does not inflate, or inflates to fewer bytes than the plain size: the message then has no
+    // body); kVELErr_Alloc; or the socket's error. Failures are traced, with dumps under trace
+    // bit 16.
     VELErr_t recvMessage(VEL_Message* message) override;
 
     // Compression of outgoing bodies, with the zlib level `algorithm`. A received header
@@ -167,7 +175,10 @@ private:
     bool _keySent;
     bool _initiator;
     char* _key;  // 17 bytes (16 key bytes and a 0) from calloc, or null without a session
-    unsigned long _sessionID;      // this side's encryptor session, 0 when none is open
+    // This side's encryptor session, held itself: once it has expired its ID may name another
+    // holder's session, which this object must never use or close.
+    boost::shared_ptr<VEL_SecureSession> _session;
+    unsigned long _sessionID;      // the ID of _session, 0 when none is open
     unsigned long _peerSessionID;  // the 4-byte session field last received
     bool _reset;                   // announce a close in the next header
     unsigned long _maxMessageSize;

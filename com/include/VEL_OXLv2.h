@@ -60,7 +60,8 @@ public:
     // Reads one frame into the message: RSCV buffer (released when the frame has none) and body,
     // uncompressed when the frame says so. kVELErr_Ok; kVELErr_BadStreamHeader,
     // kVELErr_MessageTooBig (the rest of the frame is left unread); kVELErr_Uncompression (the
-    // message keeps the compressed body); kVELErr_Alloc; or the socket's error. Failures are
+    // message keeps the compressed body, or has none when the stream inflates to fewer bytes
+    // than the record announces); kVELErr_Alloc; or the socket's error. Failures are
     // traced, with dumps under trace bit 16.
     VELErr_t recvMessage(VEL_Message* message) override;
 
@@ -84,6 +85,9 @@ protected:
     VELErr_t uncompress(VEL_Message* message);
 
 private:
+    // recvHeader without the trace of a failed read of the RSCV and record: *inRecord tells
+    // that failure apart, for the caller to trace.
+    VELErr_t readHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message, bool* inRecord);
     VELErr_t headerFailed(VELErr_t code);
 
     char _header[kVEL_OXLv2HeaderSize];

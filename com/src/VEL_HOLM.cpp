@@ -69,16 +69,24 @@ VELErr_t withoutThrowing(VELErr_t failure, Call call) {
     }
 }
 
-// Opens an encryptor session with the 16 key bytes at `key`; *id is 0 when none was opened.
-VELErr_t openEncryptorSession(const char* key, unsigned long* id) {
+// Opens an encryptor session with the 16 key bytes at `key`; *id is 0 and *session empty when
+// none was opened.
+VELErr_t openEncryptorSession(const char* key, unsigned long* id,
+                              VEL_Encryptor::Session_t* session) {
     *id = 0;
-    return withoutThrowing(kVELErr_Alloc, [key, id] {
+    session->reset();
+    const VELErr_t code = withoutThrowing(kVELErr_Alloc, [key, id, session] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         if (encryptor != nullptr) {
-            *id = encryptor->openSession(basis::BoundedString<16>(key, kVEL_HOLMKeyField));
+            *id = encryptor->openSession(basis::BoundedString<16>(key, kVEL_HOLMKeyField), session);
         }
-        return *id != 0;
+        return *id != 0 && *session != nullptr;
     });
+    if (code != kVELErr_Ok) {
+        *id = 0;
+        session->reset();
+    }
+    return code;
 }
 
 }  // namespace
@@ -94,6 +102,7 @@ VEL_HOLM::VEL_HOLM(VEL_Socket* socket, unsigned long maxMessageSize)
       _keySent(false),
       _initiator(false),
       _key(nullptr),
+      _session(),
       _sessionID(0),
       _peerSessionID(0),
       _reset(false),
@@ -121,7 +130,7 @@ VELErr_t VEL_HOLM::openSecureSession() {
         return kVELErr_Alloc;
     }
     std::memcpy(_key, random, kVEL_HOLMKeyField);
-    const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+    const VELErr_t code = openEncryptorSession(_key, &_sessionID, &_session);
     if (code != kVELErr_Ok) {
         dropSession();
         return code;
@@ -145,17 +154,18 @@ VELErr_t VEL_HOLM::closeSecureSession() {
 }
 
 void VEL_HOLM::dropSession() {
-    if (_sessionID != 0) {
+    if (_session != nullptr) {
         try {
             VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
             if (encryptor != nullptr) {
-                encryptor->closeSession(_sessionID);
+                encryptor->closeSession(_session);  // not by ID: it may be another's by now
             }
         } catch (const std::exception&) {
             // Only a failed creation of the encryptor throws, and then there is nothing to close.
         }
-        _sessionID = 0;
+        _session.reset();
     }
+    _sessionID = 0;
     std::free(_key);
     _key = nullptr;
     _keySent = false;
@@ -170,7 +180,7 @@ VELErr_t VEL_HOLM::sendMessage(VEL_Message* message) {
         return code;
     }
     const unsigned long plainSize = message->size();
-    if (_secure && _sessionID == 0) {
+    if (_secure && _session == nullptr) {
         code = kVELErr_SecureSession;  // checked first, so that the body stays as it is
     }
     if (code == kVELErr_Ok && _compression) {
@@ -378,54 +388,57 @@ VELErr_t VEL_HOLM::uncompress(VEL_Message* message, unsigned long plainSize) {
 
 VELErr_t VEL_HOLM::encrypt(VEL_Message* message) {
     const unsigned long size = message->size();
-    if (_sessionID == 0) {
+    if (_session == nullptr) {
         return kVELErr_SecureSession;
     }
-    if (size == 0) {
-        return kVELErr_Ok;
-    }
-    // In place: CBC reads each block before writing it. Pooled buffers hold whole blocks of 8,
-    // so the padded length fits without moving the body.
+    // An empty body goes through the session too, so that a closed session is noticed. It has
+    // no buffer: CAST writes nothing for it, but needs a block to write to.
+    char empty[8];
     basis::Buffer* body = message->buffer();
-    try {
-        body->resize(roundUp8(static_cast<std::uint32_t>(size)));
-    } catch (const basis::BufferException&) {
-        return kVELErr_Alloc;
+    if (size > 0) {
+        // In place: CBC reads each block before writing it. Pooled buffers hold whole blocks
+        // of 8, so the padded length fits without moving the body.
+        try {
+            body->resize(roundUp8(static_cast<std::uint32_t>(size)));
+        } catch (const basis::BufferException&) {
+            return kVELErr_Alloc;
+        }
     }
-    char* data = body->data();
+    char* data = size > 0 ? body->data() : empty;
     unsigned long encrypted = 0;
     const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, size, &encrypted] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         char* out = data;
         return encryptor != nullptr &&
-               encryptor->encrypt(data, out, size, encrypted, _sessionID) == kVELErr_Ok;
+               encryptor->encrypt(data, out, size, encrypted, _session) == kVELErr_Ok;
     });
-    body->setSize(code == kVELErr_Ok ? encrypted : size);
+    if (size > 0) {
+        body->setSize(code == kVELErr_Ok ? encrypted : size);
+    }
     return code;
 }
 
 VELErr_t VEL_HOLM::decrypt(VEL_Message* message, unsigned long length) {
     if (!_initiator && !_keySent) {
         // The responder joins the session with the key that the initiator sent.
-        const VELErr_t code = openEncryptorSession(_key, &_sessionID);
+        const VELErr_t code = openEncryptorSession(_key, &_sessionID, &_session);
         if (code != kVELErr_Ok) {
             return code;
         }
         _keySent = true;
     }
-    if (length == 0) {
-        return kVELErr_Ok;
-    }
     // In place: the body holds `length` rounded up to 8 (checked with the header), which is
-    // what the last block reads.
-    char* data = message->data();
+    // what the last block reads. An empty body goes through the session too: it restarts the
+    // session's inactivity timer, and fails once the session is closed.
+    char empty[8];
+    char* data = length > 0 ? message->data() : empty;
     const VELErr_t code = withoutThrowing(kVELErr_SecureSession, [this, data, length] {
         VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
         char* out = data;
         return encryptor != nullptr &&
-               encryptor->decrypt(data, out, length, _sessionID) == kVELErr_Ok;
+               encryptor->decrypt(data, out, length, _session) == kVELErr_Ok;
     });
-    if (code == kVELErr_Ok) {
+    if (code == kVELErr_Ok && length > 0) {
         message->buffer()->setSize(length);
     }
     return code;

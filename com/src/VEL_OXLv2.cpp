@@ -55,7 +55,14 @@ VELErr_t VEL_OXLv2::recvMessage(VEL_Message* message) {
     }
     VELIoVec iov[2];
     unsigned long count = 0;
-    code = recvHeader(iov, count, message);
+    bool inRecord = false;
+    code = readHeader(iov, count, message, &inRecord);
+    if (code != kVELErr_Ok && inRecord) {
+        // The header was good: a frame cut after it is traced as a failed body read.
+        velcom::traceRecvFailure(code, "Error receiving an OXLv2 message",
+                                 "Received header :", _header, kVEL_OXLv2HeaderSize);
+        return code;
+    }
     if (code != kVELErr_Ok) {
         velcom::traceFailure(code);
         return code;
@@ -102,6 +109,16 @@ VELErr_t VEL_OXLv2::buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message
 }
 
 VELErr_t VEL_OXLv2::recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message) {
+    bool inRecord = false;
+    const VELErr_t code = readHeader(iov, count, message, &inRecord);
+    if (code != kVELErr_Ok && inRecord) {
+        velcom::traceFailure(code);
+    }
+    return code;
+}
+
+VELErr_t VEL_OXLv2::readHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
+                               bool* inRecord) {
     VELErr_t code = getSocket()->recv(_header, kVEL_OXLv2HeaderSize);
     if (code != kVELErr_Ok) {
         velcom::traceFailure(code);
@@ -133,7 +150,7 @@ VELErr_t VEL_OXLv2::recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message*
         code = getSocket()->readv(iov, count);
         count = 0;
         if (code != kVELErr_Ok) {
-            velcom::traceFailure(code);
+            *inRecord = true;  // traced by the caller
             return code;
         }
         if (velcom::getUint32(_record + 4) > _maxMessageSize) {
