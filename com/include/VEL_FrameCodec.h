@@ -120,8 +120,9 @@ public:
     unsigned long next(VELIoVec* parts, unsigned long* count) const;
     // `received` more bytes have arrived in the places; true once they are all full.
     bool fill(unsigned long received);
-    // True once a byte of the stage has arrived; once all have (at once for a stage of 0 bytes).
+    // True once a byte of the stage has arrived.
     bool started() const { return _have > 0; }
+    // True once every byte of the stage has arrived (at once for a stage of no bytes).
     bool full() const { return _have >= _size; }
 
 private:
