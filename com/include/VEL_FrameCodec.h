@@ -25,7 +25,8 @@
 //
 // The message being decoded is the codec's target from the first byte of a frame to its end:
 // pass the same message to every call until the frame is whole or has failed. Its body is
-// resized (or released) for the frame; its side buffers are released when the frame has none.
+// resized (or released) for the frame; the side buffers of a format that carries them are
+// released when the frame has none, and left alone by the others.
 //
 // A format's own failures are traced by the codec, with the texts and dumps of the blocking
 // transport (network error bit, message dumps under bit 16); failures of the engine's socket are
