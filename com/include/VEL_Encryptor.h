@@ -54,11 +54,11 @@ class RWThreadMutex;
 
 class VEL_SecureSession : public VEL_TimerSubscriberInterface {
 public:
-    // Makes a session with `id` that takes ownership of `schedule` (a 132-byte block from
-    // malloc, as VEL_CryptoTools::GenerateCastKey makes it). With an inactivity time-out set,
-    // arms a one-shot timer for it. Returns an empty pointer when memory runs out; the schedule
-    // is freed then. May throw std::runtime_error when the timer manager cannot start.
-    static boost::shared_ptr<VEL_SecureSession> Create(char* schedule, unsigned long id);
+    // Makes a session with `id` keyed with a copy of `key`, the 132-byte CAST key schedule that
+    // VEL_CryptoTools::GenerateCastKey makes (the caller keeps its block). With an inactivity
+    // time-out set, arms a one-shot timer for it. Returns an empty pointer when memory runs out.
+    // May throw std::runtime_error when the timer manager cannot start.
+    static boost::shared_ptr<VEL_SecureSession> Create(const char* key, unsigned long id);
     // Re-arms the session's inactivity timer from now. Nothing for an empty pointer, a time-out
     // of 0, or a closed session. Any thread.
     static void ResetInactivityTimer(const boost::shared_ptr<VEL_SecureSession>& session);
@@ -78,7 +78,8 @@ public:
 private:
     friend class VEL_Encryptor;
 
-    VEL_SecureSession(char* schedule, unsigned long id);
+    // Copies the schedule at `key`; _privateKey is null when no copy could be made.
+    VEL_SecureSession(const char* key, unsigned long id);
     // Arms a one-shot timer of `timeout` seconds and records it, unless the session was closed,
     // or armed by another thread, meanwhile (the new timer is cancelled then).
     static void Arm(const boost::shared_ptr<VEL_SecureSession>& session, unsigned long timeout);
@@ -86,7 +87,7 @@ private:
     void stopTimer();
 
     const unsigned long _secureSessionID;
-    char* const _privateKey;
+    char* const _privateKey;  // the session's own copy of the schedule, from malloc
 
     basis::ThreadMutex _timerLock;  // guards _timerId and _closed; see the lock order above
     unsigned long _timerId VEL_GUARDED_BY(_timerLock) = 0;     // the armed timer, 0 when none
@@ -117,8 +118,14 @@ public:
     // create new secure session"); otherwise returns 0. May also throw std::bad_alloc, and
     // std::runtime_error when an inactivity timer is needed and the timer manager cannot start.
     unsigned long openSession(const basis::BoundedString<16>& key) const;
+    // As above, and hands back the session itself in *session (empty when none was opened).
+    // An ID is reused once its session has closed; the session object is not: a holder that
+    // works through it (the overloads below) never touches the session of another holder.
+    unsigned long openSession(const basis::BoundedString<16>& key, Session_t* session) const;
     // Closes session `id`: it leaves the table and its timer is cancelled. Unknown: nothing.
     void closeSession(unsigned long id) const;
+    // Closes `session` if it is still open; a session that has since taken its ID stays open.
+    void closeSession(const Session_t& session) const;
 
     // VEL_CryptoTools::Encrypt / Decrypt with the schedule of session `id` (see there for the
     // sizes; `out` may be `in`). kVELErr_Ok; for an unknown session, kVELErr_InvalidKey without
@@ -127,6 +134,12 @@ public:
     VELErr_t encrypt(const char* in, char*& out, unsigned long length, unsigned long& outLength,
                      unsigned long id) const;
     VELErr_t decrypt(const char* in, char*& out, unsigned long length, unsigned long id) const;
+    // The same with `session`, which counts as unknown once it has closed (expired, or closed by
+    // ID), whichever session holds its ID now.
+    VELErr_t encrypt(const char* in, char*& out, unsigned long length, unsigned long& outLength,
+                     const Session_t& session) const;
+    VELErr_t decrypt(const char* in, char*& out, unsigned long length,
+                     const Session_t& session) const;
 
     // The inactivity time-out in the timer manager's unit (whole seconds); 0, the default, means
     // that sessions never expire. A change applies to timers armed afterwards.
@@ -166,6 +179,14 @@ private:
     static void Fail(VELErr_t code, const char* message);
     // Closes every session and empties the table (library shutdown).
     static void CloseAllSessions();
+    // `session` when it is in the table (open), otherwise an empty pointer.
+    Session_t openOnly(const Session_t& session) const;
+    // Encrypt and decrypt with the schedule of `session`, which is open (kVELErr_InvalidKey,
+    // traced as an unknown ID, when it is empty).
+    static VELErr_t EncryptWith(const Session_t& session, const char* in, char*& out,
+                                unsigned long length, unsigned long& outLength);
+    static VELErr_t DecryptWith(const Session_t& session, const char* in, char*& out,
+                                unsigned long length);
 
     static std::atomic<VEL_Encryptor*> _Instance;
     static basis::ThreadMutex* _InstanceCreationMutex;  // guards the creation of _Instance

@@ -25,7 +25,8 @@
 //
 // The message being decoded is the codec's target from the first byte of a frame to its end:
 // pass the same message to every call until the frame is whole or has failed. Its body is
-// resized (or released) for the frame; its side buffers are released when the frame has none.
+// resized (or released) for the frame; the side buffers of a format that carries them are
+// released when the frame has none, and left alone by the others.
 //
 // A format's own failures are traced by the codec, with the texts and dumps of the blocking
 // transport (network error bit, message dumps under bit 16); failures of the engine's socket are
@@ -41,6 +42,7 @@
 #define COM_INCLUDE_VEL_FRAMECODEC_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "VELIoVec.h"
@@ -67,16 +69,18 @@ public:
     // REQUIRES: `message` is not null.
     virtual VELErr_t encodeParts(VEL_Message* message, VELIoVec* parts, unsigned long* count) = 0;
 
-    // Where the next bytes of the frame being decoded into `target` go: *count places (at least
-    // one; room for kVEL_MaxFrameParts), to be filled in order from the first. The first call of
-    // a frame sets up its header block; later ones point into `target`, sized by the header.
-    // Returns the number of bytes the places hold in all (more than 0).
+    // Where the next bytes of the frame being decoded into `target` go: *count places (room for
+    // kVEL_MaxFrameParts), to be filled in order from the first. A frame starts in the codec's
+    // header block; once the header is judged the places point into `target`, sized by it.
+    // Returns the number of bytes the places hold in all: more than 0, except when the codec
+    // cannot make room for them (a frame without header whose body buffer cannot be had): then
+    // 0, no place, and received(target, 0) reports the failure.
     // REQUIRES: `target` is not null; the same target for every call of one frame.
     virtual unsigned long nextParts(VEL_Message* target, VELIoVec* parts, unsigned long* count) = 0;
-    // `received` bytes (1 to what nextParts returned) have been written to the places nextParts
-    // gave, from the first on. kVELErr_Ok when the frame is whole (the message is complete and
-    // the next call starts a new frame), kVELErr_Incomplete when more bytes are needed, or the
-    // format's failure (traced).
+    // `received` bytes (1 to what nextParts returned, or 0 when it returned 0) have been written to
+    // the places nextParts gave, from the first on. kVELErr_Ok when the frame is whole (the message
+    // is complete and the next call starts a new frame), kVELErr_Incomplete when more bytes are
+    // needed, or the format's failure (traced).
     virtual VELErr_t received(VEL_Message* target, unsigned long received) = 0;
     // True when a frame is whatever has arrived (bytes without framing): received() then
     // completes the message with the bytes given, however few, and an engine reading from a
@@ -96,6 +100,37 @@ public:
     // frame is bad (*used says how far the codec read).
     // REQUIRES: `target` is not null; `data` holds `size` bytes (size may be 0).
     VELErr_t decode(const char* data, std::size_t size, std::size_t* used, VEL_Message* target);
+};
+
+// VEL_PartCursor: what a codec uses to follow one stage of the frame it decodes (a header
+// block; then side buffers, session field and body): the places the stage's bytes go, in order,
+// and how many of them have arrived. A codec sets up each stage once the one before is judged.
+//
+// Ownership: the places are not owned; they must stay where they are until the stage is full.
+//
+// Thread safety: as the codec that holds it.
+class VEL_PartCursor {
+public:
+    // Forgets the places and the bytes counted.
+    void clear();
+    // Appends a place of `length` bytes (none for 0).
+    // REQUIRES: fewer than kVEL_MaxFrameParts places so far.
+    void add(char* at, std::uint32_t length);
+    // The places not yet full, the first from its first missing byte (*count of them, at least
+    // one while the stage is not full); returns the bytes they hold.
+    unsigned long next(VELIoVec* parts, unsigned long* count) const;
+    // `received` more bytes have arrived in the places; true once they are all full.
+    bool fill(unsigned long received);
+    // True once a byte of the stage has arrived.
+    bool started() const { return _have > 0; }
+    // True once every byte of the stage has arrived (at once for a stage of no bytes).
+    bool full() const { return _have >= _size; }
+
+private:
+    VELIoVec _places[kVEL_MaxFrameParts] = {};
+    unsigned long _count = 0;
+    std::uint32_t _size = 0;  // the stage's bytes in all
+    std::uint32_t _have = 0;  // those that have arrived
 };
 
 #endif  // COM_INCLUDE_VEL_FRAMECODEC_H

@@ -29,10 +29,12 @@
 // 16); the peer, holding no key, takes it and opens a matching session when it decrypts that
 // frame (it becomes the responder). Every later secure frame carries a 4-byte session ID: the
 // initiator sends the ID last received from the peer, the responder its own. Each received
-// header sets whether this side compresses and encrypts what it sends. closeSecureSession
+// frame sets whether this side compresses and encrypts what it sends. closeSecureSession
 // closes the session and sets the reset bit of the next header (once); a peer that receives the
-// reset bit closes its own session at once, so that either side may open a new one. A frame
-// may carry the reset bit together with a new key.
+// reset bit closes its own session, so that either side may open a new one. A frame may carry
+// the reset bit together with a new key. What a received header changes (settings, reset, key)
+// takes effect when its frame is whole, so that a frame sent while another is arriving follows
+// the frames already delivered.
 //
 // Receive checks (peer input never overruns a buffer or drives an unbounded allocation):
 //   kVELErr_BadStreamHeader  the check word, the version or the magic is wrong; the session
@@ -46,19 +48,30 @@
 //                            buffer; refused before any byte after the header is read
 // After a failed receive the rest of the frame stays unread: close the connection.
 //
-// Ownership: the socket is not owned (see VEL_Transport). The object owns its key block and its
-// encryptor session, which its destructor closes.
+// VEL_HOLMCodec holds the format's rules and the protocol state of one connection (settings,
+// session roles, key, session, reset bit); VEL_HOLM reads and writes its frames on a blocking
+// socket.
+//
+// Ownership: the socket is not owned (see VEL_Transport). The codec owns its key block and its
+// encryptor session, which its destructor closes. It holds the session itself, not only its
+// ID: once the session has expired (sends and receives then fail with kVELErr_SecureSession),
+// the encryptor may give the ID to another session, which the codec never uses or closes.
 //
 // Thread safety: one object serves one socket and one thread at a time: sends and receives
-// share the header block and the session state. The encryptor behind the sessions is shared and
-// thread-safe. No operation throws.
+// share the session state. The encryptor behind the sessions is shared and thread-safe. No
+// operation throws.
 #ifndef COM_INCLUDE_VEL_HOLM_H
 #define COM_INCLUDE_VEL_HOLM_H
 
 #include <cstdint>
 
+#include <boost/shared_ptr.hpp>
+
 #include "VELIoVec.h"
+#include "VEL_FrameCodec.h"
 #include "VEL_Transport.h"
+
+class VEL_SecureSession;
 
 // The compression algorithm: the zlib level the sender compresses with (0 stores, 1 is the
 // fastest, 9 the smallest; values 10 to 63 travel as they are and compress as 9). The receiver
@@ -93,6 +106,98 @@ constexpr unsigned char kVEL_HOLMSixBits = 0x3F;  // cipher, session level, algo
 constexpr std::uint32_t kVEL_HOLMKeyField = 16;
 constexpr std::uint32_t kVEL_HOLMIDField = 4;
 
+class VEL_HOLMCodec : public VEL_FrameCodec {
+public:
+    // No compression, no session. `maxMessageSize`: the largest plain size a decoded frame may
+    // announce.
+    explicit VEL_HOLMCodec(unsigned long maxMessageSize);
+    // Closes this side's encryptor session and frees the key.
+    ~VEL_HOLMCodec() override;
+
+    // Compresses the body when compression is on, then encrypts it while secure (the message
+    // keeps the transformed body), then lists header, RSCV, session field, SSCV and body.
+    // kVELErr_Ok; kVELErr_Compression (an empty body, or a stream that does not fit in
+    // floor(size x 1.1) truncated to 16 bits); kVELErr_SecureSession (secure without an open
+    // session, or the session expired); kVELErr_Alloc. Failures are traced.
+    VELErr_t encodeParts(VEL_Message* message, VELIoVec* parts, unsigned long* count) override;
+    // The header block, then the RSCV buffer, the session field, the SSCV buffer and the body
+    // together. A refused header (the receive checks above; kVELErr_Alloc) is traced with a dump
+    // of the header under trace bit 16; so is a body that does not decrypt or uncompress
+    // (kVELErr_SecureSession, kVELErr_Uncompression, kVELErr_Alloc), with a dump of the body.
+    unsigned long nextParts(VEL_Message* target, VELIoVec* parts, unsigned long* count) override;
+    VELErr_t received(VEL_Message* target, unsigned long received) override;
+    void reset() override;
+    bool inFrame() const override { return _inRest || _cursor.started(); }
+
+    // The settings and the session, as VEL_HOLM's of the same names.
+    void setCompression(bool on, VELHOLMCompAlgo_t algorithm);
+    bool getCompression() const { return _compression; }
+    VELErr_t openSecureSession();
+    VELErr_t closeSecureSession();
+    bool isSecureSession() const { return _key != nullptr; }
+
+    // Fills the send blocks for `message` (whose body is already transformed) and appends the
+    // header, RSCV, session field and SSCV elements to `iov` at `count`. The first secure frame
+    // takes the key, and the reset bit goes out once. REQUIRES: room for four elements.
+    void appendHeader(VELIoVec* iov, unsigned long& count, const VEL_Message& message,
+                      unsigned long plainSize);
+    // Replace the message's body by its compressed or uncompressed (`plainSize` bytes) form.
+    VELErr_t compress(VEL_Message* message);
+    VELErr_t uncompress(VEL_Message* message, unsigned long plainSize);
+    // Encrypt the body in place (its length rounded up to 8), or decrypt its first `length`
+    // bytes in place and cut it to `length`; decrypt first opens the responder's session from a
+    // received key.
+    VELErr_t encrypt(VEL_Message* message);
+    VELErr_t decrypt(VEL_Message* message, unsigned long length);
+
+    // The header block of the frame being decoded, or of the last one, and its plain size.
+    const char* receivedHeader() const { return _inHeader; }
+    unsigned long receivedPlainSize() const;
+    // True when the last failure of received() refused the header.
+    bool refusedHeader() const { return _refusedHeader; }
+
+private:
+    // Checks the lengths of the received header against the session state (`keyHeld` once its
+    // reset bit is acted on) and the limits; sets *bodyLength.
+    VELErr_t checkLengths(bool keyHeld, std::uint32_t* bodyLength) const;
+    VELErr_t judgeHeader(VEL_Message* target);
+    // Sizes the side buffers and the body for the header, and sets up the places after it.
+    VELErr_t prepareRest(VEL_Message* target, std::uint32_t bodyLength);
+    // Takes over what the header changes, then decrypts and uncompresses the body.
+    VELErr_t finishFrame(VEL_Message* target);
+    VELErr_t applyHeader();
+    // Closes the encryptor session and forgets the key, initiator, key-sent, cipher and level.
+    void dropSession();
+    VELErr_t refuseHeader(VELErr_t code);
+
+    // Protocol state, shared by both directions.
+    VELHOLMCompAlgo_t _compressionAlgorithm;
+    unsigned long _cipher;
+    unsigned long _sessionLevel;
+    bool _compression;
+    bool _secure;
+    bool _keySent;
+    bool _initiator;
+    char* _key;  // 17 bytes (16 key bytes and a 0) from calloc, or null without a session
+    // This side's encryptor session, held itself: once it has expired its ID may name another
+    // holder's session, which this codec must never use or close.
+    boost::shared_ptr<VEL_SecureSession> _session;
+    unsigned long _sessionID;      // the ID of _session, 0 when none is open
+    unsigned long _peerSessionID;  // the 4-byte session field last received
+    bool _reset;                   // announce a close in the next header
+    unsigned long _maxMessageSize;
+    // Encoding.
+    char _outHeader[kVEL_HOLMHeaderSize];
+    char _outSessionField[kVEL_HOLMIDField];
+    // Decoding: the frame's own blocks until it is whole.
+    char _inHeader[kVEL_HOLMHeaderSize];
+    char _inKey[kVEL_HOLMKeyField];
+    char _inSessionField[kVEL_HOLMIDField];
+    VEL_PartCursor _cursor;  // the header, then RSCV, session field, SSCV and body
+    bool _inRest;            // past the header
+    bool _refusedHeader;
+};
+
 class VEL_HOLM : public VEL_Transport {
 public:
     // No compression, no session. `maxMessageSize`: the largest plain size recvMessage accepts.
@@ -110,15 +215,17 @@ public:
     // sent on a failure, which is traced.
     VELErr_t sendMessage(VEL_Message* message) override;
     // Reads one frame into the message (RSCV and SSCV buffers released when the frame has none),
-    // decrypting and uncompressing its body as the header says. kVELErr_Ok; the receive checks
-    // above; kVELErr_SecureSession (the session expired); kVELErr_Uncompression; kVELErr_Alloc;
-    // or the socket's error. Failures are traced, with dumps under trace bit 16.
+    // decrypting and uncompressing its body as the header says: the header with one whole recv,
+    // the rest with one readv. kVELErr_Ok; the receive checks above; kVELErr_SecureSession (the
+    // session expired); kVELErr_Uncompression (a body that does not inflate, or inflates to
+    // fewer bytes than the plain size: the message then has no body); kVELErr_Alloc; or the
+    // socket's error. Failures are traced, with dumps under trace bit 16.
     VELErr_t recvMessage(VEL_Message* message) override;
 
     // Compression of outgoing bodies, with the zlib level `algorithm`. A received header
     // overrides both.
     void setCompression(bool on, VELHOLMCompAlgo_t algorithm = kVELHOLMCompAlgo_Default);
-    bool getCompression() const { return _compression; }
+    bool getCompression() const { return _codec.getCompression(); }
 
     // Opens a session with a fresh random key: this side becomes the initiator, and what it
     // sends is encrypted. kVELErr_Ok; kVELErr_SecureSession when a key is already held;
@@ -128,7 +235,7 @@ public:
     // kVELErr_SecureSession without a key.
     VELErr_t closeSecureSession();
     // True while a key is held (opened here, or received from the peer).
-    bool isSecureSession() const { return _key != nullptr; }
+    bool isSecureSession() const { return _codec.isSecureSession(); }
 
 protected:
     // Fills the header for `message` (whose body is already transformed) and appends the header,
@@ -136,9 +243,9 @@ protected:
     // REQUIRES: room for four elements.
     VELErr_t buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
                          unsigned long plainSize);
-    // Reads and checks one header, acts on its reset bit, takes over its secure and compression
-    // settings, sizes the message's RSCV, SSCV and body and appends the RSCV, session field and
-    // SSCV elements for the caller to read with the body. REQUIRES: room for three elements.
+    // Reads and checks one header, sizes the message's RSCV, SSCV and body for it and gives its
+    // plain size. What the header changes takes effect when the rest of the frame, read from the
+    // places the codec names, is in (nothing is appended to `iov`).
     VELErr_t recvHeader(VELIoVec* iov, unsigned long& count, VEL_Message* message,
                         unsigned long& plainSize);
     // Replace the message's body by its compressed or uncompressed (`plainSize` bytes) form.
@@ -151,27 +258,12 @@ protected:
     VELErr_t decrypt(VEL_Message* message, unsigned long length);
 
 private:
-    // Checks the lengths of a header against the session state and the limits; sets *bodyLength.
-    VELErr_t checkLengths(std::uint32_t plainSize, std::uint32_t* bodyLength) const;
-    // Closes the encryptor session and forgets the key, initiator, key-sent, cipher and level.
-    void dropSession();
-    VELErr_t headerFailed(VELErr_t code);
-    VELErr_t messageFailed(VELErr_t code, const VEL_Message* body = nullptr);
+    // Reads and judges the header. kVELErr_Incomplete when the rest of the frame follows.
+    // *refused tells a failed or refused header (traced as one) from a frame that ended with
+    // its header and failed (traced in full).
+    VELErr_t readHeader(VEL_Message* message, bool* refused);
 
-    char _header[kVEL_HOLMHeaderSize];
-    VELHOLMCompAlgo_t _compressionAlgorithm;
-    unsigned long _cipher;
-    unsigned long _sessionLevel;
-    bool _compression;
-    bool _secure;
-    bool _keySent;
-    bool _initiator;
-    char* _key;  // 17 bytes (16 key bytes and a 0) from calloc, or null without a session
-    unsigned long _sessionID;      // this side's encryptor session, 0 when none is open
-    unsigned long _peerSessionID;  // the 4-byte session field last received
-    bool _reset;                   // announce a close in the next header
-    unsigned long _maxMessageSize;
-    char _sessionField[kVEL_HOLMIDField];  // the 4-byte session field, sent or received
+    VEL_HOLMCodec _codec;
 };
 
 #endif  // COM_INCLUDE_VEL_HOLM_H

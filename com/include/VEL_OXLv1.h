@@ -44,7 +44,7 @@ public:
     unsigned long nextParts(VEL_Message* target, VELIoVec* parts, unsigned long* count) override;
     VELErr_t received(VEL_Message* target, unsigned long received) override;
     void reset() override;
-    bool inFrame() const override { return _have > 0 || _inBody; }
+    bool inFrame() const override { return _inBody || _cursor.started(); }
 
     // Writes the header of `message` into the send block and returns it (12 bytes).
     const char* fillHeader(const VEL_Message& message);
@@ -57,7 +57,7 @@ private:
     char _outHeader[kVEL_OXLv1HeaderSize];
     char _inHeader[kVEL_OXLv1HeaderSize];
     unsigned long _maxMessageSize;
-    std::uint32_t _have;  // bytes of the current stage (header or body) received
+    VEL_PartCursor _cursor;  // the header block, then the body
     bool _inBody;
 };
 

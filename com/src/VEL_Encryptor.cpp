@@ -25,6 +25,15 @@ void cancelTimer(unsigned long id) {
     }
 }
 
+// A copy of the CAST key schedule at `key`, from malloc; null when memory runs out.
+char* copySchedule(const char* key) {
+    char* copy = static_cast<char*>(std::malloc(VEL_CryptoTools::kScheduleSize));
+    if (copy != nullptr) {
+        std::memcpy(copy, key, VEL_CryptoTools::kScheduleSize);
+    }
+    return copy;
+}
+
 // A one-shot inactivity timer for `session` (0 when none could be armed).
 unsigned long armTimer(const boost::shared_ptr<VEL_SecureSession>& session, unsigned long timeout) {
     VEL_TimerManager* manager = VEL_TimerManager::GetInstance();
@@ -45,25 +54,28 @@ std::atomic<unsigned long> VEL_Encryptor::_InactivityTimeout{0};
 
 // ---- VEL_SecureSession ----
 
-VEL_SecureSession::VEL_SecureSession(char* schedule, unsigned long id)
-    : _secureSessionID(id), _privateKey(schedule) {}
+VEL_SecureSession::VEL_SecureSession(const char* key, unsigned long id)
+    : _secureSessionID(id), _privateKey(copySchedule(key)) {}
 
 VEL_SecureSession::~VEL_SecureSession() {
     stopTimer();
     std::free(_privateKey);
 }
 
-boost::shared_ptr<VEL_SecureSession> VEL_SecureSession::Create(char* schedule, unsigned long id) {
+boost::shared_ptr<VEL_SecureSession> VEL_SecureSession::Create(const char* key, unsigned long id) {
     boost::shared_ptr<VEL_SecureSession> session;
-    VEL_SecureSession* made = new (std::nothrow) VEL_SecureSession(schedule, id);
+    VEL_SecureSession* made = new (std::nothrow) VEL_SecureSession(key, id);
     if (made == nullptr) {
-        std::free(schedule);
+        return session;
+    }
+    if (made->_privateKey == nullptr) {
+        delete made;
         return session;
     }
     try {
         session.reset(made);
     } catch (const std::bad_alloc&) {
-        return session;  // reset() has deleted the session, and with it the schedule
+        return session;  // reset() has deleted the session
     }
     const unsigned long timeout = VEL_Encryptor::_InactivityTimeout.load();
     if (timeout != 0) {
@@ -176,14 +188,19 @@ void VEL_Encryptor::CloseSingleton() {
 }
 
 unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key) const {
+    return openSession(key, nullptr);
+}
+
+unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key,
+                                         Session_t* opened) const {
+    if (opened != nullptr) {
+        opened->reset();
+    }
     // The schedule is keyed with key XOR mask; the mask goes onto a private copy.
     char masked[VEL_CryptoTools::kKeySize];
     std::memcpy(masked, key.data(), sizeof(masked));
-    char* schedule = static_cast<char*>(std::malloc(VEL_CryptoTools::kScheduleSize));
-    if (schedule == nullptr) {
-        Fail(kVELErr_Alloc, "Failed to create new secure session");
-        return 0;
-    }
+    alignas(8) char block[VEL_CryptoTools::kScheduleSize];  // CAST reads it as 32-bit words
+    char* schedule = block;                                 // the session keeps a copy
     VEL_CryptoTools::GenerateCastKey(masked, schedule);
     const unsigned long id = getSecureSessionID();
     const Session_t session = VEL_SecureSession::Create(schedule, id);
@@ -205,6 +222,9 @@ unsigned long VEL_Encryptor::openSession(const basis::BoundedString<16>& key) co
     if (expired) {
         (void)TakeSession(id, session.get());
     }
+    if (opened != nullptr) {
+        *opened = session;
+    }
     return id;
 }
 
@@ -212,9 +232,46 @@ void VEL_Encryptor::closeSession(unsigned long id) const {
     removeSession(id);
 }
 
+void VEL_Encryptor::closeSession(const Session_t& session) const {
+    if (session == nullptr) {
+        return;
+    }
+    const Session_t taken = TakeSession(session->getSecureSessionID(), session.get());
+    if (taken != nullptr) {
+        taken->stopTimer();
+    }
+}
+
 VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length,
                                 unsigned long& outLength, unsigned long id) const {
-    const Session_t session = getSession(id);
+    return EncryptWith(getSession(id), in, out, length, outLength);
+}
+
+VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
+                                unsigned long id) const {
+    return DecryptWith(getSession(id), in, out, length);
+}
+
+VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length,
+                                unsigned long& outLength, const Session_t& session) const {
+    return EncryptWith(openOnly(session), in, out, length, outLength);
+}
+
+VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
+                                const Session_t& session) const {
+    return DecryptWith(openOnly(session), in, out, length);
+}
+
+VEL_Encryptor::Session_t VEL_Encryptor::openOnly(const Session_t& session) const {
+    // Open means in the table under its own ID: the ID alone may name a newer session by now.
+    if (session == nullptr || getSession(session->getSecureSessionID()) != session) {
+        return Session_t();
+    }
+    return session;
+}
+
+VELErr_t VEL_Encryptor::EncryptWith(const Session_t& session, const char* in, char*& out,
+                                    unsigned long length, unsigned long& outLength) {
     if (session == nullptr) {
         Fail(kVELErr_InvalidKey, "Unknown secure session ID");
         return kVELErr_InvalidKey;
@@ -223,9 +280,8 @@ VELErr_t VEL_Encryptor::encrypt(const char* in, char*& out, unsigned long length
     return kVELErr_Ok;
 }
 
-VELErr_t VEL_Encryptor::decrypt(const char* in, char*& out, unsigned long length,
-                                unsigned long id) const {
-    const Session_t session = getSession(id);
+VELErr_t VEL_Encryptor::DecryptWith(const Session_t& session, const char* in, char*& out,
+                                    unsigned long length) {
     if (session == nullptr) {
         Fail(kVELErr_InvalidKey, "Unknown secure session ID");
         return kVELErr_InvalidKey;

@@ -63,3 +63,35 @@ VELErr_t VEL_FrameCodec::decode(const char* data, std::size_t size, std::size_t*
     }
     return code;
 }
+
+void VEL_PartCursor::clear() {
+    _count = 0;
+    _size = 0;
+    _have = 0;
+}
+
+void VEL_PartCursor::add(char* at, std::uint32_t length) {
+    if (length > 0) {
+        _places[_count++] = VELIoVec{at, length};
+        _size += length;
+    }
+}
+
+bool VEL_PartCursor::fill(unsigned long received) {
+    _have += static_cast<std::uint32_t>(received);
+    return _have >= _size;
+}
+
+unsigned long VEL_PartCursor::next(VELIoVec* parts, unsigned long* count) const {
+    std::uint32_t skip = _have;
+    *count = 0;
+    for (unsigned long i = 0; i < _count; ++i) {
+        if (skip >= _places[i].iov_len) {
+            skip -= _places[i].iov_len;
+            continue;
+        }
+        parts[(*count)++] = VELIoVec{_places[i].iov_base + skip, _places[i].iov_len - skip};
+        skip = 0;
+    }
+    return _size - _have;
+}

@@ -35,23 +35,13 @@ VELIoVec bodyElement(const VEL_Message& message) {
     return VELIoVec{message.data(), static_cast<std::uint32_t>(message.size())};
 }
 
-VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
-                    const VEL_Message& message, const char* file, unsigned long line) {
-    if (message.size() > 0) {
-        iov[count++] = bodyElement(message);
-    }
+VELErr_t writeParts(VEL_Socket& socket, VELIoVec* iov, unsigned long count, const char* file,
+                    unsigned long line) {
     const VELErr_t code = socket.writev(iov, count);
     if (code != kVELErr_Ok) {
         traceFailure(code, file, line);
     }
     return code;
-}
-
-VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_Message& message) {
-    if (message.size() > 0) {
-        iov[count++] = bodyElement(message);
-    }
-    return count > 0 ? socket.readv(iov, count) : kVELErr_Ok;
 }
 
 void traceRecvFailure(VELErr_t code, const char* what, const char* headerLabel, const char* header,

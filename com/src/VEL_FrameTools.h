@@ -4,8 +4,7 @@
 // - Network-order integers read from and written into header blocks.
 // - The length pair that opens the OXL headers: a 32-bit total length and its complement.
 // - prepareBody sizes a message's body for a receive; bodyElement is the body as one
-//   scatter/gather element; writeFrame sends a frame's parts and body in one gathered write,
-//   readFrame receives them in one scattered read.
+//   scatter/gather element; writeParts sends a frame's parts in one gathered write.
 // - traceRecvFailure writes the lines of a failed receive.
 //
 // Thread safety: every function is safe from any thread on distinct data.
@@ -61,17 +60,10 @@ VELErr_t prepareBody(VEL_Message* message, std::uint32_t length);
 // The message's body as one element: {data, size}, or {null, 0} without a body.
 VELIoVec bodyElement(const VEL_Message& message);
 
-// Appends the message's body (when it has one) to the `count` elements of `iov` and writes them
-// all in one writev. A failure is traced ("COM - <status>") and returned.
-// REQUIRES: room for one more element in `iov`.
-VELErr_t writeFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
-                    const VEL_Message& message, const char* file = __builtin_FILE(),
-                    unsigned long line = __builtin_LINE());
-
-// Appends the message's body (when it has one) to the `count` elements of `iov` and reads them
-// all in one readv (nothing to read: kVELErr_Ok). Returns the socket's status, untraced.
-// REQUIRES: room for one more element in `iov`.
-VELErr_t readFrame(VEL_Socket& socket, VELIoVec* iov, unsigned long count, VEL_Message& message);
+// Writes the `count` elements of `iov` in one writev. A failure is traced ("COM - <status>",
+// as from `file`) and returned.
+VELErr_t writeParts(VEL_Socket& socket, VELIoVec* iov, unsigned long count,
+                    const char* file = __builtin_FILE(), unsigned long line = __builtin_LINE());
 
 // The lines of a failed receive, each under its own trace mask, at the error level:
 //   network errors: "COM - <status> ; <what>"

@@ -12,7 +12,9 @@ const VEL_StaticInit kStaticInit;
 }  // namespace
 
 VEL_OXLv1Codec::VEL_OXLv1Codec(unsigned long maxMessageSize)
-    : _outHeader(), _inHeader(), _maxMessageSize(maxMessageSize), _have(0), _inBody(false) {}
+    : _outHeader(), _inHeader(), _maxMessageSize(maxMessageSize), _inBody(false) {
+    reset();
+}
 
 VEL_OXLv1Codec::~VEL_OXLv1Codec() = default;
 
@@ -35,37 +37,28 @@ VELErr_t VEL_OXLv1Codec::encodeParts(VEL_Message* message, VELIoVec* parts, unsi
     return kVELErr_Ok;
 }
 
-unsigned long VEL_OXLv1Codec::nextParts(VEL_Message* target, VELIoVec* parts,
+unsigned long VEL_OXLv1Codec::nextParts(VEL_Message* /*target*/, VELIoVec* parts,
                                         unsigned long* count) {
-    *count = 1;
-    if (_inBody) {
-        const VELIoVec body = velcom::bodyElement(*target);
-        parts[0] = VELIoVec{body.iov_base + _have, body.iov_len - _have};
-    } else {
-        parts[0] = VELIoVec{_inHeader + _have, kVEL_OXLv1HeaderSize - _have};
-    }
-    return parts[0].iov_len;
+    return _cursor.next(parts, count);
 }
 
 VELErr_t VEL_OXLv1Codec::received(VEL_Message* target, unsigned long received) {
-    _have += static_cast<std::uint32_t>(received);
+    if (!_cursor.fill(received)) {
+        return kVELErr_Incomplete;
+    }
     if (_inBody) {
-        if (_have < target->size()) {
-            return kVELErr_Incomplete;
-        }
         reset();
         return kVELErr_Ok;
     }
-    if (_have < kVEL_OXLv1HeaderSize) {
-        return kVELErr_Incomplete;
-    }
     const VELErr_t code = judgeHeader(target);
-    reset();
-    if (code == kVELErr_Ok && target->size() > 0) {
-        _inBody = true;
-        return kVELErr_Incomplete;
+    if (code != kVELErr_Ok || target->size() == 0) {
+        reset();
+        return code;
     }
-    return code;
+    _inBody = true;
+    _cursor.clear();
+    _cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
+    return kVELErr_Incomplete;
 }
 
 VELErr_t VEL_OXLv1Codec::judgeHeader(VEL_Message* target) {
@@ -88,8 +81,9 @@ VELErr_t VEL_OXLv1Codec::judgeHeader(VEL_Message* target) {
 }
 
 void VEL_OXLv1Codec::reset() {
-    _have = 0;
     _inBody = false;
+    _cursor.clear();
+    _cursor.add(_inHeader, kVEL_OXLv1HeaderSize);
 }
 
 VEL_OXLv1::VEL_OXLv1(VEL_Socket* socket, unsigned long maxMessageSize)
@@ -105,11 +99,7 @@ VELErr_t VEL_OXLv1::sendMessage(VEL_Message* message) {
     VELIoVec iov[kVEL_MaxFrameParts];
     unsigned long count = 0;
     (void)_codec.encodeParts(message, iov, &count);  // cannot fail
-    code = getSocket()->writev(iov, count);
-    if (code != kVELErr_Ok) {
-        velcom::traceFailure(code);
-    }
-    return code;
+    return velcom::writeParts(*getSocket(), iov, count);
 }
 
 VELErr_t VEL_OXLv1::recvMessage(VEL_Message* message) {

@@ -11,19 +11,81 @@ const VEL_StaticInit kStaticInit;
 
 }  // namespace
 
+VEL_OXLv5Codec::VEL_OXLv5Codec() : _outHeader(), _inHeader(), _inBody(false) {
+    reset();
+}
+
+VEL_OXLv5Codec::~VEL_OXLv5Codec() = default;
+
+VELErr_t VEL_OXLv5Codec::encodeParts(VEL_Message* message, VELIoVec* parts, unsigned long* count) {
+    *count = 0;
+    if (message->size() > kVEL_OXLv5MaxBody) {
+        velcom::traceFailure(kVELErr_MessageTooBig);
+        return kVELErr_MessageTooBig;
+    }
+    velcom::putUint16(_outHeader, static_cast<std::uint16_t>(message->size()));
+    parts[(*count)++] = VELIoVec{_outHeader, kVEL_OXLv5HeaderSize};
+    if (message->size() > 0) {
+        parts[(*count)++] = velcom::bodyElement(*message);
+    }
+    return kVELErr_Ok;
+}
+
+unsigned long VEL_OXLv5Codec::nextParts(VEL_Message* /*target*/, VELIoVec* parts,
+                                        unsigned long* count) {
+    return _cursor.next(parts, count);
+}
+
+VELErr_t VEL_OXLv5Codec::received(VEL_Message* target, unsigned long received) {
+    if (!_cursor.fill(received)) {
+        return kVELErr_Incomplete;
+    }
+    if (_inBody) {
+        reset();
+        return kVELErr_Ok;
+    }
+    const VELErr_t code = velcom::prepareBody(target, velcom::getUint16(_inHeader));
+    if (code != kVELErr_Ok) {
+        velcom::traceRecvFailure(code, "Error encountered while receiving OXLv5 message",
+                                 "Received header:", _inHeader, kVEL_OXLv5HeaderSize);
+    }
+    if (code != kVELErr_Ok || target->size() == 0) {
+        reset();
+        return code;
+    }
+    _inBody = true;
+    _cursor.clear();
+    _cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
+    return kVELErr_Incomplete;
+}
+
+void VEL_OXLv5Codec::reset() {
+    _inBody = false;
+    _cursor.clear();
+    _cursor.add(_inHeader, kVEL_OXLv5HeaderSize);
+}
+
+VEL_OXLv5::VEL_OXLv5(VEL_Socket* socket) : VEL_Transport(socket) {}
+
+VEL_OXLv5::VEL_OXLv5(const VEL_OXLv5& other) : VEL_Transport(other) {}
+
+VEL_OXLv5& VEL_OXLv5::operator=(const VEL_OXLv5& other) {
+    VEL_Transport::operator=(other);
+    _codec.reset();
+    return *this;
+}
+
+VEL_OXLv5::~VEL_OXLv5() = default;
+
 VELErr_t VEL_OXLv5::sendMessage(VEL_Message* message) {
     VELErr_t code = checkArguments(message);
     if (code != kVELErr_Ok) {
         return code;
     }
-    if (message->size() > kVEL_OXLv5MaxBody) {
-        velcom::traceFailure(kVELErr_MessageTooBig);
-        return kVELErr_MessageTooBig;
-    }
-    char length[kVEL_OXLv5HeaderSize];
-    velcom::putUint16(length, static_cast<std::uint16_t>(message->size()));
-    VELIoVec iov[2] = {{length, kVEL_OXLv5HeaderSize}, {}};
-    return velcom::writeFrame(*getSocket(), iov, 1, *message);
+    VELIoVec iov[kVEL_MaxFrameParts];
+    unsigned long count = 0;
+    code = _codec.encodeParts(message, iov, &count);
+    return code == kVELErr_Ok ? velcom::writeParts(*getSocket(), iov, count) : code;
 }
 
 VELErr_t VEL_OXLv5::recvMessage(VEL_Message* message) {
@@ -31,19 +93,24 @@ VELErr_t VEL_OXLv5::recvMessage(VEL_Message* message) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    char length[kVEL_OXLv5HeaderSize];
-    code = getSocket()->recv(length, kVEL_OXLv5HeaderSize);
-    if (code != kVELErr_Ok) {
-        velcom::traceFailure(code);
-        return code;
-    }
-    code = velcom::prepareBody(message, velcom::getUint16(length));
-    if (code == kVELErr_Ok && message->size() > 0) {
-        code = getSocket()->recv(message->data(), static_cast<unsigned int>(message->size()));
-    }
-    if (code != kVELErr_Ok) {
-        velcom::traceRecvFailure(code, "Error encountered while receiving OXLv5 message",
-                                 "Received header:", length, kVEL_OXLv5HeaderSize);
-    }
+    _codec.reset();  // a frame cut short by a failed call is not resumed
+    do {
+        // Each stage, the length field and then the body, is one place: one whole recv.
+        VELIoVec place[kVEL_MaxFrameParts];
+        unsigned long count = 0;
+        const unsigned long length = _codec.nextParts(message, place, &count);
+        code = getSocket()->recv(place[0].iov_base, static_cast<unsigned int>(length));
+        if (code != kVELErr_Ok && !_codec.inFrame()) {
+            velcom::traceFailure(code);
+            return code;
+        }
+        if (code != kVELErr_Ok) {
+            velcom::traceRecvFailure(code, "Error encountered while receiving OXLv5 message",
+                                     "Received header:", _codec.receivedHeader(),
+                                     kVEL_OXLv5HeaderSize);
+            return code;
+        }
+        code = _codec.received(message, length);
+    } while (code == kVELErr_Incomplete);
     return code;
 }

@@ -32,7 +32,7 @@ VELErr_t VEL_Transport::readRest(VEL_FrameCodec& codec, VEL_Message* message,
         VELIoVec parts[kVEL_MaxFrameParts];
         unsigned long count = 0;
         const unsigned long length = codec.nextParts(message, parts, &count);
-        VELErr_t code = _socket->readv(parts, count);
+        VELErr_t code = length > 0 ? _socket->readv(parts, count) : kVELErr_Ok;
         const bool socketFailed = code != kVELErr_Ok;
         if (!socketFailed) {
             code = codec.received(message, length);

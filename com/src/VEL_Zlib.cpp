@@ -78,6 +78,12 @@ VELErr_t uncompressBody(VEL_Message* message, std::uint32_t size, unsigned long 
         Z_OK) {
         return kVELErr_Uncompression;
     }
+    if (length != size) {
+        // A stream shorter than announced is as damaged as one that does not inflate: a part
+        // of the message is missing, and none of it is delivered.
+        (void)message->allocate(0);  // releasing cannot fail
+        return kVELErr_Uncompression;
+    }
     installBody(message, scratch, length);
     return kVELErr_Ok;
 }

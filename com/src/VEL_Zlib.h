@@ -45,10 +45,11 @@ int zlibUncompress(const char* source, unsigned long sourceLength, char* destina
 // there, and an empty body (no room at all), fail with kVELErr_Compression and stay as they are.
 // kVELErr_Alloc when no destination buffer can be had.
 VELErr_t compressBody(VEL_Message* message, unsigned long algorithm);
-// Replaces the message's body by its uncompressed form, announced as `size` bytes (the body is
-// then at most `size` bytes). kVELErr_Uncompression when the body is not a zlib stream that
-// fits in `size` bytes (the message keeps the compressed body); kVELErr_Alloc when no buffer of
-// `size` bytes can be had.
+// Replaces the message's body by its uncompressed form, announced as `size` bytes.
+// kVELErr_Uncompression when the body is not a zlib stream that fits in `size` bytes (the
+// message keeps the compressed body), or when the stream inflates to fewer than `size` bytes
+// (the body is released: the message is left empty); kVELErr_Alloc when no buffer of `size`
+// bytes can be had.
 VELErr_t uncompressBody(VEL_Message* message, std::uint32_t size, unsigned long algorithm);
 
 }  // namespace velcom

@@ -1,6 +1,8 @@
 #include "VEL_Encryptor.h"
 
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "VEL_CryptoTools.h"
 #include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
@@ -100,6 +103,21 @@ TEST_F(EncryptorTest, UnknownIDsFailQuietlyOrTraceAndThrow) {
             EXPECT_EQ(traced.file, "VEL_Encryptor.cpp");
         }
     }
+}
+
+TEST_F(EncryptorTest, CreateKeysTheSessionWithACopyOfTheCallersSchedule) {
+    char key[] = "0123456789abcdef";
+    char* schedule = nullptr;
+    VEL_CryptoTools::GenerateCastKey(key, schedule);
+    ASSERT_NE(schedule, nullptr);
+    const std::string original(schedule, VEL_CryptoTools::kScheduleSize);
+    const boost::shared_ptr<VEL_SecureSession> session =
+            VEL_SecureSession::Create(static_cast<const char*>(schedule), 7);
+    std::memset(schedule, 0, VEL_CryptoTools::kScheduleSize);  // the caller's block stays its own
+    std::free(schedule);
+    ASSERT_NE(session, nullptr);
+    EXPECT_EQ(session->getSecureSessionID(), 7u);
+    EXPECT_EQ(std::string(session->getPrivateKey(), VEL_CryptoTools::kScheduleSize), original);
 }
 
 TEST_F(EncryptorTest, UnusedSessionsExpireAndDecryptRestartsTheirTimer) {

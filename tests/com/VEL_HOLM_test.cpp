@@ -1,9 +1,12 @@
 #include "VEL_HOLM.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -14,6 +17,7 @@
 #include "VEL_CryptoTools.h"
 #include "VEL_Encryptor.h"
 #include "VEL_Message.h"
+#include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
 namespace {
@@ -251,6 +255,22 @@ TEST_F(HOLMTest, BadHeadersAreRefusedBeforeAnythingElseIsRead) {
     EXPECT_EQ(message.size(), 100000u);
 }
 
+// A body that inflated to fewer bytes than the plain size used to be delivered short.
+TEST_F(HOLMTest, CompressedBodyInflatingShortOfThePlainSizeIsRefused) {
+    std::string stream(64, '\0');
+    uLongf length = stream.size();
+    ASSERT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                       reinterpret_cast<const Bytef*>("hello"), 5),
+              Z_OK);
+    stream.resize(length);
+    for (const std::uint32_t plain : {5u, 6u}) {
+        _bOut.feed(header(static_cast<std::uint32_t>(28 + length), plain, "000040") + stream);
+        VEL_Message message;
+        EXPECT_EQ(_b.recvMessage(&message), plain == 5 ? kVELErr_Ok : kVELErr_Uncompression);
+        EXPECT_EQ(Body(message), plain == 5 ? "hello" : "");
+    }
+}
+
 TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
     const struct {
         bool secure, compressed;
@@ -280,6 +300,94 @@ TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
         if (mode.secure) {
             ASSERT_EQ(_a.closeSecureSession(), kVELErr_Ok);
         }
+    }
+}
+
+// Sessions that expire after one second of not being used for decryption.
+class HOLMExpiryTest : public HOLMTest {
+protected:
+    void SetUp() override {
+        HOLMTest::SetUp();
+        VEL_Encryptor::Instance()->setInactivityTimeout(1);
+    }
+    void TearDown() override {
+        VEL_Encryptor::Instance()->setInactivityTimeout(0);
+        VEL_TimerManager::CloseSingleton();
+        HOLMTest::TearDown();
+    }
+
+    // Waits until `side` can no longer send, its session having expired.
+    static bool expires(VEL_HOLM& side, MemorySocket& out) {
+        return veltest::WaitFor(
+                [&] {
+                    VEL_Message probe;
+                    out.clearOutput();
+                    return side.sendMessage(&probe) == kVELErr_SecureSession &&
+                           out.written().empty();
+                },
+                std::chrono::seconds(5));
+    }
+};
+
+// Empty secure frames used to bypass the session: they kept no session alive, and were still
+// sent and received as secure after the session had expired.
+TEST_F(HOLMExpiryTest, EmptySecureFramesGoThroughTheSession) {
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    toB("key");
+    toA("joined");
+    std::string emptyFrame;
+    for (int round = 0; round < 5; ++round) {  // 1.5 s of empty keep-alives both ways
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        emptyFrame = toB("");
+        toA("");
+    }
+    EXPECT_EQ(emptyFrame.substr(16, 6), Hex("41 06 80 00 00 04"));
+    toB("still open");
+    toA("both ways");
+
+    ASSERT_TRUE(expires(_a, _aOut));
+    ASSERT_TRUE(expires(_b, _bOut));
+    _bOut.feed(emptyFrame);
+    VEL_Message message;
+    EXPECT_EQ(_b.recvMessage(&message), kVELErr_SecureSession);
+}
+
+// After its session expired, a transport kept the bare ID: once the encryptor gave that ID to
+// another session, the transport encrypted with the other session's key, and its close and its
+// destructor closed the other owner's session.
+TEST_F(HOLMExpiryTest, AnExpiredSessionsIDGivenToAnotherIsNeverUsedOrClosed) {
+    VEL_Encryptor* encryptor = VEL_Encryptor::Instance();
+    const auto isOpen = [encryptor](unsigned long id) {
+        char block[8] = {};
+        char* out = block;
+        unsigned long length = 0;
+        return encryptor->encrypt("12345678", out, 8, length, id) == kVELErr_Ok;
+    };
+    EncryptorProbe::SetLastSessionID(500);  // A gets 501, C 502
+    MemorySocket cOut;
+    auto c = std::make_unique<VEL_HOLM>(&cOut, 100);
+    ASSERT_EQ(_a.openSecureSession(), kVELErr_Ok);
+    ASSERT_EQ(c->openSecureSession(), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WaitFor([&] { return !isOpen(501) && !isOpen(502); },
+                                 std::chrono::seconds(5)));
+    encryptor->setInactivityTimeout(0);
+    EncryptorProbe::SetLastSessionID(500);
+    const unsigned long others[] = {
+            encryptor->openSession(basis::BoundedString<16>("another one's k", 16)),
+            encryptor->openSession(basis::BoundedString<16>("and a third key", 16))};
+    ASSERT_EQ(others[0], 501u);
+    ASSERT_EQ(others[1], 502u);
+
+    VEL_Message message;
+    ASSERT_EQ(message.setData("x", 1), kVELErr_Ok);
+    EXPECT_EQ(_a.sendMessage(&message), kVELErr_SecureSession);
+    EXPECT_EQ(_aOut.written(), "");
+    EXPECT_EQ(_a.closeSecureSession(), kVELErr_Ok);
+    c.reset();
+    EXPECT_TRUE(isOpen(501));
+    EXPECT_TRUE(isOpen(502));
+    for (unsigned long id : others) {
+        encryptor->closeSession(id);
     }
 }
 

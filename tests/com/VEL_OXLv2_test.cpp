@@ -139,6 +139,7 @@ TEST_F(OXLv2Test, BadFramesAreRefusedBeforeTheBodyIsRead) {
             {"uncompressed 1001", compressedFrame("", 1001, stream), kVELErr_MessageTooBig,
              stream.size()},
             {"announced too short", compressedFrame("", 4, stream), kVELErr_Uncompression, 0},
+            {"announced too long", compressedFrame("", 6, stream), kVELErr_Uncompression, 0},
             {"not a zlib stream", compressedFrame("", 5, "hello"), kVELErr_Uncompression, 0},
     };
     for (const auto& c : cases) {
@@ -147,26 +148,49 @@ TEST_F(OXLv2Test, BadFramesAreRefusedBeforeTheBodyIsRead) {
         VEL_Message message;
         EXPECT_EQ(VEL_OXLv2(&socket, 1000).recvMessage(&message), c.code) << c.what;
         EXPECT_EQ(socket.unread(), c.unread) << c.what;
-        if (c.code == kVELErr_Uncompression) {  // the compressed body is kept
-            EXPECT_EQ(Body(message), c.frame.substr(20)) << c.what;
+        if (c.code == kVELErr_Uncompression) {  // the compressed body is kept, unless short
+            const bool inflatedShort = std::string(c.what) == "announced too long";
+            EXPECT_EQ(Body(message), inflatedShort ? "" : c.frame.substr(20)) << c.what;
         }
     }
 }
 
-TEST_F(OXLv2Test, FailedUncompressIsTracedWithHeaderAndBodyDumps) {
+// A compressed frame cut inside its RSCV or its record used to be traced as a failed header
+// read, twice, without the header dump.
+TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
+    const std::string frame = compressedFrame("rscv", 5, deflated("hello"));
+    const struct {
+        const char* what;
+        std::size_t cut;  // input kept; the rest is cut off
+        VELErr_t code;
+        std::size_t lines;  // line, labelled header dump, [labelled body dump,] status
+    } cases[] = {
+            {"cut in the RSCV", 14, kVELErr_SockHalfClosed, 6},
+            {"cut in the record", 19, kVELErr_SockHalfClosed, 6},
+            {"cut in the body", frame.size() - 1, kVELErr_SockHalfClosed, 6},
+            {"not a zlib stream", 0, kVELErr_Uncompression, 10},
+    };
     veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
     veltest::ScopedSink installed(&sink);
-    _socket.feed(compressedFrame("", 5, "hello"));
-    VEL_Message message;
-    EXPECT_EQ(_transport.recvMessage(&message), kVELErr_Uncompression);
-    const std::string status = "COM - " + VEL_Tools::GetErrStr(kVELErr_Uncompression);
-    const std::vector<std::string> texts = sink.texts();
-    ASSERT_EQ(texts.size(), 10u);  // line, two labelled dumps of three lines each, status
-    EXPECT_EQ(texts[0], status + " ; Error receiving an OXLv2 message");
-    EXPECT_EQ(texts[1], status + " ; Received header :");
-    EXPECT_EQ(texts[5], status + " ; Received message :");
-    EXPECT_EQ(texts[6], "MSGDUMP - Dumping buffer number 0, containing 5 bytes");
-    EXPECT_EQ(texts[9], status);
+    for (const auto& c : cases) {
+        MemorySocket socket;
+        socket.feed(c.cut == 0 ? compressedFrame("", 5, "hello") : frame.substr(0, c.cut));
+        socket.closeInput();
+        sink.clear();
+        VEL_Message message;
+        EXPECT_EQ(VEL_OXLv2(&socket, 1000).recvMessage(&message), c.code) << c.what;
+        const std::string status = "COM - " + VEL_Tools::GetErrStr(c.code);
+        const std::vector<std::string> texts = sink.texts();
+        ASSERT_EQ(texts.size(), c.lines) << c.what;
+        EXPECT_EQ(texts[0], status + " ; Error receiving an OXLv2 message") << c.what;
+        EXPECT_EQ(texts[1], status + " ; Received header :") << c.what;
+        EXPECT_EQ(texts[2], "MSGDUMP - Dumping buffer number 0, containing 12 bytes") << c.what;
+        if (c.lines == 10) {
+            EXPECT_EQ(texts[5], status + " ; Received message :");
+            EXPECT_EQ(texts[6], "MSGDUMP - Dumping buffer number 0, containing 5 bytes");
+        }
+        EXPECT_EQ(texts.back(), status) << c.what;
+    }
 }
 
 }  // namespace
