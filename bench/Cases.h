@@ -40,8 +40,8 @@ std::unique_ptr<Case> MakeIdleCase10000();
 // with no idle connection.
 std::unique_ptr<Case> MakeVelcatCase();
 
-// The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent") that
-// prints "port N", answers "count" with its number of connections and stops at the end of its
+// The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent")
+// that prints "port N", answers "count" with its number of connections and stops at the end of its
 // input; and a holder of `count` idle connections to `port` that prints "ready" and closes them
 // at the end of its input. Each returns the process exit status.
 int ServeMain(const std::string& kind);
