@@ -16,7 +16,9 @@
 //
 // Input that TLS has already taken off the descriptor counts as waiting: waitForRead, hasRecv,
 // peekRecv and recvAvail see bytes that are decrypted (or received and not yet decrypted) inside
-// the session, when the descriptor itself reports nothing to read.
+// the session, when the descriptor itself reports nothing to read. A reactor, which watches the
+// descriptor only, does not: an event handler over a TLS socket receives until hasRecv() says
+// kVELErr_Timeout before it returns to the reactor.
 //
 // close() sends close_notify first (without waiting for the peer's), so that the peer can tell
 // the end of the data from a cut connection; it is skipped when the handshake has not completed,

@@ -139,8 +139,9 @@ VELErr_t VEL_TLSSocket::open() {
 
 VELErr_t VEL_TLSSocket::close() {
     if (_sessionLock.tryAcquire()) {
-        // No transfer is under way: the session may send its close_notify, once, without
-        // waiting (a peer that does not read would not see it anyway).
+        // No step of the session is under way (another thread may be waiting for the
+        // descriptor): it may send its close_notify, once, without waiting (a peer that does
+        // not read would not see it anyway).
         if (isValid()) {
             VELTLSWant_t want = kVELTLSWant_Write;
             (void)_engine.shutdown(&want);
