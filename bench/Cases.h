@@ -26,6 +26,12 @@ std::unique_ptr<Case> MakeStalledPeersCase();
 std::unique_ptr<Case> MakeLargeEchoCase();
 // 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.
 std::unique_ptr<Case> MakeStreamCase();
+// TLS (VEL_TLSSocket under VEL_OXLv1): 1 MiB bodies one way against a plain OpenSSL
+// SSL_write/SSL_read loop and against vel over plain TCP; 64-byte ping-pong against vel over
+// plain TCP; connect, handshake and close against plain OpenSSL SSL_connect/SSL_accept.
+std::unique_ptr<Case> MakeTLSStreamCase();
+std::unique_ptr<Case> MakeTLSPingPongCase();
+std::unique_ptr<Case> MakeTLSHandshakeCase();
 // Secure, compressed request/response of 16 KiB bodies: VEL_HOLM against the same zlib and
 // CAST-128 calls made directly on the buffers.
 std::unique_ptr<Case> MakeHolmCase();

@@ -60,8 +60,9 @@ public:
 
     // True when the calling thread is inside a sink's output.
     static bool IsInRecursiveTrace();
-    // Claims the right to call a sink: false when the caller already holds it or when a wait for
-    // the current holder fails or lasts longer than `timeout`.
+    // Claims the right to call a sink: false when the caller already holds it, when a wait
+    // fails, or when `timeout` has passed since the call without the right coming to the caller
+    // (one deadline, however often the right passes between other threads meanwhile).
     static bool AtomicWaitAndStartTracing(const basis::TimeValue& timeout);
     // Gives the right back and wakes the waiting threads.
     static void StopTracing();

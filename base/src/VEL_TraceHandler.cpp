@@ -70,8 +70,16 @@ bool VEL_TraceHandler::AtomicWaitAndStartTracing(const basis::TimeValue& timeout
     if (basis::Thread::Equal(_TracingThreadID, self)) {
         return false;
     }
+    // One deadline for the whole call: each hand-off between other threads wakes this one, and
+    // must not start its wait over.
+    const basis::TimeValue deadline = basis::TimeValue::GetHRTime() + timeout;
     while (!basis::Thread::Equal(_TracingThreadID, basis::Thread::kInvalidID)) {
-        if (_TracingCondMutex->wait(&timeout) != basis::kErr_Ok) {
+        const basis::TimeValue now = basis::TimeValue::GetHRTime();
+        if (now >= deadline) {
+            return false;
+        }
+        const basis::TimeValue remaining = deadline - now;
+        if (_TracingCondMutex->wait(&remaining) != basis::kErr_Ok) {
             return false;
         }
     }

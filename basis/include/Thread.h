@@ -12,8 +12,9 @@
 
 namespace basis {
 
-// Identity of a thread: its pthread handle and its kernel thread id. The default value (all
-// zero) is kInvalidID, "no thread"; pthread_self() is never 0 on Linux.
+// Identity of a thread: its pthread handle and its kernel thread id, compared together (the
+// system gives an ended thread's handle to a later thread, with another kernel id). The default
+// value (all zero) is kInvalidID, "no thread"; pthread_self() is never 0 on Linux.
 struct ThreadID_t {
     unsigned long handle = 0;  // pthread_t
     pid_t tid = 0;             // gettid(), printed in trace lines
@@ -21,7 +22,7 @@ struct ThreadID_t {
 
 bool operator==(const ThreadID_t& a, const ThreadID_t& b);
 bool operator!=(const ThreadID_t& a, const ThreadID_t& b);
-// Strict weak order on the pthread handle, so identities can be kept in ordered sets.
+// Strict weak order on (handle, kernel id), so identities can be kept in ordered sets.
 bool operator<(const ThreadID_t& a, const ThreadID_t& b);
 
 class Thread {

@@ -14,16 +14,18 @@ thread_local long tLastSystemErr = 0;
 
 }  // namespace
 
+// The system hands a pthread handle to the next new thread once a thread has ended: the kernel
+// thread id tells such threads apart.
 bool operator==(const ThreadID_t& a, const ThreadID_t& b) {
-    return a.handle == b.handle;
+    return a.handle == b.handle && a.tid == b.tid;
 }
 
 bool operator!=(const ThreadID_t& a, const ThreadID_t& b) {
-    return a.handle != b.handle;
+    return !(a == b);
 }
 
 bool operator<(const ThreadID_t& a, const ThreadID_t& b) {
-    return a.handle < b.handle;
+    return a.handle != b.handle ? a.handle < b.handle : a.tid < b.tid;
 }
 
 ThreadID_t Thread::Self() {

@@ -25,7 +25,8 @@
 //
 // The message being decoded is the codec's target from the first byte of a frame to its end:
 // pass the same message to every call until the frame is whole or has failed. Its body is
-// resized (or released) for the frame; its side buffers are released when the frame has none.
+// resized (or released) for the frame; the side buffers of a format that carries them are
+// released when the frame has none, and left alone by the others.
 //
 // A format's own failures are traced by the codec, with the texts and dumps of the blocking
 // transport (network error bit, message dumps under bit 16); failures of the engine's socket are
@@ -120,8 +121,9 @@ public:
     unsigned long next(VELIoVec* parts, unsigned long* count) const;
     // `received` more bytes have arrived in the places; true once they are all full.
     bool fill(unsigned long received);
-    // True once a byte of the stage has arrived; once all have (at once for a stage of 0 bytes).
+    // True once a byte of the stage has arrived.
     bool started() const { return _have > 0; }
+    // True once every byte of the stage has arrived (at once for a stage of no bytes).
     bool full() const { return _have >= _size; }
 
 private:

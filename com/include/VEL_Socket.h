@@ -22,11 +22,10 @@
 // Thread safety: distinct objects are independent. One thread at a time transfers on and
 // configures a socket. Any thread may read getHandle(), isValid() and isClosing(), and one other
 // thread may call close() while the owner is blocked in a transfer, a wait or accept: close()
-// shuts the connection down, which ends the owner's call (kVELErr_SockHalfClosed, kVELErr_Accept,
-// ...), waits until that call has left the descriptor, and only then gives the number back to the
-// system, so that the owner can never touch a descriptor that has been reused. With linger on,
-// only reception is shut down: a blocked send then ends by itself before close() completes.
-// GetNbInstances() is safe from any thread.
+// shuts both directions down, which ends the owner's call at once with a failure
+// (kVELErr_SockHalfClosed, kVELErr_Send, kVELErr_Accept, ...), waits until that call has left the
+// descriptor, and only then gives the number back to the system, so that the owner can never
+// touch a descriptor that has been reused. GetNbInstances() is safe from any thread.
 #ifndef COM_INCLUDE_VEL_SOCKET_H
 #define COM_INCLUDE_VEL_SOCKET_H
 
@@ -57,10 +56,11 @@ public:
 
     // Obtains and prepares the descriptor; Ok at once when the socket already has one.
     virtual VELErr_t open() = 0;
-    // Releases the descriptor: shuts the connection down (which ends a recv or accept blocked in
-    // another thread; skipped when linger is on, so that the close resets the connection), closes
-    // it, and uncounts it. The local address goes back to any interface, port 0; the socket is
-    // no longer connected and is closed. A second call returns Ok and does nothing.
+    // Releases the descriptor and uncounts it. When another thread is inside a call on it, the
+    // connection is first shut down in both directions, which ends that call (a transfer, a wait,
+    // accept) at once; the descriptor is closed once the call has left it. With linger on the
+    // close resets the connection. The local address goes back to any interface, port 0; the
+    // socket is no longer connected and is closed. A second call returns Ok and does nothing.
     // kVELErr_SocketClose when the system reports a failure; the descriptor is released anyway.
     // Traces "COM - Closing socket <FD = n> ; Remote address : <address>" (trace bit 2).
     virtual VELErr_t close();
@@ -160,6 +160,11 @@ protected:
 
     // Takes over `fd`, counts it, and clears the closed flag.
     void takeHandle(int fd);
+    // Takes over the connection of `from`: its descriptor (still counted once), endpoints,
+    // options in force and connected flag. `from` is left closed without a descriptor and the
+    // connection goes on through this socket. For a socket that layers a protocol over an
+    // established stream. REQUIRES: this socket has no descriptor; no other thread uses `from`.
+    void adoptConnection(VEL_Socket& from);
     void setLocalAddr(const VEL_SockAddr& address) { (void)_localAddr.set(address); }
     void setRemoteAddr(const VEL_SockAddr& address) { _remoteAddr = address; }
     // bind() to the local address. kVELErr_Bind, errno stored; not traced.

@@ -7,13 +7,14 @@
 // Framing transports use the virtual ones only (send, recv, recvAvail, writev, readv).
 //
 // How long a transfer may block depends on the socket's options: without native time-outs
-// (isNonBlock() false, the default) send and writev wait at most the send time-out for the
-// descriptor to become writable when it takes no byte at once (a socket with room in its buffer
-// costs no wait), then send the rest blocking; recv and readv block until data or the end of the
-// stream arrives; with native time-outs the system ends a blocked call after the send or receive
-// time-out (kVELErr_Timeout). The Avail operations make one system call each: sendAvail and
-// writevAvail block as the descriptor does, recvAvail and readvAvail first poll for input and
-// never block when none is waiting.
+// (isNonBlock() false, the default) the send time-out bounds a whole send or writev, however many
+// bytes the peer takes meanwhile (a socket with room in its buffer costs no wait), and recv and
+// readv block until data or the end of the stream arrives; with native time-outs the system ends
+// each blocked call after the send or receive time-out (kVELErr_Timeout), so that a peer that
+// keeps taking or giving a few bytes keeps a transfer going. sendUntil and recvUntil are bounded
+// by the caller's deadline whatever the options. The Avail operations make one system call each:
+// sendAvail and writevAvail block as the descriptor does, recvAvail and readvAvail first poll for
+// input and never block when none is waiting.
 //
 // Vector transfers take the caller's VELIoVec array and advance it in place: elements that moved
 // entirely are skipped, the first unfinished one gets base += done and length -= done. Up to 64
@@ -41,7 +42,7 @@
 // caller deletes.
 //
 // Thread safety: as VEL_Socket: one thread transfers at a time; another may close() the socket
-// to end a blocked recv.
+// to end a blocked transfer.
 #ifndef COM_INCLUDE_VEL_TCPSOCKET_H
 #define COM_INCLUDE_VEL_TCPSOCKET_H
 
@@ -64,8 +65,9 @@ public:
     // kVELErr_GetSockName, kVELErr_ReuseAddr; the descriptor is closed on failure.
     VELErr_t open() override;
 
-    // Sends all `len` bytes. kVELErr_Timeout when the descriptor does not become writable within
-    // the send time-out (without native time-outs) or a native time-out expires.
+    // Sends all `len` bytes. kVELErr_Timeout (traced) when they are not all sent within the send
+    // time-out (without native time-outs) or a native time-out expires; part of them may have
+    // been sent.
     VELErr_t send(const char* buf, unsigned int len) override;
     // Receives exactly `len` bytes. On a time-out the bytes already received stay in `buf` but
     // are not reported (traced, and dumped with trace bit 16).
@@ -78,6 +80,12 @@ public:
     // Fills every element. On a time-out the element being filled gets back its length and
     // base. REQUIRES: `v` holds at least one element (n below 2 receives into v[0]).
     VELErr_t readv(VELIoVec* v, unsigned long n) override;
+
+    // send() and recv() bounded by `deadline` (a basis::TimeValue::GetHRTime date) instead of the
+    // socket's time-outs: kVELErr_Timeout (traced as by send and recv) once it has passed with
+    // bytes still to move; a deadline already passed still moves what can move at once.
+    VELErr_t sendUntil(const char* buf, unsigned int len, const basis::TimeValue& deadline);
+    VELErr_t recvUntil(char* buf, unsigned int len, const basis::TimeValue& deadline);
 
     // One send: Ok with *len = bytes taken, or *len = kNothingSent when the descriptor took
     // nothing in time (would-block or native time-out).
@@ -99,6 +107,11 @@ public:
     // (last system error 0) or the connection has failed (errno stored). Not traced. Tells a
     // peer that closed from one that sent something, which hasRecv() cannot.
     VELErr_t peekRecv();
+    // Looks at the peer's side without waiting: Ok while the peer may still send,
+    // kVELErr_SockHalfClosed once it has shut down its sending side (input it sent before may
+    // still be waiting) or the connection has failed or hung up (a pending error is taken and
+    // stored as the last system error; otherwise it is 0). Not traced.
+    VELErr_t checkPeer();
 
 private:
     friend class VEL_TCPAcceptor;
@@ -106,10 +119,12 @@ private:
 
     VELErr_t pollReadable(int fd);
     VELErr_t transferFailed(int err, VELErr_t code) const;
-    // Sends every byte of `v` (advanced in place) on `fd`, with the send time-out's readiness
-    // wait where the socket takes nothing at once; a failure is mapped as one of writev (when
-    // `vectored`) or send, and traced.
+    // Sends every byte of `v` (advanced in place) on `fd` within the socket's send time-out; a
+    // failure is mapped as one of writev (when `vectored`) or send, and traced.
     VELErr_t sendStream(int fd, VELIoVec* v, unsigned long n, bool vectored);
+    VELErr_t sendBefore(int fd, VELIoVec* v, unsigned long n, bool vectored,
+                        const basis::TimeValue& deadline);
+    VELErr_t waitUntil(int fd, short events, const basis::TimeValue& deadline) const;
     VELErr_t recvTimedOut(std::size_t expected, std::size_t received, const char* data,
                           const VELIoVec* filled, unsigned long filledCount) const;
 };

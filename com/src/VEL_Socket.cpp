@@ -96,14 +96,16 @@ VELErr_t VEL_Socket::close() {
         setClosing(true);
         // Forget the number first: a call that starts from now on finds no descriptor.
         _handle.store(kVEL_NoHandle);
-        // Closing alone would not wake a thread blocked on this descriptor; a shutdown does. With
-        // linger on (time 0) the close must reset the connection, which a shutdown of the sending
-        // side would turn into an orderly end. Failures (not connected) do not matter here.
-        (void)::shutdown(fd, _options.getLinger() == 1 ? SHUT_RD : SHUT_RDWR);
+        if (_users.load() != 0) {
+            // Closing alone would not wake a thread blocked on this descriptor; a shutdown of both
+            // directions ends every call in progress at once, a send on a full buffer included.
+            // Failures (not connected) do not matter here. With linger on, the close that follows
+            // still resets the connection.
+            (void)::shutdown(fd, SHUT_RDWR);
+        }
         // The system may hand the number out again at once: only release it when no call of
-        // another thread is still inside the descriptor.
-        // A use normally ends at once (the shutdown woke it); a send blocked on a full buffer
-        // with linger on may take until its time-out, so back off instead of spinning.
+        // another thread is still inside the descriptor. The shutdown has woken them all, so
+        // this takes no longer than their way out.
         for (unsigned int spins = 0; _users.load() != 0; ++spins) {
             if (spins < 100) {
                 basis::Thread::YieldControl();
@@ -427,6 +429,17 @@ void VEL_Socket::takeHandle(int fd) {
         std::lock_guard<basis::ThreadMutex> hold(*_Mutex);
         ++_NbSockets;
     }
+}
+
+void VEL_Socket::adoptConnection(VEL_Socket& from) {
+    _options = from._options;
+    _localAddr = from._localAddr;
+    _remoteAddr = from._remoteAddr;
+    _connected.store(from._connected.exchange(false));
+    _closed.store(false);
+    // The descriptor changes owner without being closed: the count stays as it is.
+    _handle.store(from._handle.exchange(kVEL_NoHandle));
+    from._closed.store(true);
 }
 
 VELErr_t VEL_Socket::bindLocalAddr() {

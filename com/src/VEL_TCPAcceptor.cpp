@@ -95,6 +95,7 @@ VELErr_t VEL_TCPAcceptor::accept(VEL_Socket*& out) {
         });
         return velcom::mapAcceptError(err);
     }
+    basis::Thread::SetLastSystemErr(0);  // a call that succeeded leaves no error behind
     accepted->takeHandle(fd);
     // A failure here leaves a usable connection; the socket is kept, as the caller cannot tell.
     (void)accepted->setCommonOptions();

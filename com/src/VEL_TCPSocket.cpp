@@ -16,6 +16,11 @@ namespace {
 
 const VEL_StaticInit kStaticInit;
 
+// The status of a failed send or writev.
+VELErr_t sendError(int err, bool vectored) {
+    return velcom::mapSendError(err, vectored ? velcom::SendOp::kWritev : velcom::SendOp::kSend);
+}
+
 }  // namespace
 
 VEL_TCPSocket::VEL_TCPSocket(unsigned short port, const char* host)
@@ -61,27 +66,77 @@ VELErr_t VEL_TCPSocket::send(const char* buf, unsigned int len) {
     return sendStream(use.fd(), &whole, 1, false);
 }
 
-// With time-outs kept by the library, the readiness wait limited by the send time-out must come
-// before the first byte. A socket that takes bytes at once is writable, and its wait would have
-// returned at once: so the bytes are offered first, without blocking, and the wait is made only
-// when the socket takes none. Either way the rest is then sent blocking, as after the wait.
+VELErr_t VEL_TCPSocket::sendUntil(const char* buf, unsigned int len,
+                                  const basis::TimeValue& deadline) {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    VELIoVec whole{const_cast<char*>(buf), len};  // only read from
+    return sendBefore(use.fd(), &whole, 1, false, deadline);
+}
+
+// With native time-outs the system bounds each call. Otherwise the library bounds the whole
+// transfer by the send time-out: a blocking call could wait for ever once the peer stops reading,
+// even after it took part of the data.
 VELErr_t VEL_TCPSocket::sendStream(int fd, VELIoVec* v, unsigned long n, bool vectored) {
-    int err = isNonBlock() ? EAGAIN : velcom::sendNow(fd, v, n);
-    if (err == EAGAIN) {
-        const VELErr_t code = waitBeforeSend();
+    if (!isNonBlock()) {
+        const basis::TimeValue deadline =
+                basis::TimeValue::GetHRTime() + basis::TimeValue(getSendTimeOut(), 0);
+        return sendBefore(fd, v, n, vectored, deadline);
+    }
+    const int err = velcom::sendAll(fd, v, n, nullptr);
+    return err == 0 ? kVELErr_Ok : transferFailed(err, sendError(err, vectored));
+}
+
+// Offers the bytes without blocking and waits for room between offers, so that no call outlasts
+// the deadline (the native time-outs play no part). A send that took part of the data and then
+// timed out leaves the rest unsent: the stream is then cut in the middle of the caller's data.
+VELErr_t VEL_TCPSocket::sendBefore(int fd, VELIoVec* v, unsigned long n, bool vectored,
+                                   const basis::TimeValue& deadline) {
+    for (;;) {
+        const int err = velcom::sendNow(fd, v, n);
+        if (err == 0) {
+            if (n == 0) {
+                return kVELErr_Ok;
+            }
+            continue;  // the rest may fit at once
+        }
+        if (err != EAGAIN) {
+            return transferFailed(err, sendError(err, vectored));
+        }
+        const VELErr_t code = waitUntil(fd, POLLOUT, deadline);
+        if (code == kVELErr_Timeout) {
+            basis::Thread::SetLastSystemErr(EAGAIN);  // the last send would have blocked
+            velcom::traceComError(code, [&] { return remoteText(); });
+        }
         if (code != kVELErr_Ok) {
             return code;
         }
-        err = 0;
     }
-    if (err == 0 && n > 0) {
-        err = velcom::sendAll(fd, v, n, nullptr);
+}
+
+// Waits until `fd` reports `events` (or a failure or hang-up, which the next call reports) or
+// the deadline has passed: kVELErr_Timeout, not traced. kVELErr_Select when the wait fails
+// (traced).
+VELErr_t VEL_TCPSocket::waitUntil(int fd, short events, const basis::TimeValue& deadline) const {
+    basis::TimeValue left = deadline - basis::TimeValue::GetHRTime();
+    if (left < basis::TimeValue::kZero) {
+        left = basis::TimeValue::kZero;
     }
-    if (err == 0) {
+    short revents = 0;
+    int err = 0;
+    const int ready = velcom::pollOne(fd, events, &left, &revents, &err);
+    if (ready > 0) {
         return kVELErr_Ok;
     }
-    const velcom::SendOp op = vectored ? velcom::SendOp::kWritev : velcom::SendOp::kSend;
-    return transferFailed(err, velcom::mapSendError(err, op));
+    if (ready == 0) {
+        return kVELErr_Timeout;
+    }
+    basis::Thread::SetLastSystemErr(err);
+    velcom::traceComError(kVELErr_Select, [&] { return remoteText(); });
+    return kVELErr_Select;
 }
 
 VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
@@ -116,6 +171,43 @@ VELErr_t VEL_TCPSocket::recv(char* buf, unsigned int len) {
             return recvTimedOut(len, received, buf, nullptr, 0);
         }
         return transferFailed(err, code);
+    }
+    return kVELErr_Ok;
+}
+
+VELErr_t VEL_TCPSocket::recvUntil(char* buf, unsigned int len, const basis::TimeValue& deadline) {
+    const HandleUse use(*this);
+    VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    const int fd = use.fd();
+    unsigned int received = 0;
+    while (received < len) {
+        // Without blocking: the wait below is the only one, and it ends at the deadline.
+        const ssize_t got = ::recv(fd, buf + received, len - received, MSG_DONTWAIT);
+        if (got > 0) {
+            received += static_cast<unsigned int>(got);
+            continue;
+        }
+        if (got == 0) {
+            return velcom::endOfStream();
+        }
+        const int err = errno;
+        if (err == EINTR) {
+            continue;
+        }
+        if (err != EAGAIN) {
+            return transferFailed(err, velcom::mapRecvError(err, velcom::RecvOp::kRecv));
+        }
+        code = waitUntil(fd, POLLIN, deadline);
+        if (code == kVELErr_Timeout) {
+            basis::Thread::SetLastSystemErr(err);
+            return recvTimedOut(len, received, buf, nullptr, 0);
+        }
+        if (code != kVELErr_Ok) {
+            return code;
+        }
     }
     return kVELErr_Ok;
 }
@@ -264,8 +356,9 @@ VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
         code = velcom::mapRecvError(err, velcom::RecvOp::kRecvAvail);
         if (code == kVELErr_Incomplete) {
             basis::Thread::SetLastSystemErr(err);
-            velcom::traceComInfo(
-                    [&] { return "recvAvail timeout on remote address : " + remoteText(); });
+            velcom::traceComInfo([&] {
+                return "recvAvail timeout on remote address : " + velcom::toText(getRemoteAddr());
+            });
             *len = 0;
             return kVELErr_Incomplete;
         }
@@ -345,8 +438,9 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
     code = velcom::mapRecvError(err, velcom::RecvOp::kReadvAvail);
     if (code == kVELErr_Incomplete) {
         basis::Thread::SetLastSystemErr(err);
-        velcom::traceComInfo(
-                [&] { return "readvAvail timeout on remote address : " + remoteText(); });
+        velcom::traceComInfo([&] {
+            return "readvAvail timeout on remote address : " + velcom::toText(getRemoteAddr());
+        });
         return code;
     }
     return transferFailed(err, code);
@@ -378,6 +472,30 @@ VELErr_t VEL_TCPSocket::peekRecv() {
     const int err = errno;  // capture before anything else runs
     basis::Thread::SetLastSystemErr(err);
     return err == EAGAIN || err == EWOULDBLOCK ? kVELErr_Timeout : kVELErr_SockHalfClosed;
+}
+
+VELErr_t VEL_TCPSocket::checkPeer() {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    short revents = 0;
+    int err = 0;
+    // POLLRDHUP reports the peer's end of stream even while input it sent before is unread.
+    const int ready =
+            velcom::pollOne(use.fd(), POLLRDHUP, &basis::TimeValue::kZero, &revents, &err);
+    if (ready == 0) {
+        return kVELErr_Ok;
+    }
+    if (ready < 0) {
+        basis::Thread::SetLastSystemErr(err);
+        return kVELErr_SockHalfClosed;
+    }
+    if ((revents & POLLERR) == 0 || getOptError() != kVELErr_SoError) {
+        basis::Thread::SetLastSystemErr(0);  // an orderly end, or a hang-up without error
+    }
+    return kVELErr_SockHalfClosed;
 }
 
 // One poll without waiting. A readable descriptor (input, end of stream, or a pending error that

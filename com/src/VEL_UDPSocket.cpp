@@ -35,6 +35,11 @@ VELErr_t VEL_UDPSocket::open() {
     if (createHandle(SOCK_DGRAM, kLocal) != kVELErr_Ok) {
         return kVELErr_SocketCreate;
     }
+    if (!getLocalAddr().isSet()) {
+        // A host that did not convert or resolve leaves 255.255.255.255, which Linux would bind.
+        basis::Thread::SetLastSystemErr(EADDRNOTAVAIL);
+        return abortOpen(kVELErr_Bind, kLocal, getLocalAddr());
+    }
     if (bindLocalAddr() != kVELErr_Ok) {
         return abortOpen(kVELErr_Bind, kLocal, getLocalAddr());
     }

@@ -17,6 +17,10 @@
 //   list, most recently reported first), apply the queued changes, check inactivity when due,
 //   wait. No lock is held while a call-back runs, so call-backs may register, change and remove
 //   any handler, and other threads may do the same meanwhile.
+// - Order: the handlers of handles found ready by the same wait are called in descending handle
+//   order with the select back end (it reports them in ascending order); the epoll back end
+//   reports them in the kernel's order, so they may be called in any order. Each handler's own
+//   call-backs keep their order (input, output, inactivity, close).
 // - Inactivity: a handler registered with a zero time-out gets the reactor's default
 //   (getInactivityTimeout, 1800 s unless set), one registered with kNoInactivityTimeout is never
 //   checked. Checks run every getInactivityCheckFreq() seconds (0: never) and, on a busy reactor,
@@ -140,10 +144,11 @@ public:
     // kVELErr_BadReactorSize for 0 or fewer than getNbElement(), kVELErr_Alloc, the wake-up's
     // failure. Any thread.
     virtual VELErr_t setSize(unsigned long size);
-    // Gives every registered handler handleClose() on the calling thread, which becomes the
-    // reactor thread, then unregisters the handlers that did not remove themselves and applies
-    // the queued changes: the reactor is left empty. Returns the first failure.
-    // REQUIRES: the loop has ended.
+    // Gives every registered handler handleClose() once, on the calling thread, which becomes
+    // the reactor thread, whatever the other handlers answer; then unregisters the handlers that
+    // did not remove themselves and applies the queued changes: the reactor is left empty.
+    // Returns the first failure (kVELErr_UserCode for a handleClose() that returned false), after
+    // the whole walk; each failure is traced. REQUIRES: the loop has ended.
     virtual VELErr_t clean();
 
     unsigned long getSize() const { return _size.load(); }
@@ -186,6 +191,9 @@ protected:
     virtual VELErr_t wakeUp() = 0;
     // Called when a wait with do-idle on timed out; false makes waitEvents fail. Here: true.
     virtual bool handleIdle();
+    // For handleError: true when the registered `handle` was closed since it was registered.
+    // Here: it is not an open socket (getsockopt). Runs under the table lock.
+    virtual bool isClosedHandle(unsigned int handle);
 
     bool run() override;
     // Stops the loop and, when asked, waits for its thread.
@@ -237,6 +245,8 @@ private:
             VEL_REQUIRES(_tableLock);
     VELErr_t applyModification(VEL_PollingEntry* entry) VEL_REQUIRES(_tableLock);
     bool runPass(basis::TimeValue& nextCheck);
+    // The end of clean(): removes what is still registered and applies the queued changes.
+    VELErr_t unregisterAll();
     void checkWhenDue(basis::TimeValue& nextCheck);
 
     // Every registered handle (state Active, ToAdd, ToChange, Removed) and the handles with a

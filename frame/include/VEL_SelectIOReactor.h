@@ -9,8 +9,9 @@
 // 0x7FFFFFFF when none).
 //
 // The wait itself is one poll() over the handles of either set, kept sorted by handle, so that
-// descriptors above 1023 work and ready handles are reported in ascending order, in time that
-// follows the number of handles polled, not the span of their values. An error or hang-up on a
+// descriptors above 1023 work and ready handles are reported in ascending order (their handlers
+// are then called in descending handle order, see VEL_IOReactor), in time that follows the
+// number of handles polled, not the span of their values. An error or hang-up on a
 // handle is reported as readiness for each operation asked for, as select reports it, so that
 // the handler meets the end of stream or the error in its read or write. A descriptor that is no
 // longer open makes the wait fail with kVELErr_BadFd (unless its removal is under way), which

@@ -8,8 +8,9 @@
 //
 // Connections are made with a VEL_TCPConnector (blocking, at most the connect time-out, default
 // 5 s) and the pipe's socket options; everything else (endpoints, modes, reconnects, time-outs)
-// is the pipe's. Each transport operation returns the status of the socket call it makes; a
-// failure is also traced under the reactor error mask as "FRAME - <status text>".
+// is the pipe's. Each transport operation returns the status of the socket call it makes; any
+// status other than kVELErr_Ok (kVELErr_Timeout of a probe included) is also traced under the
+// reactor error mask as "FRAME - <status text>".
 //
 // Ownership and thread safety: as VEL_Pipe.
 #ifndef FRAME_INCLUDE_VEL_TCPPIPE_H
@@ -42,13 +43,15 @@ protected:
     // kVELErr_Connect (refused, or the host did not resolve), kVELErr_Timeout, ...
     VELErr_t doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& socket,
                        const VEL_SockOptions& options) override;
-    // The socket's send and recv.
+    // The socket's sendUntil and recvUntil, bounded by the pipe's transfer deadline.
     VELErr_t doSend(VEL_Socket* socket, const char* data, unsigned int length) override;
     VELErr_t doRecv(VEL_Socket* socket, char* buffer, unsigned int length) override;
     // The socket's hasRecv; when that says input is waiting, a peek tells a peer that closed
-    // (kVELErr_SockHalfClosed) from input (Ok). kVELErr_Timeout when nothing waits (not traced:
-    // the usual answer).
+    // (kVELErr_SockHalfClosed) from input (Ok). kVELErr_Timeout when nothing waits.
     VELErr_t doHasRecv(VEL_Socket* socket) override;
+    // The socket's checkPeer: kVELErr_SockHalfClosed once the peer has shut down its sending
+    // side, even with input still unread, or the connection has failed.
+    VELErr_t doCheckPeer(VEL_Socket* socket) override;
     // Reads and drops what is waiting, kPurgeChunk bytes at a time, while hasRecv says input is
     // waiting; returns (and traces) the hasRecv status that ended it, kVELErr_Timeout when
     // nothing more waits. A failed read gives its status; kVELErr_Incomplete when kPurgeLimit

@@ -21,7 +21,7 @@ const VEL_StaticInit kStaticInit;
 
 // True when `handle` is no longer an open socket. The reactor has no socket object for a
 // registered handle, hence the direct probe.
-bool isDeadSocket(unsigned int handle) {
+bool isClosedSocket(unsigned int handle) {
     int type = 0;
     socklen_t length = sizeof(type);
     if (::getsockopt(static_cast<int>(handle), SOL_SOCKET, SO_TYPE, &type, &length) == 0) {
@@ -307,11 +307,22 @@ VELErr_t VEL_IOReactor::clean() {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
         _entryTable.forEach([this](VEL_PollingEntry* entry) { addReadyOps(entry, kVELOp_Close); });
     }
-    VELErr_t code = processPendingEvents();  // traced by the call
-    if (code != kVELErr_Ok) {
-        return code;
+    // Every handler is closed once, whatever the others answer: a failed dispatch leaves the
+    // rest pending, and the walk goes on with them. The first failure is returned at the end.
+    VELErr_t first = kVELErr_Ok;
+    while (_pendingHead != nullptr) {
+        const VELErr_t code = processPendingEvents();  // traced by the call
+        if (first == kVELErr_Ok) {
+            first = code;
+        }
     }
+    const VELErr_t code = unregisterAll();
+    return first != kVELErr_Ok ? first : code;
+}
+
+VELErr_t VEL_IOReactor::unregisterAll() {
     // Closed handlers that did not remove themselves are let go as well.
+    VELErr_t code = kVELErr_Ok;
     std::vector<unsigned int> left;
     {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
@@ -361,6 +372,10 @@ VELErr_t VEL_IOReactor::GetPollingError() {
     return code;
 }
 
+bool VEL_IOReactor::isClosedHandle(unsigned int handle) {
+    return isClosedSocket(handle);
+}
+
 bool VEL_IOReactor::handleError(VELErr_t status) {
     if (status != kVELErr_BadFd) {
         return true;
@@ -368,8 +383,8 @@ bool VEL_IOReactor::handleError(VELErr_t status) {
     std::vector<boost::shared_ptr<VEL_EventHandler>> dead;
     {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
-        _entryTable.forEach([&dead](VEL_PollingEntry* entry) {
-            if (entry->_state == kVELEntry_Active && isDeadSocket(entry->_handle)) {
+        _entryTable.forEach([this, &dead](VEL_PollingEntry* entry) {
+            if (entry->_state == kVELEntry_Active && isClosedHandle(entry->_handle)) {
                 dead.push_back(entry->_evtHandler);
             }
         });

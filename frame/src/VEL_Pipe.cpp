@@ -97,6 +97,7 @@ VEL_Pipe::VEL_Pipe(bool failover, VELPipeReactorFactory_t reactorFactory)
     : VEL_Socket(VEL_SockAddr()),
       _primary(nullptr),
       _lastRead(nullptr),
+      _opened(false),
       _failover(failover),
       _retryTime(seconds(kDefaultRetrySeconds)),
       _sendTimeout(kDefaultTimeoutSeconds),
@@ -185,6 +186,9 @@ VELErr_t VEL_Pipe::open() {
     if (code != kVELErr_Ok) {
         return code;
     }
+    // Connections are made only while open: every one the pipe holds was registered with this
+    // reactor, and close() lets them all go with it.
+    _opened = true;
     if (_failover && !_endpoints.empty()) {
         // Start at a random endpoint: r turns, each moving the first endpoint to the back.
         const std::size_t turns = static_cast<std::size_t>(std::rand()) % _endpoints.size();
@@ -236,16 +240,19 @@ VELErr_t VEL_Pipe::close() {
     _endpointsInUse.clear();
     _primary = nullptr;
     _lastRead = nullptr;
+    _opened = false;
     return kVELErr_Ok;
 }
 
 VELErr_t VEL_Pipe::getNextConnection(VELPipeConnection_t*& connection) {
     PipeGuard hold(_pipeLock);
     connection = nullptr;
-    if (_connections.empty()) {
+    const auto next = std::find_if(_connections.begin(), _connections.end(),
+                                   [](const VELPipeConnection_t& each) { return !each.draining; });
+    if (next == _connections.end()) {
         return kVELErr_PipeNoConnection;
     }
-    _connections.splice(_connections.end(), _connections, _connections.begin());
+    _connections.splice(_connections.end(), _connections, next);
     connection = &_connections.back();
     return kVELErr_Ok;
 }
@@ -257,7 +264,7 @@ VELErr_t VEL_Pipe::registerConnection(VEL_Socket* socket, VELPipeEndpoint_t* end
     tracePipe(this, [endpoint] { return "New connection = " + endpointText(*endpoint); });
     notify(*endpoint, &VEL_PipeNotifier::connectionEstablished);
     try {
-        _connections.push_back(VELPipeConnection_t{endpoint, socket, {}});
+        _connections.push_back(VELPipeConnection_t{endpoint, socket, {}, false});
     } catch (const std::bad_alloc&) {
         delete socket;
         velframe::traceError(kVELErr_Alloc);
@@ -346,6 +353,9 @@ void VEL_Pipe::notify(const VELPipeEndpoint_t& endpoint, NotifierCall call) cons
 }
 
 VELErr_t VEL_Pipe::connectEndpoint(VELPipeEndpoint_t& endpoint, VELPipeConnection_t*& connection) {
+    if (!_opened) {
+        return kVELErr_PipeClosed;  // a connection made now would never be read
+    }
     VEL_Socket* socket = nullptr;
     if (doConnect(endpoint, socket, _sockOptions) != kVELErr_Ok) {
         connectFailed(endpoint);
@@ -369,6 +379,9 @@ VELErr_t VEL_Pipe::forceReconnect(VELPipeConnection_t*& connection,
     PipeGuard hold(_pipeLock);
     connection = nullptr;
     tracePipe(this, [] { return "Force reconnect"; });
+    if (!_opened && !_endpoints.empty()) {
+        return kVELErr_PipeClosed;
+    }
     for (auto next = _endpoints.begin(); next != _endpoints.end();) {
         if (next != _endpoints.begin() && now() >= deadline) {
             break;
@@ -421,22 +434,26 @@ VELErr_t VEL_Pipe::send(const char* data, unsigned int length) {
         if (code != kVELErr_Ok) {
             return code;
         }
-        // A peer that closed is noticed here, before the data would go into the void.
-        code = doHasRecv(connection->socket);
-        if (code == kVELErr_Ok || code == kVELErr_Timeout) {
-            code = returnToPrimary(connection);
+        // A peer that closed, even behind input not read yet, is noticed here, before the data
+        // would go into the void.
+        if (doCheckPeer(connection->socket) != kVELErr_Ok) {
+            retire(connection);
+        } else {
+            code = returnToPrimary(connection, deadline);
             if (code != kVELErr_Ok) {
                 return code;
             }
             VELPipeEndpoint_t* endpoint = connection->endpoint;
             tracePipe(this, [endpoint] { return "Send target = " + endpointText(*endpoint); });
             notify(*endpoint, &VEL_PipeNotifier::connectionUsed);
+            _deadline = deadline;
             if (doSend(connection->socket, data, length) == kVELErr_Ok) {
                 (void)tryMultipleReconnect(deadline);  // its outcome is not the send's
                 return kVELErr_Ok;
             }
+            // Part of the data may have gone: the rest of that stream could not be framed.
+            discardConnection(connection);
         }
-        discardConnection(connection);
         if (now() >= deadline) {
             velframe::traceError(kVELErr_Timeout);
             return kVELErr_Timeout;
@@ -444,11 +461,21 @@ VELErr_t VEL_Pipe::send(const char* data, unsigned int length) {
     }
 }
 
+void VEL_Pipe::retire(VELPipeConnection_t* connection) {
+    if (doHasRecv(connection->socket) == kVELErr_Ok) {
+        connection->draining = true;  // its input is read first; the reactor still reports it
+    } else {
+        discardConnection(connection);
+    }
+}
+
 // Failover mode, connected elsewhere: once the primary's retry time has passed, tries it and
-// moves over to it when it answers.
-VELErr_t VEL_Pipe::returnToPrimary(VELPipeConnection_t*& connection) {
+// moves over to it when it answers. Not after the deadline, which bounds the send.
+VELErr_t VEL_Pipe::returnToPrimary(VELPipeConnection_t*& connection,
+                                   const basis::TimeValue& deadline) {
+    const basis::TimeValue date = now();
     if (!_failover || _primary == nullptr || connection->endpoint == _primary ||
-        !isWaiting(_primary) || !(now() > _primary->nextRetryTime)) {
+        !isWaiting(_primary) || !(date > _primary->nextRetryTime) || date >= deadline) {
         return kVELErr_Ok;
     }
     VEL_Socket* socket = nullptr;
@@ -506,6 +533,7 @@ VELErr_t VEL_Pipe::receive(const Read& read) {
             return live != kVELErr_Ok ? live : kVELErr_Timeout;
         }
         if (isReadyEmpty()) {
+            // Polls once even when the deadline has passed: input already waiting is read.
             const VELErr_t code = waitForInput(deadline);
             if (code == kVELErr_PipeClosed) {
                 return code;
@@ -514,7 +542,8 @@ VELErr_t VEL_Pipe::receive(const Read& read) {
                 PipeGuard hold(_pipeLock);
                 discardConnection(_lastRead);  // nothing when nothing was read yet
             }
-        } else {
+        }
+        if (!isReadyEmpty()) {
             const VELErr_t code = readReady(read, deadline);
             if (code == kVELErr_Ok || code == kVELErr_Incomplete) {
                 return code;
@@ -535,12 +564,15 @@ VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
         if (live != kVELErr_Ok) {
             return live;
         }
-        if (!isReadyEmpty()) {
+        if (settleReady()) {
             return kVELErr_Ok;
         }
         const VELErr_t code = waitForInput(deadline);
-        if (code == kVELErr_PipeClosed || !isReadyEmpty()) {
-            return code == kVELErr_PipeClosed ? code : kVELErr_Ok;
+        if (code == kVELErr_PipeClosed) {
+            return code;
+        }
+        if (settleReady()) {
+            return kVELErr_Ok;
         }
         if (code != kVELErr_Ok && code != kVELErr_Timeout) {
             return code;
@@ -549,6 +581,39 @@ VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
             return kVELErr_Timeout;
         }
     }
+}
+
+// A connection reported readable may hold only the end of its stream, or a failure: it is
+// discarded now, so that a caller that waits for input before it reads (and may hold its own
+// lock meanwhile) is not sent to read from a dead connection.
+bool VEL_Pipe::settleReady() {
+    if (isReadyEmpty()) {
+        return false;
+    }
+    PipeGuard hold(_pipeLock);
+    std::deque<VELPipeConnection_t*> ready;
+    {
+        Guard lock(_readyLock);
+        ready.swap(_ready);
+    }
+    std::deque<VELPipeConnection_t*> waiting;
+    for (VELPipeConnection_t* connection : ready) {
+        const VELErr_t code = doHasRecv(connection->socket);
+        if (code == kVELErr_Ok) {
+            waiting.push_back(connection);
+        } else if (code != kVELErr_Timeout) {  // kVELErr_Timeout: read meanwhile, elsewhere
+            discardConnection(connection);     // off the ready list already
+        }
+    }
+    Guard lock(_readyLock);
+    // Reported since, by a thread that drove the reactor meanwhile: after these.
+    for (VELPipeConnection_t* connection : _ready) {
+        if (std::find(waiting.begin(), waiting.end(), connection) == waiting.end()) {
+            waiting.push_back(connection);
+        }
+    }
+    _ready.swap(waiting);
+    return !_ready.empty();
 }
 
 // One wait for input in the reactor, under the reactor lock only, so that sends go on
@@ -563,9 +628,9 @@ VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
     if (code != kVELErr_Ok || !isReadyEmpty()) {
         return code;
     }
-    const basis::TimeValue left = deadline - now();
-    if (left <= basis::TimeValue::kZero) {
-        return kVELErr_Timeout;
+    basis::TimeValue left = deadline - now();
+    if (left < basis::TimeValue::kZero) {
+        left = basis::TimeValue::kZero;  // one poll without waiting
     }
     _reactor->setIdleTimeout(std::min(left, waitStep(_recvTimeout.load())));
     code = _reactor->waitEvents();
@@ -576,8 +641,10 @@ VELErr_t VEL_Pipe::waitForInput(const basis::TimeValue& deadline) {
 }
 
 // Reads from the first connection of the ready list. kVELErr_Timeout when there was none or its
-// input had been read meanwhile (by purge, readv or another thread); a connection that fails is
-// discarded. kVELErr_Incomplete (a partial read by recvAvail) is a successful read.
+// input had been read meanwhile (by purge, readv or another thread); a connection that fails, or
+// whose message is still incomplete at the deadline, is discarded; so is a draining connection
+// once it has nothing more to read. kVELErr_Incomplete (a partial read by recvAvail) is a
+// successful read.
 template <class Read>
 VELErr_t VEL_Pipe::readReady(const Read& read, const basis::TimeValue& deadline) {
     PipeGuard hold(_pipeLock);
@@ -589,10 +656,11 @@ VELErr_t VEL_Pipe::readReady(const Read& read, const basis::TimeValue& deadline)
     if (code == kVELErr_Timeout) {
         return code;
     }
-    if (code == kVELErr_Ok) {
-        VELPipeEndpoint_t* endpoint = connection->endpoint;
-        tracePipe(this, [endpoint] { return "Message read = " + endpointText(*endpoint); });
-        notify(*endpoint, &VEL_PipeNotifier::connectionUsed);
+    VELPipeEndpoint_t* endpoint = connection->endpoint;
+    tracePipe(this, [endpoint] { return "Message read = " + endpointText(*endpoint); });
+    notify(*endpoint, &VEL_PipeNotifier::connectionUsed);
+    if (code == kVELErr_Ok) {  // otherwise the peer closed with nothing left, or it failed
+        _deadline = deadline;
         code = read(connection->socket);
     }
     if (code != kVELErr_Ok && code != kVELErr_Incomplete) {
@@ -600,6 +668,9 @@ VELErr_t VEL_Pipe::readReady(const Read& read, const basis::TimeValue& deadline)
         return code;
     }
     _lastRead = connection;
+    if (connection->draining && doHasRecv(connection->socket) != kVELErr_Ok) {
+        discardConnection(connection);  // its input is consumed (readv has nothing left to read)
+    }
     (void)tryMultipleReconnect(deadline);  // its outcome is not the receive's
     return code;
 }
@@ -636,6 +707,7 @@ VELErr_t VEL_Pipe::readv(VELIoVec* v, unsigned long n) {
         velframe::traceError(kVELErr_PipeNoConnection);
         return kVELErr_PipeNoConnection;
     }
+    _deadline = now() + seconds(_recvTimeout.load());
     for (unsigned long i = 0; i < n; ++i) {
         const VELErr_t code = doRecv(_lastRead->socket, v[i].iov_base, v[i].iov_len);
         if (code != kVELErr_Ok) {
@@ -643,7 +715,15 @@ VELErr_t VEL_Pipe::readv(VELIoVec* v, unsigned long n) {
             return code;
         }
     }
+    if (_lastRead->draining && doHasRecv(_lastRead->socket) != kVELErr_Ok) {
+        discardConnection(_lastRead);  // its input is consumed
+    }
     return kVELErr_Ok;
+}
+
+VELErr_t VEL_Pipe::doCheckPeer(VEL_Socket* socket) {
+    const VELErr_t code = doHasRecv(socket);
+    return code == kVELErr_Timeout ? kVELErr_Ok : code;
 }
 
 VELErr_t VEL_Pipe::purge() {

@@ -44,12 +44,14 @@ VELErr_t VEL_TCPPipe::doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& 
 
 VELErr_t VEL_TCPPipe::doSend(VEL_Socket* socket, const char* data, unsigned int length) {
     VEL_TCPSocket* tcp = tcpSocket(socket);
-    return traced(tcp != nullptr ? tcp->send(data, length) : kVELErr_InvalidSocket);
+    return traced(tcp != nullptr ? tcp->sendUntil(data, length, transferDeadline())
+                                 : kVELErr_InvalidSocket);
 }
 
 VELErr_t VEL_TCPPipe::doRecv(VEL_Socket* socket, char* buffer, unsigned int length) {
     VEL_TCPSocket* tcp = tcpSocket(socket);
-    return traced(tcp != nullptr ? tcp->recv(buffer, length) : kVELErr_InvalidSocket);
+    return traced(tcp != nullptr ? tcp->recvUntil(buffer, length, transferDeadline())
+                                 : kVELErr_InvalidSocket);
 }
 
 VELErr_t VEL_TCPPipe::doHasRecv(VEL_Socket* socket) {
@@ -61,7 +63,12 @@ VELErr_t VEL_TCPPipe::doHasRecv(VEL_Socket* socket) {
     if (code == kVELErr_Ok) {
         code = tcp->peekRecv();  // readable also means closed or failed
     }
-    return code == kVELErr_Timeout ? code : traced(code);
+    return traced(code);
+}
+
+VELErr_t VEL_TCPPipe::doCheckPeer(VEL_Socket* socket) {
+    VEL_TCPSocket* tcp = tcpSocket(socket);
+    return traced(tcp != nullptr ? tcp->checkPeer() : kVELErr_InvalidSocket);
 }
 
 VELErr_t VEL_TCPPipe::doPurge(VEL_Socket* socket) {

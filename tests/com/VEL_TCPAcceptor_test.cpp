@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -54,8 +55,10 @@ TEST_F(TCPAcceptorTest, AcceptedSocketReportsBothEndsAndIsTheCallers) {
     ASSERT_EQ(getsockname(client.get(), reinterpret_cast<sockaddr*>(&clientAddress), &length), 0);
     const unsigned long before = VEL_Socket::GetNbInstances();
     VEL_Socket* out = nullptr;
+    basis::Thread::SetLastSystemErr(EBADF);
     ASSERT_EQ(acceptor.accept(out), kVELErr_Ok);
     std::unique_ptr<VEL_Socket> accepted(out);
+    EXPECT_EQ(basis::Thread::GetLastSystemErr(), 0);  // nothing failed
     ASSERT_NE(dynamic_cast<VEL_TCPSocket*>(out), nullptr);
     EXPECT_EQ(VEL_Socket::GetNbInstances(), before + 1);
     EXPECT_TRUE(accepted->isConnected());
@@ -141,8 +144,10 @@ TEST_F(TCPAcceptorTest, ListeningOptionsDoNotReachAcceptedSockets) {
     EXPECT_EQ(veltest::IntOption(veltest::Fd(acceptor), IPPROTO_TCP, TCP_NODELAY), 1);
     veltest::RawFd client = veltest::RawConnect(acceptor.getLocalAddr().getPort());
     VEL_Socket* out = nullptr;
+    basis::Thread::SetLastSystemErr(EBADF);
     ASSERT_EQ(acceptor.accept(out), kVELErr_Ok);
     std::unique_ptr<VEL_Socket> accepted(out);
+    EXPECT_EQ(basis::Thread::GetLastSystemErr(), 0);  // nothing failed
     const int fd = veltest::Fd(*accepted);
     EXPECT_FALSE(accepted->isNoDelay());
     EXPECT_EQ(veltest::IntOption(fd, IPPROTO_TCP, TCP_NODELAY), 0);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -121,14 +122,32 @@ TEST_F(UDPSocketTest, ReceiveTimeOutAndTheRestoredElement) {
     EXPECT_EQ(in.substr(0, 3), "abc");
 }
 
-TEST_F(UDPSocketTest, UnresolvedRemoteFailsOpenAndLeavesNoDescriptor) {
-    veltest::RecordingSink sink(kVELTrace_ComError);
-    veltest::ScopedSink installed(&sink);
-    const std::string host = std::string(70, 'u') + ".invalid";
-    VEL_UDPSocket socket(kLoopback, VEL_SockAddr(9, host.c_str()));
-    EXPECT_EQ(socket.open(), kVELErr_Connect);
-    EXPECT_FALSE(socket.isValid());
-    EXPECT_TRUE(sink.contains("} ; Invalid remote address : <host = 255.255.255.255, port = 9>"));
+// A local address that is no IPv4 address (once bound as 255.255.255.255) fails the bind, an
+// unresolved remote one the connect; neither leaves a descriptor or a count behind.
+TEST_F(UDPSocketTest, InvalidAddressFailsOpenAndLeavesNoDescriptor) {
+    const std::string unresolved = std::string(70, 'u') + ".invalid";
+    const struct {
+        VEL_SockAddr local;
+        VEL_SockAddr remote;  // port 0: not connected
+        VELErr_t code;
+        const char* traced;
+    } cases[] = {{VEL_SockAddr(0, "999.1.1.1"), VEL_SockAddr(), kVELErr_Bind,
+                  "} ; Local address : <host = 255.255.255.255, port = 0>"},
+                 {kLoopback, VEL_SockAddr(9, unresolved.c_str()), kVELErr_Connect,
+                  "} ; Invalid remote address : <host = 255.255.255.255, port = 9>"}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.traced);
+        veltest::RecordingSink sink(kVELTrace_ComError);
+        veltest::ScopedSink installed(&sink);
+        const unsigned long before = VEL_Socket::GetNbInstances();
+        std::unique_ptr<VEL_UDPSocket> socket(each.remote.getPort() != 0
+                                                      ? new VEL_UDPSocket(each.local, each.remote)
+                                                      : new VEL_UDPSocket(each.local));
+        EXPECT_EQ(socket->open(), each.code);
+        EXPECT_FALSE(socket->isValid());
+        EXPECT_EQ(VEL_Socket::GetNbInstances(), before);
+        EXPECT_TRUE(sink.contains(each.traced));
+    }
 }
 
 TEST_F(UDPSocketTest, RefusedDatagramIsReportedOnceAndTheSocketStaysUsable) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -131,60 +132,94 @@ TEST_F(ClientFaultTest, PipeMovesToAnotherEndpointWhenItsServerIsKilledMidStream
     EXPECT_EQ(pipe.close(), kVELErr_Ok);
 }
 
-// The native time-out limits each system call, and a call that moved some bytes before it
-// stalled returns them and the next call starts a new time-out: once the socket buffers are full
-// the send ends after a few time-outs at most (measured: 2 to 3 of them on loopback).
-constexpr double kSendBound = 1.0 + 4.0;
-constexpr unsigned long kBig = 48ul << 20;  // more than both socket buffers hold
-
-// A peer that reads 1 KiB every 1.5 s, slower than the sender's 1 s time-out: the send ends with
-// kVELErr_Timeout instead of waiting for the reader.
-TEST_F(ClientFaultTest, SlowReaderMakesTheSendTimeOutOfATransportFire) {
-    VEL_SockOptions options;
-    options.setNonBlock(true);
-    options.setTimeOut(1);
-    veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer(options);
-    ASSERT_TRUE(pair.socket);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        while (!done) {
-            char buffer[1024];
-            pollfd entry{pair.peer.get(), POLLIN, 0};
-            if (::poll(&entry, 1, 1500) == 0 || done) {
-                continue;
-            }
-            (void)::read(pair.peer.get(), buffer, sizeof(buffer));  // any outcome: keep pacing
-            std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-        }
-    });
-    VEL_Message message(kBig);
-    ASSERT_EQ(message.size(), kBig);
+// A peer that reads at most `chunk` bytes from `fd` every `period`. After 10 s it closes `fd`, so
+// that a send that would never end fails instead.
+std::unique_ptr<veltest::Paced> SlowReader(veltest::RawFd& fd, std::size_t chunk,
+                                           std::chrono::milliseconds period) {
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(VEL_OXLv1(pair.socket.get(), kBig).sendMessage(&message), kVELErr_Timeout);
-    const double took = SecondsSince(start);
-    done = true;
-    reader.join();
-    EXPECT_GE(took, 0.9);
-    EXPECT_LE(took, kSendBound);
-    EXPECT_EQ(pair.socket->close(), kVELErr_Ok);
+    return std::unique_ptr<veltest::Paced>(
+            new veltest::Paced(period, std::chrono::seconds(20), [&fd, chunk, start] {
+                if (SecondsSince(start) > 10) {
+                    fd.reset();
+                    return false;
+                }
+                std::vector<char> buffer(chunk);
+                (void)::recv(fd.get(), buffer.data(), chunk, MSG_DONTWAIT);  // nothing may wait
+                return true;
+            }));
 }
 
-// A pipe whose only server stops reading: the send fails with kVELErr_Timeout once its one
-// connection's send has timed out (which passes the pipe's deadline of the same length).
-TEST_F(ClientFaultTest, StalledServerMakesThePipeSendTimeOutFire) {
-    VEL_TCPAcceptor stalled(0, "127.0.0.1");  // accepts nothing, reads nothing
-    ASSERT_EQ(stalled.open(), kVELErr_Ok);
+// The native time-out limits each system call, and a call that moved some bytes before it
+// stalled returns them and the next call starts a new time-out: once the socket buffers are full
+// the send ends after a few time-outs at most (measured: 2 to 3 of them on loopback). Without
+// native time-outs, and over a pipe, the send time-out bounds the whole send.
+constexpr double kNativeSendBound = 1.0 + 4.0;
+constexpr double kSendBound = 1.0 + 1.5;
+constexpr unsigned long kBig = 48ul << 20;  // more than both socket buffers hold
+
+// A peer that reads slower than the sender's 1 s time-out allows: the send ends with
+// kVELErr_Timeout instead of waiting for the reader. With native time-outs, a reader of 1 KiB
+// every 1.5 s; without them even one that reads 64 KiB every 100 ms, which each blocking call
+// would see as progress.
+TEST_F(ClientFaultTest, SlowReaderMakesTheSendTimeOutOfATransportFire) {
+    const struct {
+        bool native;
+        std::size_t chunk;
+        std::chrono::milliseconds period;
+        double bound;
+    } cases[] = {{true, 1024, std::chrono::milliseconds(1500), kNativeSendBound},
+                 {false, 65536, std::chrono::milliseconds(100), kSendBound}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.native ? "native time-outs" : "library time-out");
+        VEL_SockOptions options;
+        options.setNonBlock(each.native);
+        options.setTimeOut(1);
+        veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer(options);
+        ASSERT_TRUE(pair.socket);
+        VEL_Message message(kBig);
+        ASSERT_EQ(message.size(), kBig);
+        veltest::RecordingSink sink(kVELTrace_ComError);
+        veltest::ScopedSink installed(&sink);
+        const Clock::time_point start = Clock::now();
+        {
+            const auto reader = SlowReader(pair.peer, each.chunk, each.period);
+            EXPECT_EQ(VEL_OXLv1(pair.socket.get(), kBig).sendMessage(&message), kVELErr_Timeout);
+        }
+        const double took = SecondsSince(start);
+        EXPECT_GE(took, 0.9);
+        EXPECT_LE(took, each.bound);
+        EXPECT_TRUE(sink.contains("COM - Timeout error {" + std::to_string(EAGAIN) +
+                                  "} ; Remote address : <host = 127.0.0.1, port = " +
+                                  std::to_string(pair.socket->getRemoteAddr().getPort()) + ">"));
+        EXPECT_EQ(pair.socket->close(), kVELErr_Ok);
+    }
+}
+
+// A pipe whose only server reads slowly (256 KiB every 20 ms, a rate at which every blocking
+// call makes progress): its send time-out bounds the whole send, however many partial writes
+// the server takes.
+TEST_F(ClientFaultTest, SlowServerMakesThePipeSendTimeOutFire) {
+    VEL_TCPAcceptor server(0, "127.0.0.1");
+    ASSERT_EQ(server.open(), kVELErr_Ok);
     VEL_TCPPipe pipe(false);
-    ASSERT_EQ(pipe.addConnection(stalled.getLocalAddr().getPort(), "127.0.0.1"), kVELErr_Ok);
-    pipe.setSendTimeout(1);
+    ASSERT_EQ(pipe.addConnection(server.getLocalAddr().getPort(), "127.0.0.1"), kVELErr_Ok);
+    pipe.setSendTimeout(2);  // a blocking call per second would take three times as long
+    pipe.setRetryTime(60);
     ASSERT_EQ(pipe.open(), kVELErr_Ok);
+    VEL_Socket* accepted = nullptr;
+    ASSERT_EQ(server.accept(accepted), kVELErr_Ok);
+    veltest::RawFd peer(::dup(veltest::Fd(*accepted)));
+    delete accepted;
     const std::string data(kBig, 'd');
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(pipe.send(data.data(), static_cast<unsigned int>(data.size())), kVELErr_Timeout);
-    EXPECT_GE(SecondsSince(start), 0.9);
-    EXPECT_LE(SecondsSince(start), kSendBound);
+    {
+        const auto reader = SlowReader(peer, 262144, std::chrono::milliseconds(20));
+        EXPECT_EQ(pipe.send(data.data(), static_cast<unsigned int>(data.size())), kVELErr_Timeout);
+    }
+    EXPECT_GE(SecondsSince(start), 1.9);
+    EXPECT_LE(SecondsSince(start), 2.0 + 1.5);
     EXPECT_EQ(pipe.close(), kVELErr_Ok);
-    EXPECT_EQ(stalled.close(), kVELErr_Ok);
+    EXPECT_EQ(server.close(), kVELErr_Ok);
 }
 
 }  // namespace

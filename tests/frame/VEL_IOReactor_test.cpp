@@ -197,17 +197,29 @@ TEST_F(ReactorCoreTest, StopBeforeOpenEndsTheThreadAtOnceAndStartReopens) {
     EXPECT_EQ(_reactor.wait(), basis::kErr_Ok);
 }
 
+// clean() used to stop at the first handleClose() that failed: the handlers after it got
+// nothing and stayed registered, and a second clean() closed the first ones again.
 TEST_F(ReactorCoreTest, CleanClosesEveryHandlerOnceAndLetsThemGo) {
     for (const auto& handler : {_h5, _h6, _h7}) {
         ASSERT_EQ(add(handler), kVELErr_Ok);
     }
     ASSERT_EQ(_reactor.processEvents(), kVELErr_Ok);
     ASSERT_EQ(_reactor.removeEventHandler(_h7), kVELErr_Ok);  // its removal still queued
-    _h6->onClose = [this] { return _reactor.removeEventHandler(_h6) == kVELErr_Ok; };
-    EXPECT_EQ(_reactor.clean(), kVELErr_Ok);
+    // Both fail, whichever goes first; one of them removes itself on its way.
+    _h5->onClose = [] { return false; };
+    _h6->onClose = [this] {
+        EXPECT_EQ(_reactor.removeEventHandler(_h6), kVELErr_Ok);
+        return false;
+    };
+    veltest::RecordingSink sink(kVELTrace_FrameError);
+    veltest::ScopedSink installed(&sink);
+    EXPECT_EQ(_reactor.clean(), kVELErr_UserCode);
+    EXPECT_EQ(_reactor.clean(), kVELErr_Ok);  // nothing left to close
     EXPECT_EQ(_h5->calls(), Calls{"close"});
     EXPECT_EQ(_h6->calls(), Calls{"close"});
     EXPECT_TRUE(_h7->calls().empty());
+    EXPECT_TRUE(sink.contains("<FD = 5>"));
+    EXPECT_TRUE(sink.contains("<FD = 6>"));
     EXPECT_EQ(_reactor.backEndCalls(),
               (Calls{"add 5 1", "add 6 1", "add 7 1", "remove 6", "remove 7", "remove 5"}));
     EXPECT_EQ(_reactor.getNbElement(), 0u);

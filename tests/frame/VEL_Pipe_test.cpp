@@ -1,7 +1,9 @@
 #include "VEL_Pipe.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -57,6 +59,8 @@ public:
         return *_peers.back();
     }
     int acceptFd() { return veltest::Fd(accept()); }
+    // True when a connection waits to be accepted.
+    bool hasPending() { return _acceptor->waitForRead(&basis::TimeValue::kZero) == kVELErr_Ok; }
 
 private:
     void start(unsigned short port) {
@@ -94,6 +98,10 @@ public:
         std::lock_guard<std::mutex> hold(_lock);
         return _events.empty() ? "" : _events.back();
     }
+    std::vector<std::string> events() const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _events;
+    }
 
 private:
     void add(const char* event, unsigned short port) {
@@ -114,6 +122,7 @@ public:
     TestPipe(bool failover, VELPipeReactorFactory_t factory) : VEL_TCPPipe(failover, factory) {}
     using VEL_Pipe::getNextConnection;
     using VEL_Pipe::tryMultipleReconnect;
+    using VEL_TCPPipe::doCheckPeer;
     using VEL_TCPPipe::doHasRecv;
     using VEL_TCPPipe::doPurge;
 
@@ -249,9 +258,12 @@ TEST_P(PipeTest, OpenWithNothingReachableFailsAndEndpointsWaitForTheirRetryTime)
     EXPECT_EQ(recorder.count("fail"), 5);  // the send's deadline stopped it after one attempt
 }
 
-// The call that meets the closed connection of a stopped server drops it; calls fail while the
-// port refuses, and once the server is back recv reconnects at once and returns early.
+// The recv that meets the closed connection of a stopped server reports it read ("Message read",
+// used), then drops it; calls fail while the port refuses, and once the server is back recv
+// reconnects at once and returns early.
 TEST_P(PipeTest, StoppedServerIsDroppedAndRecvReconnectsOnceItIsBack) {
+    veltest::RecordingSink sink(kVELTrace_Frame);
+    veltest::ScopedSink installed(&sink);
     Server server;
     auto pipe = makePipe(false, {&server});
     pipe->setRecvTimeout(10);
@@ -261,7 +273,17 @@ TEST_P(PipeTest, StoppedServerIsDroppedAndRecvReconnectsOnceItIsBack) {
     server.stop();  // the connection ends; the port refuses new ones
     char buffer[2] = {};
     EXPECT_EQ(pipe->recv(buffer, 2), kVELErr_PipeNoConnection);
-    EXPECT_EQ(recorder.count("drop"), 1);
+    EXPECT_EQ(recorder.events(),
+              (std::vector<std::string>{on("up", server), on("use", server), on("use", server),
+                                        on("drop", server), on("fail", server)}));
+    const std::string endpoint = "127.0.0.1:" + std::to_string(server.port());
+    const std::vector<std::string> texts = sink.texts();
+    const auto read = std::find_if(texts.begin(), texts.end(), [&](const std::string& text) {
+        return text.find("] Message read = " + endpoint) != std::string::npos;
+    });
+    EXPECT_TRUE(std::any_of(read, texts.end(), [&](const std::string& text) {
+        return text.find("] Discard a connection = " + endpoint) != std::string::npos;
+    }));
     EXPECT_EQ(pipe->send("b", 1), kVELErr_PipeNoConnection);
     server.restart();
     basis::TimeValue start = basis::TimeValue::GetHRTime();
@@ -297,29 +319,126 @@ TEST_P(PipeTest, CloseEndsWaitingCallsAndLaterCallsFindThePipeClosed) {
     EXPECT_EQ(pipe->recv(buffer, 1), kVELErr_PipeClosed);
     EXPECT_EQ(pipe->send("x", 1), kVELErr_PipeNoConnection);  // the endpoints are gone
     ASSERT_EQ(pipe->addConnection(server.port(), "127.0.0.1"), kVELErr_Ok);
+    (void)server.accept();  // the connection of open()
+    // A closed pipe makes no connection: one made now would never be read after open().
+    EXPECT_EQ(pipe->send("x", 1), kVELErr_PipeClosed);
+    EXPECT_FALSE(server.hasPending());
     EXPECT_EQ(pipe->open(), kVELErr_Ok);  // with a new reactor
+    VEL_TCPSocket& peer = server.accept();
+    EXPECT_FALSE(server.hasPending());
+    ASSERT_EQ(pipe->send("y", 1), kVELErr_Ok);
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(peer), 1), "y");
+    ASSERT_EQ(peer.send("z", 1), kVELErr_Ok);
+    ASSERT_EQ(pipe->recv(buffer, 1), kVELErr_Ok);
+    EXPECT_EQ(buffer[0], 'z');
 }
 
-// A thread waiting in recv() holds the reactor, not the pipe: sends go on, and a connection
-// dropped meanwhile (by either thread) leaves the reactor before its socket is closed.
-TEST_P(PipeTest, SendsGoOnWhileAnotherThreadWaitsInRecv) {
-    Server servers[2];
-    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+// A thread waiting for input holds the reactor, not the pipe: sends go on meanwhile, and a
+// connection dropped by the sender leaves the reactor before its socket is closed. A connection
+// whose server stops is dropped by the waiting thread as soon as it notices, and the wait goes on
+// over the others: a client that reads under its own transport lock once input is reported (as
+// velcat does) never holds that lock waiting on a dead connection.
+TEST_P(PipeTest, WaitingThreadDropsADeadConnectionAndSendsGoOnMeanwhile) {
+    Server servers[3];
+    auto pipe = makePipe(false, {&servers[0], &servers[1], &servers[2]});
     pipe->setRecvTimeout(5);  // waits of 2 s in the reactor
+    pipe->setRetryTime(60);
     ASSERT_EQ(pipe->open(), kVELErr_Ok);
-    VEL_TCPSocket* peers[2] = {&servers[0].accept(), &servers[1].accept()};
+    VEL_TCPSocket* peers[3] = {&servers[0].accept(), &servers[1].accept(), &servers[2].accept()};
+    std::mutex transport;
     char got = 0;
-    Caller reader([&] { return pipe->recv(&got, 1); });
+    Caller reader([&] {
+        VELErr_t code = pipe->waitForRead(nullptr);
+        if (code == kVELErr_Ok) {
+            std::lock_guard<std::mutex> hold(transport);
+            code = pipe->recv(&got, 1);
+        }
+        return code;
+    });
     ASSERT_TRUE(reader.blocked());
-    servers[0].stop();
-    const basis::TimeValue start = basis::TimeValue::GetHRTime();
-    EXPECT_EQ(pipe->send("s", 1), kVELErr_Ok);
-    EXPECT_LE(secondsSince(start), 1.0);
+    pipe->failSends = 1;  // servers[0], first in turn
+    EXPECT_EQ(pipe->send("a", 1), kVELErr_Ok);
     EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
-    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peers[1]), 1), "s");
-    EXPECT_EQ(peers[1]->send("r", 1), kVELErr_Ok);
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peers[1]), 1), "a");
+    servers[1].stop();
+    EXPECT_TRUE(veltest::WaitFor([&] { return recorder.count(on("drop", servers[1])) == 1; },
+                                 std::chrono::seconds(3)));
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    {
+        std::lock_guard<std::mutex> hold(transport);
+        EXPECT_EQ(pipe->send("s", 1), kVELErr_Ok);
+    }
+    EXPECT_LE(secondsSince(start), 1.0);
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peers[2]), 1), "s");
+    EXPECT_EQ(peers[2]->send("r", 1), kVELErr_Ok);
     EXPECT_EQ(reader.finish(), kVELErr_Ok);
     EXPECT_EQ(got, 'r');
+}
+
+// A peer that trickles its message, one byte every 200 ms, holds a recv() no longer than its
+// receive time-out (plus a connect time-out): the connection is dropped with its half message.
+// A send from another thread goes on while the recv waits, and waits for it no longer while it
+// reads.
+TEST_P(PipeTest, TricklingPeerCannotHoldRecvPastItsTimeOut) {
+    Server servers[2];
+    auto pipe = makePipe(false, {&servers[0], &servers[1]});
+    pipe->setRetryTime(60);
+    ASSERT_EQ(pipe->open(), kVELErr_Ok);
+    const int trickling = servers[0].acceptFd();
+    const int other = servers[1].acceptFd();
+    char buffer[30];
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    Caller reader([&] { return pipe->recv(buffer, sizeof(buffer)); });
+    ASSERT_TRUE(reader.blocked());
+    EXPECT_EQ(pipe->send("w", 1), kVELErr_Ok);  // to servers[0], first in turn
+    EXPECT_LE(secondsSince(start), 0.9);
+    const veltest::Paced trickle(std::chrono::milliseconds(200), std::chrono::seconds(10),
+                                 [trickling] { return ::send(trickling, "t", 1, 0) == 1; });
+    ASSERT_TRUE(veltest::WaitFor([&] { return recorder.count(on("use", servers[0])) == 2; }));
+    EXPECT_EQ(pipe->send("x", 1), kVELErr_Ok);  // behind the read, at most until its deadline
+    EXPECT_LE(secondsSince(start), 1.0 + 1.0 + 1.0);
+    EXPECT_EQ(reader.finish(), kVELErr_Timeout);
+    EXPECT_GE(secondsSince(start), 0.9);
+    EXPECT_LE(secondsSince(start), 1.0 + 1.0 + 1.0);
+    EXPECT_EQ(recorder.count(on("drop", servers[0])), 1);
+    EXPECT_EQ(veltest::ReadExactly(other, 1), "x");
+}
+
+// A peer that sent a reply and then shut down its sending side (or closed) carries no more
+// sends, even with its reply unread: the send goes to the next connection. The reply is still
+// read, then the connection is dropped.
+TEST_P(PipeTest, PeerThatClosedCarriesNoSendAndIsDroppedOnceItsInputIsRead) {
+    for (const bool halfClose : {true, false}) {
+        SCOPED_TRACE(halfClose ? "shut down its sending side" : "closed");
+        Server servers[2];
+        auto pipe = makePipe(false, {&servers[0], &servers[1]});
+        ASSERT_EQ(pipe->open(), kVELErr_Ok);
+        VEL_TCPSocket& replying = servers[0].accept();
+        VEL_TCPSocket& other = servers[1].accept();
+        VEL_Socket* ending = socketOf(*pipe);
+        (void)socketOf(*pipe);  // back to the order of registration
+        ASSERT_EQ(replying.send("hi", 2), kVELErr_Ok);
+        if (halfClose) {
+            ASSERT_EQ(::shutdown(veltest::Fd(replying), SHUT_WR), 0);
+        } else {
+            ASSERT_EQ(replying.close(), kVELErr_Ok);
+        }
+        ASSERT_TRUE(veltest::WaitFor([ending] {
+            pollfd entry{veltest::Fd(*ending), POLLRDHUP, 0};
+            return ::poll(&entry, 1, 0) == 1;
+        }));
+        ASSERT_EQ(pipe->send("m", 1), kVELErr_Ok);
+        EXPECT_EQ(recorder.count(on("use", servers[0])), 0);
+        EXPECT_EQ(veltest::ReadExactly(veltest::Fd(other), 1), "m");
+        if (halfClose) {
+            char nothing;
+            EXPECT_EQ(::recv(veltest::Fd(replying), &nothing, 1, MSG_DONTWAIT), -1);
+        }
+        char buffer[2];
+        ASSERT_EQ(pipe->recv(buffer, 2), kVELErr_Ok);
+        EXPECT_EQ(std::string(buffer, 2), "hi");
+        EXPECT_EQ(recorder.events().back(), on("drop", servers[0]));
+    }
 }
 
 // Sends take the connections in registration order; a failed send moves to the next one until
@@ -484,36 +603,70 @@ TEST_P(PipeTest, RecvAndWaitForReadTimeOutThenSeeInput) {
     EXPECT_EQ(std::string(buffer, length), "in");
     ASSERT_EQ(pipe->recv(buffer, 1), kVELErr_Ok);
     EXPECT_EQ(buffer[0], '!');
+    pipe->setRecvTimeout(0);  // one poll: what is waiting is read
+    ASSERT_EQ(peer.send("z", 1), kVELErr_Ok);
+    ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*socketOf(*pipe)), 1));
+    ASSERT_EQ(pipe->recv(buffer, 1), kVELErr_Ok);
+    EXPECT_EQ(buffer[0], 'z');
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, PipeTest,
                          ::testing::Values(&veltest::MakeSelectReactor, &veltest::MakeEpollReactor),
                          veltest::BackEndName);
 
-// The probe made before each send: input stays where it is; a peer that closed or reset is
-// told apart from one that sent something.
-TEST(TCPPipeTransportTest, ProbeTellsInputFromAPeerThatClosed) {
-    const std::vector<std::pair<std::function<void(veltest::RawFd&)>, VELErr_t>> cases = {
-            {[](veltest::RawFd&) {}, kVELErr_Timeout},
-            {[](veltest::RawFd& peer) { veltest::WriteAll(peer.get(), "b"); }, kVELErr_Ok},
-            {[](veltest::RawFd& peer) { ::shutdown(peer.get(), SHUT_WR); }, kVELErr_SockHalfClosed},
-            {[](veltest::RawFd& peer) {
-                 const linger reset{1, 0};
-                 ::setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-                 peer.reset();
-             },
-             kVELErr_SockHalfClosed}};
+// The probes: input stays where it is; a peer that closed or reset is told apart from one that
+// sent something, and one that shut down its sending side behind input is seen before a send.
+// Every status but Ok is traced as an error ("FRAME - <status text>").
+TEST(TCPPipeTransportTest, ProbesTellInputFromAPeerThatClosed) {
+    const std::function<void(veltest::RawFd&)> nothing = [](veltest::RawFd&) {};
+    const std::function<void(veltest::RawFd&)> input = [](veltest::RawFd& peer) {
+        veltest::WriteAll(peer.get(), "b");
+    };
+    const std::function<void(veltest::RawFd&)> end = [](veltest::RawFd& peer) {
+        ::shutdown(peer.get(), SHUT_WR);
+    };
+    const struct {
+        std::function<void(veltest::RawFd&)> peer;
+        VELErr_t hasRecv;
+        VELErr_t checkPeer;
+    } cases[] = {{nothing, kVELErr_Timeout, kVELErr_Ok},
+                 {input, kVELErr_Ok, kVELErr_Ok},
+                 {end, kVELErr_SockHalfClosed, kVELErr_SockHalfClosed},
+                 {[&](veltest::RawFd& peer) {
+                      input(peer);
+                      end(peer);
+                  },
+                  kVELErr_Ok, kVELErr_SockHalfClosed},
+                 {[](veltest::RawFd& peer) {
+                      const linger reset{1, 0};
+                      ::setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+                      peer.reset();
+                  },
+                  kVELErr_SockHalfClosed, kVELErr_SockHalfClosed}};
     TestPipe pipe(false, &veltest::MakeSelectReactor);
-    for (std::size_t i = 0; i < cases.size(); ++i) {
+    for (std::size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
         SCOPED_TRACE(i);
         veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer();
         ASSERT_TRUE(pair.socket);
-        cases[i].first(pair.peer);
+        cases[i].peer(pair.peer);
         EXPECT_TRUE(veltest::WaitFor(
-                [&] { return pipe.doHasRecv(pair.socket.get()) == cases[i].second; }));
+                [&] { return pipe.doCheckPeer(pair.socket.get()) == cases[i].checkPeer; }));
+        veltest::RecordingSink sink(kVELTrace_FrameError);
+        veltest::ScopedSink installed(&sink);
+        EXPECT_EQ(pipe.doHasRecv(pair.socket.get()), cases[i].hasRecv);
+        const std::vector<veltest::RecordingSink::Line> lines = sink.lines();
+        if (cases[i].hasRecv == kVELErr_Ok) {
+            EXPECT_TRUE(lines.empty());
+        } else {
+            ASSERT_EQ(lines.size(), 1u);
+            EXPECT_EQ(lines[0].level, kVELLevel_Error);
+            const std::string text = VEL_Tools::GetErrStr(cases[i].hasRecv);
+            const std::string status = "FRAME - " + text.substr(0, text.rfind(" {"));  // no errno
+            EXPECT_EQ(lines[0].text.compare(0, status.size(), status), 0) << lines[0].text;
+        }
         char byte = 0;
-        EXPECT_EQ(cases[i].second == kVELErr_Ok ? pair.socket->recv(&byte, 1) : kVELErr_Ok,
-                  kVELErr_Ok);  // the probe took nothing
+        EXPECT_EQ(cases[i].hasRecv == kVELErr_Ok ? pair.socket->recv(&byte, 1) : kVELErr_Ok,
+                  kVELErr_Ok);  // the probes took nothing
     }
 }
 

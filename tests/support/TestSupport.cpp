@@ -55,6 +55,31 @@ void Gate::open() {
     _changed.notify_all();
 }
 
+Paced::Paced(std::chrono::milliseconds period, std::chrono::milliseconds lifetime,
+             std::function<bool()> step) {
+    _thread = std::thread([this, period, lifetime, step] {
+        const auto end = std::chrono::steady_clock::now() + lifetime;
+        std::unique_lock<std::mutex> hold(_lock);
+        while (!_stop && std::chrono::steady_clock::now() < end) {
+            hold.unlock();
+            if (!step()) {
+                return;
+            }
+            hold.lock();
+            _stopped.wait_for(hold, period, [this] { return _stop; });
+        }
+    });
+}
+
+Paced::~Paced() {
+    {
+        std::lock_guard<std::mutex> hold(_lock);
+        _stop = true;
+        _stopped.notify_all();
+    }
+    _thread.join();
+}
+
 int OpenFdCount() {
     DIR* dir = opendir("/proc/self/fd");
     if (dir == nullptr) {

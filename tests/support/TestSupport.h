@@ -57,6 +57,24 @@ private:
     bool _open = false;
 };
 
+// Runs `step` on a thread of its own every `period` until it returns false, `lifetime` has
+// passed, or the object is destroyed (which stops and joins the thread): a peer that trickles
+// bytes or reads slowly. The first step runs at once.
+class Paced {
+public:
+    Paced(std::chrono::milliseconds period, std::chrono::milliseconds lifetime,
+          std::function<bool()> step);
+    ~Paced();
+    Paced(const Paced&) = delete;
+    Paced& operator=(const Paced&) = delete;
+
+private:
+    std::mutex _lock;
+    std::condition_variable _stopped;
+    bool _stop = false;
+    std::thread _thread;
+};
+
 // Number of descriptors open in this process (entries of /proc/self/fd).
 int OpenFdCount();
 

@@ -62,6 +62,10 @@ TEST(FastQueueTest, CapacityIsTheSmallerOfCountAndSizeLimits) {
         std::uint64_t extra = 99;
         EXPECT_EQ(queue.put(&extra, nullptr), kVELErr_QueueFull) << c.maxNb << "/" << c.maxSize;
     }
+    // A count above 32 bits used to be cut to its low bits (4 and 0, raised to 1).
+    for (const unsigned long maxNb : {0x100000004ul, 0x100000000ul, 0xFFFFFFFFul}) {
+        EXPECT_EQ(Queue(maxNb, false, true, 1).getRealMaxNb(), 0x100000u / 8) << maxNb;
+    }
     Queue queue(limits(10, 160), nullptr, false, true, 1);
     putAll(queue, range(0, 3));
     EXPECT_EQ(queue.getSizeUsage(), 15u);  // 3 elements of 8 bytes in 160

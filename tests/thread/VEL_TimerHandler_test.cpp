@@ -76,10 +76,21 @@ protected:
 
 TEST_F(TimerHandlerTest, RepeatCountGivesTheNumberOfShotsOneIntervalApart) {
     const int kLimit = 20;
-    // 0 and 1 both mean once; a count beyond 32 bits is clamped, not cut down to 1.
-    const std::pair<long, int> cases[] = {
-            {0, 1}, {1, 1}, {2, 2}, {3, 3}, {0x100000001L, kLimit}, {-1, kLimit}, {-7, kLimit}};
-    for (const auto& [repeat, shots] : cases) {
+    // 0 and 1 both mean once; a count beyond 32 bits is clamped, not cut down to 1. Every shot
+    // of a counted timer moves its date on by one interval, the last one too (it used not to);
+    // a single shot of count 0 does not.
+    const struct {
+        long repeat;
+        int shots;
+        long moves;
+    } cases[] = {{0, 1, 0},
+                 {1, 1, 1},
+                 {2, 2, 2},
+                 {3, 3, 3},
+                 {0x100000001L, kLimit, kLimit},
+                 {-1, kLimit, kLimit},
+                 {-7, kLimit, kLimit}};
+    for (const auto& [repeat, shots, moves] : cases) {
         SCOPED_TRACE(repeat);
         auto counter = boost::make_shared<Counter>();
         VEL_TimerHandler& handler = arm(2, repeat, counter);
@@ -90,11 +101,11 @@ TEST_F(TimerHandlerTest, RepeatCountGivesTheNumberOfShotsOneIntervalApart) {
         }
         EXPECT_EQ(counter->ids.size(), static_cast<size_t>(shots));
         EXPECT_EQ(counter->ids.front(), handler.getID());
-        // Put back after each shot but the last, each time one interval later than the first
-        // expiry (100.25 s + 2 s), with the strategy's argument passed through.
+        // Put back after each shot but the last, with the strategy's argument passed through;
+        // the date is `moves` intervals after the first expiry (100.25 s + 2 s).
         const long rearmed = static_cast<long>(_manager.placedArgs.size());
         EXPECT_EQ(rearmed, shots == kLimit ? kLimit : shots - 1);
-        EXPECT_EQ(handler.getCurrentDate(), basis::TimeValue(102 + 2 * rearmed, 250000));
+        EXPECT_EQ(handler.getCurrentDate(), basis::TimeValue(102 + 2 * moves, 250000));
         EXPECT_EQ(_manager.placedArgs, std::vector<unsigned long>(rearmed, 7));
     }
     // The interval is clamped to 32 bits as well.

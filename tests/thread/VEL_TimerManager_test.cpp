@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -234,7 +235,8 @@ TEST_P(TimerServiceTest, FiresOnceCountTimesOrUntilUnsubscribedOneIntervalApart)
     EXPECT_EQ(repeating.cancels.load(), 1);
 }
 
-TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalled) {
+// A repeating weak timer whose subscriber had gone used to live, and trace, for ever.
+TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalledAndItsTimerEnds) {
     veltest::RecordingSink sink(kVELTrace_Thread);
     veltest::ScopedSink installed(&sink);
     auto weak = boost::make_shared<Recorder>();
@@ -244,7 +246,7 @@ TEST_P(TimerServiceTest, WeakSubscriberDestroyedBeforeItFiresIsNotCalled) {
     // The strong one ends its own repeating timer from its callback.
     std::atomic<unsigned long> result{1};
     strong->before = [&](unsigned long id) { result.store(_manager->unsubscribe(id)); };
-    _manager->subscribe(weak, 1, 0, true);
+    _manager->subscribe(weak, 1, -1, true);
     _manager->subscribe(strong, 1, -1, false);
     weak.reset();
     strong.reset();
@@ -436,6 +438,51 @@ TEST_P(TimerServiceTest, CloseSingletonEndsEveryTimerAndReleasesItsSubscriber) {
     // It still found the manager, with nothing left to cancel.
     EXPECT_EQ(seen, _manager);
     EXPECT_EQ(result, 0u);
+}
+
+// Child body: closes the manager from a callback, then from a subscriber's destructor during a
+// close. Both used to kill the process. Exits 0 when both were refused with their warning, the
+// manager went on serving, and the close from this ordinary thread went through.
+[[noreturn]] void closeFromInsideTheTimerService(VEL_TimerManager* manager) {
+    veltest::RecordingSink sink(kVELTrace_ThreadError);
+    veltest::ScopedSink installed(&sink);
+    auto closer = boost::make_shared<Recorder>();
+    closer->before = [](unsigned long) { VEL_TimerManager::CloseSingleton(); };
+    (void)manager->subscribe(closer, 0, 0, false);
+    if (!closer->waitFor(1, std::chrono::seconds(3))) {
+        std::_Exit(2);
+    }
+    auto later = boost::make_shared<Recorder>();
+    (void)manager->subscribe(later, 0, 0, false);
+    if (VEL_TimerManager::PeekInstance() != manager ||
+        !later->waitFor(1, std::chrono::seconds(3))) {
+        std::_Exit(3);
+    }
+    auto released = boost::make_shared<Recorder>();
+    released->onDestroy = [] { VEL_TimerManager::CloseSingleton(); };
+    (void)manager->subscribe(released, 5, 0, false);
+    released.reset();  // the manager holds the last reference, which the close drops
+    VEL_TimerManager::CloseSingleton();
+    if (VEL_TimerManager::PeekInstance() != nullptr) {
+        std::_Exit(4);
+    }
+    const std::string refused = "THREAD - " + VEL_Tools::GetErrStr(kVELErr_TaskRunning) + " ; ";
+    const std::vector<veltest::RecordingSink::Line> lines = sink.lines();
+    const bool traced =
+            lines.size() == 2 && lines[0].level == kVELLevel_Warn &&
+            lines[0].text == refused +
+                                     "CloseSingleton called from a timer thread: the timer "
+                                     "manager stays open" &&
+            lines[1].level == kVELLevel_Warn &&
+            lines[1].text == refused +
+                                     "CloseSingleton called while the timer manager is "
+                                     "closing: ignored";
+    std::_Exit(traced ? 0 : 5);
+}
+
+TEST_P(TimerServiceTest, CloseSingletonFromACallbackOrAClosingDestructorIsRefused) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child needs a manager with its threads
+    EXPECT_EXIT(closeFromInsideTheTimerService(_manager), ::testing::ExitedWithCode(0), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Strategies, TimerServiceTest,

@@ -330,47 +330,58 @@ TEST(VelcatTest, AFullSelectListenerSaysItRefusesConnections) {
             << listener->errors();
 }
 
-// A pipe client fails over when the listener it uses stops, to the other one, and again to the
-// first once it is back on its port and the other stops; every line is answered. Over HOLM the
-// secure session is opened anew on each server. The client traces its connections (-t 8) and
-// the listeners theirs (-t 2), so that the test knows which listener to stop and when the
-// client has moved.
-TEST(VelcatTest, PipeModeFailsOverBetweenListeners) {
-    for (const std::string protocol : {"--backend select", "-p holm -S -z"}) {
-        SCOPED_TRACE(protocol);
-        const std::string serving =
-                "-e -t 2 -p " + std::string(protocol[1] == 'p' ? "holm" : "oxl1");
+// A pipe client moves on when the listener it uses stops, to the other one, and again to the
+// first once it is back on its port and the other stops; every line is answered at once, in
+// failover and in round-robin mode, where the client notices a stopped listener while it waits
+// for replies and does not wait on it. Over HOLM the secure session is opened anew on each
+// server. The client traces its connections (-t 8) and the listeners theirs (-t 2), so that the
+// test knows which listener to stop and when the client has noticed.
+TEST(VelcatTest, PipeModeMovesBetweenListenersAtOnce) {
+    for (const std::string mode :
+         {"--failover --backend select", "--failover -p holm -S -z", "--backend select"}) {
+        SCOPED_TRACE(mode);
+        const bool holm = mode.find("holm") != std::string::npos;
+        const std::string serving = "-e -t 2 -p " + std::string(holm ? "holm" : "oxl1");
         std::unique_ptr<VelcatProcess> listeners[2] = {startListener(serving),
                                                        startListener(serving)};
         const unsigned short ports[2] = {listeners[0]->listeningPort(),
                                          listeners[1]->listeningPort()};
         VelcatProcess client(words("--pipe 127.0.0.1:" + std::to_string(ports[0]) + ",127.0.0.1:" +
-                                   std::to_string(ports[1]) + " --failover -c 3 -t 8 " + protocol));
-        const auto connections = [&client](std::size_t count) {
-            return veltest::WaitFor([&] {
-                std::size_t found = 0;
-                const std::string errors = client.errors();
-                for (std::size_t at = 0;
-                     (at = errors.find("New connection = ", at)) != std::string::npos; ++at) {
-                    ++found;
-                }
-                return found >= count;
-            });
+                                   std::to_string(ports[1]) + " -c 3 -t 8 " + mode));
+        const bool failover = mode.find("--failover") != std::string::npos;
+        // The client has dropped the connection to `port` and, in failover mode, holds its
+        // `count`th: a line written earlier could still carry the old secure session.
+        const auto moved = [&client, failover](unsigned short port, std::size_t count) {
+            return client.waitForError("Discard a connection = 127.0.0.1:" +
+                                       std::to_string(port)) &&
+                   (!failover || veltest::WaitFor([&] {
+                       std::size_t found = 0;
+                       const std::string errors = client.errors();
+                       for (std::size_t at = 0;
+                            (at = errors.find("New connection = ", at)) != std::string::npos;
+                            ++at) {
+                           ++found;
+                       }
+                       return found >= count;
+                   }));
         };
         ASSERT_TRUE(client.write("one\n"));
         EXPECT_EQ(client.readOutput(4), "one\n") << client.errors();
-        const int used =
-                listeners[0]->errors().find("New connected socket") != std::string::npos ? 0 : 1;
+        // Round robin: the first connection, the first endpoint's, carried it.
+        const int used = !failover || listeners[0]->errors().find("New connected socket") !=
+                                                 std::string::npos
+                                 ? 0
+                                 : 1;
         stopListener(*listeners[used]);
-        ASSERT_TRUE(connections(2)) << client.errors();
+        ASSERT_TRUE(moved(ports[used], 2)) << client.errors();
         ASSERT_TRUE(client.write("two\n"));
-        EXPECT_EQ(client.readOutput(8), "one\ntwo\n") << client.errors();
+        EXPECT_EQ(client.readOutput(8, seconds(3)), "one\ntwo\n") << client.errors();
         listeners[used] = startListener(serving, ports[used]);
         ASSERT_EQ(listeners[used]->listeningPort(), ports[used]) << listeners[used]->errors();
         stopListener(*listeners[1 - used]);
-        ASSERT_TRUE(connections(3)) << client.errors();
+        ASSERT_TRUE(moved(ports[1 - used], 3)) << client.errors();
         ASSERT_TRUE(client.write("three\n"));
-        EXPECT_EQ(client.readOutput(14), "one\ntwo\nthree\n") << client.errors();
+        EXPECT_EQ(client.readOutput(14, seconds(3)), "one\ntwo\nthree\n") << client.errors();
         EXPECT_EQ(client.wait(), 0) << client.errors();
         stopListener(*listeners[used]);
         EXPECT_NE(listeners[used]->errors().find("1 connections, 1 messages"), std::string::npos)
@@ -421,7 +432,7 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
             "-l --deadline 0 1;--deadline 5 host 1;"
             "--pipe host:1 host 1;--pipe host:1 -p tn3270;--pipe host:1 -p oxl5;"
             "--pipe host:1 -p holm -S;--failover host 1;--backend kqueue -l 0;"
-            "--unknown host 1");
+            "-w x host 1;-w 2147484 host 1;-l -w 1 1;--unknown host 1");
     for (std::string args; std::getline(bad, args, ';');) {
         SCOPED_TRACE(args);
         VelcatProcess velcat(words(args));
@@ -438,6 +449,41 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
     VelcatProcess unbound(words("-l -s 255.255.255.255 0"));  // no such interface
     EXPECT_EQ(unbound.wait(), 1);
     EXPECT_NE(unbound.errors().find("cannot listen on port 0"), std::string::npos);
+
+    // A server that sends a body above -m (OXLv5 has no limit of its own), and one that never
+    // answers: after the end of input, -w bounds the wait for the replies still due.
+    VEL_TCPAcceptor acceptor(0, "127.0.0.1");
+    ASSERT_EQ(acceptor.open(), kVELErr_Ok);
+    const std::string port = std::to_string(acceptor.getLocalAddr().getPort());
+    const auto acceptClient = [&acceptor] {
+        const basis::TimeValue limit(10, 0);
+        VEL_Socket* accepted = nullptr;
+        EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
+        EXPECT_EQ(acceptor.accept(accepted), kVELErr_Ok);
+        return std::unique_ptr<VEL_Socket>(accepted);
+    };
+    VelcatProcess tooBig(words("-p oxl5 -m 1000 -c 1 127.0.0.1 " + port));
+    std::unique_ptr<VEL_Socket> peer = acceptClient();
+    ASSERT_TRUE(peer);
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*peer), oxl5Frame(std::string(2000, 'b'))));
+    EXPECT_EQ(tooBig.wait(), 1);
+    EXPECT_NE(tooBig.errors().find("receive failed: " + statusText(kVELErr_MessageTooBig)),
+              std::string::npos)
+            << tooBig.errors();
+    VelcatProcess unanswered(words("-w 1 -c 2 127.0.0.1 " + port));
+    peer = acceptClient();
+    ASSERT_TRUE(peer);
+    ASSERT_TRUE(unanswered.write("one\n"));
+    EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peer), 15), oxlFrame('1', "one"));
+    unanswered.closeInput();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(unanswered.wait(), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(900));
+    EXPECT_LE(std::chrono::steady_clock::now() - start, seconds(1 + 3));
+    EXPECT_NE(unanswered.errors().find(
+                      "velcat: no reply for 1 s (--wait): 0 of 2 messages received\n"),
+              std::string::npos)
+            << unanswered.errors();
 }
 
 }  // namespace

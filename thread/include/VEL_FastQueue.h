@@ -102,7 +102,7 @@ template <class T>
 VEL_FastQueue<T>::VEL_FastQueue(unsigned long maxNb, bool blocking, bool active,
                                 unsigned long dequeueSize)
     : VEL_FastQueue(
-              VEL_QueueLimits(static_cast<std::uint32_t>(maxNb), VEL_QueueLimits::kDefaultMaxSize,
+              VEL_QueueLimits(VEL_QueueLimits::Clamp(maxNb), VEL_QueueLimits::kDefaultMaxSize,
                               VEL_QueueLimits::kDefaultHighWM, VEL_QueueLimits::kDefaultLowWM),
               nullptr, blocking, active, dequeueSize) {}
 

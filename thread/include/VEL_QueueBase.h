@@ -54,6 +54,10 @@ public:
     static constexpr std::uint32_t kDefaultLowWM = 0;
 
     VEL_QueueLimits() = default;
+    // `count` as a limit: a value above the 32-bit maximum means that maximum.
+    static std::uint32_t Clamp(unsigned long count) {
+        return count > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(count);
+    }
     VEL_QueueLimits(std::uint32_t maxNb, std::uint32_t maxSize, std::uint32_t highWM,
                     std::uint32_t lowWM)
         : _maxNb(maxNb), _maxSize(maxSize), _highWM(highWM), _lowWM(lowWM) {}
@@ -88,7 +92,8 @@ class VEL_QueueBase {
 public:
     // The two flags are the blocking mode (false: non-blocking) and the initial activity. Limits
     // that leave room for no element (maxNb 0, or maxSize below sizeof(T)) are raised to hold
-    // one. The short forms use the default limits, with `maxNb` elements or 1024.
+    // one. The short forms use the default limits, with `maxNb` elements (a value above the
+    // 32-bit maximum means that maximum) or 1024.
     VEL_QueueBase(const VEL_QueueLimits& limits, VEL_QueueWMNotifier* notifier, bool blocking,
                   bool active);
     VEL_QueueBase(unsigned long maxNb, bool blocking, bool active);
@@ -262,7 +267,7 @@ VEL_QueueBase<T>::VEL_QueueBase(const VEL_QueueLimits& limits, VEL_QueueWMNotifi
 template <class T>
 VEL_QueueBase<T>::VEL_QueueBase(unsigned long maxNb, bool blocking, bool active)
     : VEL_QueueBase(
-              VEL_QueueLimits(static_cast<std::uint32_t>(maxNb), VEL_QueueLimits::kDefaultMaxSize,
+              VEL_QueueLimits(VEL_QueueLimits::Clamp(maxNb), VEL_QueueLimits::kDefaultMaxSize,
                               VEL_QueueLimits::kDefaultHighWM, VEL_QueueLimits::kDefaultLowWM),
               nullptr, blocking, active) {}
 

@@ -32,7 +32,8 @@
 class VEL_ThreadPool : public basis::Task {
 public:
     // A pool of `nbThreads` threads over a blocking queue of at most 1024 items, or `maxNb`
-    // items (other limits by default). The third argument of the second form is not used.
+    // items (other limits by default; above the 32-bit maximum, that maximum). The third
+    // argument of the second form is not used.
     explicit VEL_ThreadPool(unsigned long nbThreads);
     VEL_ThreadPool(unsigned long nbThreads, unsigned long maxNb, bool unused);
     ~VEL_ThreadPool() override;

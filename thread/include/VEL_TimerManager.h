@@ -21,9 +21,9 @@
 //
 // Thread safety: any thread may subscribe and unsubscribe, also from inside a callback.
 // Callbacks run on the manager's threads, one at a time. GetInstance may race with itself;
-// CloseSingleton must not race with any other use of the manager, and must not be called from a
-// callback or a subscriber's destructor. Code that only cancels (a destructor's unsubscribe)
-// reaches the manager through PeekInstance, which never creates one.
+// CloseSingleton must not race with any other use of the manager; from a callback, or from a
+// subscriber's destructor during a close, it is refused (see there). Code that only cancels (a
+// destructor's unsubscribe) reaches the manager through PeekInstance, which never creates one.
 //
 // Lock order: _InstanceMutex, then a handler's mutex, then _registryLock, then a slot's lock.
 // A handler's mutex is held during its callback, which may subscribe and unsubscribe, so it is
@@ -76,8 +76,11 @@ public:
     static VEL_TimerManager* PeekInstance();
     // Stops the singleton's threads, ends every pending timer (subscribers are released, not
     // told), destroys the singleton and forgets the given-back identifiers. A later GetInstance
-    // creates a fresh manager with the then-current factory or algorithm.
-    // REQUIRES: no other thread uses the manager; not called from a callback.
+    // creates a fresh manager with the then-current factory or algorithm. Called on one of the
+    // manager's threads (from a callback, or a subscriber's destructor run there), or from a
+    // subscriber's destructor while a close is under way, it closes nothing and returns, after
+    // a warning traced under mask 36.
+    // REQUIRES: no other thread uses the manager.
     static void CloseSingleton();
 
     ~VEL_TimerManager() override;
@@ -90,7 +93,7 @@ public:
     // as `period` says (0 or 1: once, n > 1: n times, negative: until unsubscribed). Returns the
     // timer's identifier (0 when memory ran out). With `weak` the manager holds only a weak
     // reference: a subscriber destroyed meanwhile is not called (a line is traced under mask 4
-    // instead). Any thread.
+    // instead) and its timer ends, repeating or not. Any thread.
     unsigned long subscribe(const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber,
                             unsigned long duration, long period, bool weak);
     // The same for an object the manager does not own.
@@ -140,6 +143,9 @@ protected:
 
     // Runs `work` on a timer thread: an exception it throws is traced (mask 36) and dropped.
     static void RunCatching(const std::function<void()>& work);
+    // Marks the calling thread as one of the manager's own threads, where CloseSingleton is
+    // refused. Called first by every thread the manager starts.
+    static void EnterTimerThread();
     // Traces (mask 36) and throws the std::runtime_error of a thread that could not start.
     [[noreturn]] static void ThrowSpawnFailure();
 

@@ -102,11 +102,12 @@ bool VEL_TimerHandler::trigger(VEL_TimerManager* manager, unsigned long arg) {
         }
         next = count > 0 ? count - 1 : count;
     } while (!_repeatCount.compare_exchange_weak(count, next));
+    // From the previous expiry, not from now, so that repetitions do not drift. The last shot of
+    // a counted timer moves the date on too: the date is always that of the next shot due.
+    _date += basis::TimeValue(static_cast<long>(_duration), 0);
     if (next == 0) {
         return true;
     }
-    // From the previous expiry, not from now, so that repetitions do not drift.
-    _date += basis::TimeValue(static_cast<long>(_duration), 0);
     manager->subscribeHandler(this, arg);
     return false;
 }

@@ -32,6 +32,29 @@ void traceDeletedSubscriber(const char* text) {
 const char kDeletedOnEvent[] = "Handle event of already deleted subscriber";
 const char kDeletedOnCancel[] = "Close already deleted subscriber";
 
+// True on the manager's own threads (the timer thread, and the second stage of the asynchronous
+// strategy), where callbacks run and where subscribers are often released.
+thread_local bool tTimerThread = false;
+// True on a thread while it runs CloseSingleton, which releases subscribers.
+thread_local bool tClosing = false;
+
+// CloseSingleton refused: level 2, under the thread module's error mask.
+void traceRefusedClose(const char* why) {
+    if (VEL_Tools::IsTraceOn(kVELTrace_ThreadError)) {
+        VEL_Tools::TraceText(kVELLevel_Warn,
+                             VEL_Tools::ErrText("THREAD", kVELErr_TaskRunning, why));
+    }
+}
+
+// Marks the calling thread as closing the manager for one scope.
+class ClosingScope {
+public:
+    ClosingScope() { tClosing = true; }
+    ~ClosingScope() { tClosing = false; }
+    ClosingScope(const ClosingScope&) = delete;
+    ClosingScope& operator=(const ClosingScope&) = delete;
+};
+
 }  // namespace
 
 // Forwards to an object the manager does not own.
@@ -59,17 +82,21 @@ private:
     VEL_TimerSubscriberInterface* const _subscriber;
 };
 
-// Forwards to a subscriber while it exists, holding it only for the call.
+// Forwards to a subscriber while it exists, holding it only for the call. Once it has gone, the
+// timer ends at its next expiry: a repeating one would otherwise live, and trace, for ever.
 class VEL_TimerManager::WeakPtrWrapperSubscriber : public VEL_TimerSubscriberInterface {
 public:
-    explicit WeakPtrWrapperSubscriber(
-            const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber)
-        : _subscriber(subscriber) {}
+    WeakPtrWrapperSubscriber(VEL_TimerManager& manager,
+                             const boost::shared_ptr<VEL_TimerSubscriberInterface>& subscriber)
+        : _manager(manager), _subscriber(subscriber) {}
 
     void handleEvent(unsigned long timerId) override {
         const boost::shared_ptr<VEL_TimerSubscriberInterface> subscriber = _subscriber.lock();
         if (!subscriber) {
             traceDeletedSubscriber(kDeletedOnEvent);
+            // On its way to this callback, the timer is only marked: it ends when the callback
+            // returns, and its handler and identifier go back then.
+            (void)_manager.unsubscribe(timerId);
             return;
         }
         subscriber->handleEvent(timerId);
@@ -84,6 +111,7 @@ public:
     }
 
 private:
+    VEL_TimerManager& _manager;  // outlives its timers, and so this wrapper
     const boost::weak_ptr<VEL_TimerSubscriberInterface> _subscriber;
 };
 
@@ -132,6 +160,19 @@ VEL_TimerManager* VEL_TimerManager::Create(VELTimerAlgorithm_t algorithm) {
 }
 
 void VEL_TimerManager::CloseSingleton() {
+    // A timer thread cannot join itself, and a close that releases a subscriber whose destructor
+    // closes again would take _InstanceMutex twice: both are refused, and the manager stays as
+    // it is for a later close from an ordinary thread.
+    if (tTimerThread) {
+        traceRefusedClose(
+                "CloseSingleton called from a timer thread: the timer manager stays open");
+        return;
+    }
+    if (tClosing) {
+        traceRefusedClose("CloseSingleton called while the timer manager is closing: ignored");
+        return;
+    }
+    const ClosingScope closing;
     VEL_TimerManager* closed = nullptr;
     {
         basis::GuardEx<basis::ThreadMutex> hold(_InstanceMutex);
@@ -183,7 +224,12 @@ void VEL_TimerManager::ThrowSpawnFailure() {
     throw std::runtime_error(reason);
 }
 
+void VEL_TimerManager::EnterTimerThread() {
+    tTimerThread = true;
+}
+
 bool VEL_TimerManager::run() {
+    EnterTimerThread();
     bool result = true;
     while (!_stop.load()) {
         RunCatching([this, &result] { result = executeSubscribers(); });
@@ -216,7 +262,7 @@ unsigned long VEL_TimerManager::subscribe(
         return subscribeImpl(subscriber, duration, period);
     }
     const boost::shared_ptr<VEL_TimerSubscriberInterface> wrapper(
-            new WeakPtrWrapperSubscriber(subscriber));
+            new WeakPtrWrapperSubscriber(*this, subscriber));
     return subscribeImpl(wrapper, duration, period);
 }
 

@@ -22,6 +22,7 @@ public:
 
 protected:
     bool run() override {
+        EnterTimerThread();
         _owner.runRequests();
         return true;
     }

@@ -14,6 +14,7 @@
 
 #include "Framing.h"
 #include "Thread.h"
+#include "TimeValue.h"
 #include "VEL_EpollIOReactor.h"
 #include "VEL_Message.h"
 #include "VEL_Pipe.h"
@@ -21,6 +22,8 @@
 #include "VEL_SockOptions.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPPipe.h"
+#include "VEL_TLSConnector.h"
+#include "VEL_TLSContext.h"
 #include "VEL_Tools.h"
 
 namespace velcat {
@@ -85,6 +88,7 @@ public:
 private:
     bool connect();
     bool openTcp();
+    bool makeTlsContext(VEL_TLSContext& context) const;
     bool openPipe();
     int pumpInput();
     int waitForReader();
@@ -92,16 +96,22 @@ private:
     void readLoop();
     int received(VELErr_t code);
     void finish(int status);
+    void noteInput();
+    bool silentTooLong(int* pollTimeout) const;
 
     const Options& _options;
     SwitchWatch _watch;                   // outlives the pipe that calls it
     std::unique_ptr<VEL_Socket> _socket;  // a connected TCP socket, or the pipe
     VEL_Pipe* _pipe = nullptr;            // _socket, when it is a pipe
     std::unique_ptr<Framing> _framing;
-    std::mutex _transportLock;  // held while a frame moves in either direction
-    VEL_Message _message;       // reader thread
-    unsigned long _count = 0;   // reader thread
+    std::mutex _transportLock;             // held while a frame moves in either direction
+    VEL_Message _message;                  // reader thread
+    std::atomic<unsigned long> _count{0};  // written by the reader thread
     std::atomic<bool> _stopping{false};
+    // Monotonic microseconds of the last input (or of the end of standard input), and whether a
+    // receive is under way: -w measures silence between receives, which bound themselves.
+    std::atomic<long long> _lastInput{0};
+    std::atomic<bool> _receiving{false};
     std::atomic<int> _readerStatus{-1};  // set once, when the reader thread ends by itself
     int _wakeFd = -1;                    // written by the reader thread as it ends
 };
@@ -143,16 +153,58 @@ bool Client::connect() {
 }
 
 bool Client::openTcp() {
-    VEL_TCPConnector connector(_options.port, _options.host.c_str(), connectionOptions());
-    connector.setCnctTimeOut(kTimeoutSeconds);
     VEL_Socket* socket = nullptr;
-    const VELErr_t code = connector.connect(socket);
+    VELErr_t code = kVELErr_Ok;
+    std::string detail;
+    if (_options.tls) {
+        VEL_TLSContext context(kVELTLS_Client);
+        if (!makeTlsContext(context)) {
+            return false;
+        }
+        VEL_TLSConnector connector(_options.port, _options.host.c_str(), context,
+                                   connectionOptions());
+        connector.setCnctTimeOut(kTimeoutSeconds);
+        code = connector.connect(socket);
+        detail = connector.getFailureDetail();
+    } else {
+        VEL_TCPConnector connector(_options.port, _options.host.c_str(), connectionOptions());
+        connector.setCnctTimeOut(kTimeoutSeconds);
+        code = connector.connect(socket);
+    }
     if (code != kVELErr_Ok) {
         Say("cannot connect to " + _options.host + " port " + std::to_string(_options.port) + ": " +
-            VEL_Tools::GetErrStr(code));
+            VEL_Tools::GetErrStr(code) + (detail.empty() ? "" : " (" + detail + ")"));
         return false;
     }
     _socket.reset(socket);
+    return true;
+}
+
+// The client's TLS settings from the command line; false (said) when a file cannot be used.
+bool Client::makeTlsContext(VEL_TLSContext& context) const {
+    VELErr_t code = context.isValid() ? kVELErr_Ok : kVELErr_TLSInit;
+    std::string what = "TLS";
+    if (code == kVELErr_Ok && _options.insecure) {
+        Say("warning: --insecure: the server's certificate is not checked; anybody on the path "
+            "can read and change this connection");
+        code = context.setPeerVerification(kVELTLSVerify_None);
+    } else if (code == kVELErr_Ok) {
+        what = _options.caFile.empty() ? "the system's trusted certificates" : _options.caFile;
+        code = _options.caFile.empty() ? context.useSystemTrustStore()
+                                       : context.loadTrustedCAFile(_options.caFile.c_str());
+    }
+    if (code == kVELErr_Ok && !_options.certFile.empty()) {
+        what = _options.certFile;
+        code = context.useCertificateChainFile(_options.certFile.c_str());
+        if (code == kVELErr_Ok) {
+            what = _options.keyFile;
+            code = context.usePrivateKeyFile(_options.keyFile.c_str());
+        }
+    }
+    if (code != kVELErr_Ok) {
+        Say("cannot use " + what + ": " + VEL_Tools::GetErrStr(code));
+        return false;
+    }
     return true;
 }
 
@@ -220,12 +272,50 @@ int Client::pumpInput() {
     return _options.count == 0 ? 0 : waitForReader();
 }
 
-// After the end of input with -c: the replies still to come.
+// After the end of input with -c: the replies still to come, for as long as the server is not
+// silent for longer than -w.
 int Client::waitForReader() {
-    pollfd wait{_wakeFd, POLLIN, 0};
-    while (::poll(&wait, 1, -1) < 0 && errno == EINTR) {
+    noteInput();  // silence counts from now
+    for (;;) {
+        int timeout = -1;
+        if (silentTooLong(&timeout)) {
+            Say("no reply for " + std::to_string(_options.wait) +
+                " s (--wait): " + std::to_string(_count.load()) + " of " +
+                std::to_string(_options.count) + " messages received");
+            return 1;
+        }
+        pollfd wait{_wakeFd, POLLIN, 0};
+        const int ready = ::poll(&wait, 1, timeout);
+        if (ready > 0) {
+            return _readerStatus.load() < 0 ? 1 : _readerStatus.load();
+        }
+        if (ready < 0 && errno != EINTR) {
+            Say("cannot wait for the reader");
+            return 1;
+        }
     }
-    return _readerStatus.load() < 0 ? 1 : _readerStatus.load();
+}
+
+void Client::noteInput() {
+    _lastInput.store(basis::TimeValue::GetHRTime().toMicroseconds());
+}
+
+// True once nothing has arrived for -w seconds; otherwise *pollTimeout is how long to wait before
+// asking again (-1: for ever).
+bool Client::silentTooLong(int* pollTimeout) const {
+    if (_options.wait == 0) {
+        *pollTimeout = -1;
+        return false;
+    }
+    const long long limit = static_cast<long long>(_options.wait) * 1000000;
+    const long long silent =
+            _receiving.load() ? 0
+                              : basis::TimeValue::GetHRTime().toMicroseconds() - _lastInput.load();
+    if (silent >= limit) {
+        return true;
+    }
+    *pollTimeout = static_cast<int>((limit - silent + 999) / 1000);
+    return false;
 }
 
 bool Client::sendLine(const std::string& line) {
@@ -252,8 +342,11 @@ void Client::readLoop() {
     while (status < 0) {
         VELErr_t code = _socket->waitForRead(nullptr);
         if (code == kVELErr_Ok) {
+            _receiving.store(true);
             std::lock_guard<std::mutex> hold(_transportLock);
             code = _framing->receive(_message);
+            noteInput();
+            _receiving.store(false);
         }
         if (_stopping.load()) {
             return;  // the main thread closed the connection
@@ -270,7 +363,7 @@ int Client::received(VELErr_t code) {
             Say("cannot write to standard output");
             return 1;
         }
-        return ++_count == _options.count ? 0 : -1;
+        return _count.fetch_add(1) + 1 == _options.count ? 0 : -1;
     }
     if (code == kVELErr_Incomplete || (_pipe != nullptr && isConnectionLevel(code))) {
         return -1;
@@ -279,7 +372,7 @@ int Client::received(VELErr_t code) {
         if (_options.count == 0) {
             return 0;
         }
-        Say("connection closed by the peer after " + std::to_string(_count) + " of " +
+        Say("connection closed by the peer after " + std::to_string(_count.load()) + " of " +
             std::to_string(_options.count) + " messages");
         return 1;
     }

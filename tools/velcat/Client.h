@@ -4,8 +4,9 @@
 // message as it arrives. The transport is shared under a lock held only while a frame moves.
 //
 // The end of standard input closes the connection at once, or, with -c, once the count of
-// messages has been received. A peer that closes ends the client (status 1 when -c was not
-// reached); over a pipe, the pipe reconnects instead.
+// messages has been received, or once no input has come for the -w seconds (status 1). A peer
+// that closes ends the client (status 1 when -c was not reached); over a pipe, the pipe
+// reconnects instead.
 #ifndef TOOLS_VELCAT_CLIENT_H
 #define TOOLS_VELCAT_CLIENT_H
 

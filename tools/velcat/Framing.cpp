@@ -37,7 +37,7 @@ bool writeAll(int fd, const std::string& text) {
 
 }  // namespace
 
-Framing::Framing(Protocol protocol, VEL_Socket* socket, unsigned long maxSize) {
+Framing::Framing(Protocol protocol, VEL_Socket* socket, unsigned long maxSize) : _maxSize(maxSize) {
     switch (protocol) {
         case Protocol::kOXLv1:
             _transport.reset(new VEL_OXLv1(socket, maxSize));
@@ -62,7 +62,12 @@ Framing::Framing(Protocol protocol, VEL_Socket* socket, unsigned long maxSize) {
 Framing::~Framing() = default;
 
 VELErr_t Framing::receive(VEL_Message& message) {
-    return _transport->recvMessage(&message);
+    const VELErr_t code = _transport->recvMessage(&message);
+    // OXLv5 knows no limit but its 16-bit length: its bodies are checked once read.
+    if (code == kVELErr_Ok && message.size() > _maxSize) {
+        return kVELErr_MessageTooBig;
+    }
+    return code;
 }
 
 bool Framing::compressing() const {

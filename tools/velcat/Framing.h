@@ -28,7 +28,8 @@ public:
     Framing(const Framing&) = delete;
     Framing& operator=(const Framing&) = delete;
 
-    // The transport's recvMessage.
+    // The transport's recvMessage; kVELErr_MessageTooBig for a body above `maxSize` (the
+    // transports that know the limit refuse it before reading it).
     VELErr_t receive(VEL_Message& message);
     // The transport's sendMessage. While compression is on (asked with -z, or following the
     // peer), a body that cannot be compressed (kVELErr_Compression: empty, or a stream that does
@@ -45,6 +46,7 @@ public:
 private:
     bool compressing() const;
 
+    const unsigned long _maxSize;
     std::unique_ptr<VEL_Transport> _transport;
     VEL_OXLv2* _oxl2 = nullptr;  // _transport, when it is one
     VEL_HOLM* _holm = nullptr;   // _transport, when it is one

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "BufferMgr.h"
 
@@ -15,7 +16,14 @@ namespace {
 constexpr int kOptionPipe = 256;
 constexpr int kOptionFailover = 257;
 constexpr int kOptionBackend = 258;
-constexpr int kOptionDeadline = 259;
+constexpr int kOptionTls = 259;
+constexpr int kOptionCert = 260;
+constexpr int kOptionKey = 261;
+constexpr int kOptionCa = 262;
+constexpr int kOptionInsecure = 263;
+// Seconds whose milliseconds fit a poll() time-out.
+constexpr unsigned long kLongestWait = 2147483;
+constexpr int kOptionDeadline = 264;
 
 const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"source", required_argument, nullptr, 's'},
@@ -26,10 +34,16 @@ const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"hex", no_argument, nullptr, 'x'},
                                {"max-size", required_argument, nullptr, 'm'},
                                {"count", required_argument, nullptr, 'c'},
+                               {"wait", required_argument, nullptr, 'w'},
                                {"trace", required_argument, nullptr, 't'},
                                {"pipe", required_argument, nullptr, kOptionPipe},
                                {"failover", no_argument, nullptr, kOptionFailover},
                                {"backend", required_argument, nullptr, kOptionBackend},
+                               {"tls", no_argument, nullptr, kOptionTls},
+                               {"cert", required_argument, nullptr, kOptionCert},
+                               {"key", required_argument, nullptr, kOptionKey},
+                               {"ca", required_argument, nullptr, kOptionCa},
+                               {"insecure", no_argument, nullptr, kOptionInsecure},
                                {"deadline", required_argument, nullptr, kOptionDeadline},
                                {"help", no_argument, nullptr, 'h'},
                                {nullptr, 0, nullptr, 0}};
@@ -60,6 +74,8 @@ const char kUsage[] =
         "  -x, --hex          print received bodies as hex instead of raw bytes\n"
         "  -m, --max-size N   largest body accepted (default 16777216)\n"
         "  -c, --count N      client: exit 0 after N messages have been received\n"
+        "  -w, --wait SECONDS client: once input has ended with replies still due (-c), exit 1\n"
+        "                     when no byte arrives for SECONDS (default 10; 0 waits for ever)\n"
         "  -t, --trace MASK   write trace lines with these category bits to stderr\n"
         "                     (2 network, 4 timers, 8 reactor and pipes, 16 dumps, 32 errors)\n"
         "      --pipe H:P[,H:P...]  client: send over a pipe across these endpoints instead of "
@@ -75,6 +91,14 @@ const char kUsage[] =
         "      --deadline N   listen mode: seconds a peer has to complete a frame it has begun,\n"
         "                     and to take what is sent to it; a peer that does not is closed\n"
         "                     (default 10)\n"
+        "      --tls          client: connect over TLS (1.2 or later); the server's certificate\n"
+        "                     must chain to a trusted certificate and name HOST\n"
+        "      --ca FILE      with --tls: trust the certificates of this PEM file (default: the\n"
+        "                     system's store)\n"
+        "      --cert FILE    with --tls: this side's certificate chain (PEM), with --key\n"
+        "      --key FILE     with --tls: this side's private key (PEM, not encrypted)\n"
+        "      --insecure     with --tls: do not check the server's certificate (anybody on the\n"
+        "                     path can then read and change the traffic)\n"
         "  -h, --help         print this help\n"
         "\n"
         "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
@@ -175,6 +199,9 @@ bool applyOption(int option, const char* argument, Options& options, std::string
         case 'c':
             error = "--count takes a positive number";
             return parseNumber(argument, 1, 0xFFFFFFFFul, options.count);
+        case 'w':
+            error = "--wait takes 0 to " + std::to_string(kLongestWait) + " seconds";
+            return parseNumber(argument, 0, kLongestWait, options.wait);
         case 't':
             error = "--trace takes a mask of 0 to 65535";
             if (!parseNumber(argument, 0, 0xFFFF, number)) {
@@ -187,6 +214,21 @@ bool applyOption(int option, const char* argument, Options& options, std::string
             return parseEndpoints(argument, options.pipe);
         case kOptionFailover:
             options.failover = true;
+            return true;
+        case kOptionTls:
+            options.tls = true;
+            return true;
+        case kOptionCert:
+            options.certFile = argument;
+            return true;
+        case kOptionKey:
+            options.keyFile = argument;
+            return true;
+        case kOptionCa:
+            options.caFile = argument;
+            return true;
+        case kOptionInsecure:
+            options.insecure = true;
             return true;
         case kOptionBackend:
             error = "unknown back end: " + std::string(argument);
@@ -205,8 +247,31 @@ bool applyOption(int option, const char* argument, Options& options, std::string
     }
 }
 
+// The rules of the TLS options.
+bool checkTls(const Options& options, std::string& error) {
+    const bool tlsDetails = !options.certFile.empty() || !options.keyFile.empty() ||
+                            !options.caFile.empty() || options.insecure;
+    if (tlsDetails && !options.tls) {
+        error = "--cert, --key, --ca and --insecure need --tls";
+    } else if (options.tls && options.listen) {
+        error = "--tls is for client mode (the TLS listener is not available yet)";
+    } else if (options.tls && !options.pipe.empty()) {
+        error = "--tls does not run over --pipe yet";
+    } else if (options.certFile.empty() != options.keyFile.empty()) {
+        error = "--cert and --key go together";
+    } else if (options.insecure && !options.caFile.empty()) {
+        error = "--insecure skips the check that --ca is for";
+    } else {
+        return true;
+    }
+    return false;
+}
+
 // The rules that tie options together.
 bool checkCombination(const Options& options, std::string& error) {
+    if (!checkTls(options, error)) {
+        return false;
+    }
     const bool compressing =
             options.protocol == Protocol::kOXLv2 || options.protocol == Protocol::kHOLM;
     if (options.compress && !compressing) {
@@ -221,6 +286,8 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "-c is for client mode";
     } else if (options.deadlineSet && !options.listen) {
         error = "--deadline is for listen mode";
+    } else if (options.waitGiven && options.listen) {
+        error = "-w is for client mode";
     } else if (!options.pipe.empty() && options.listen) {
         error = "--pipe is for client mode";
     } else if (options.failover && options.pipe.empty()) {
@@ -265,7 +332,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
     optind = 1;
     opterr = 0;
     int option = 0;
-    while ((option = getopt_long(argc, argv, "ls:p:zSexm:c:t:h", kLongOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "ls:p:zSexm:c:w:t:h", kLongOptions, nullptr)) != -1) {
         if (option == 'h') {
             return ParseResult::kHelp;
         }
@@ -276,6 +343,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
         if (!applyOption(option, optarg, options, error)) {
             return ParseResult::kUsageError;
         }
+        options.waitGiven = options.waitGiven || option == 'w';
     }
     if (!takeOperands(argc - optind, argv + optind, options, error) ||
         !checkCombination(options, error)) {

@@ -27,10 +27,19 @@ struct Options {
     bool hex = false;
     unsigned long maxSize = 16777216;
     unsigned long count = 0;  // 0: no limit
+    unsigned long wait = 10;  // seconds without input before a client gives up; 0: for ever
+    bool waitGiven = false;   // -w was on the command line
     unsigned short traceMask = 0;
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
     Backend backend = Backend::kEpoll;
+    // Client over TLS: this side's certificate and key (both or neither), the certificates
+    // that the server's must chain to (empty: the system's store), or no check at all.
+    bool tls = false;
+    std::string certFile;
+    std::string keyFile;
+    std::string caFile;
+    bool insecure = false;
     unsigned long deadline = 10;  // listener: seconds to complete a frame, to take output
     bool deadlineSet = false;
 };
