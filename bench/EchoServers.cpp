@@ -25,6 +25,7 @@
 
 #include "BenchRunner.h"
 #include "BenchSupport.h"
+#include "VEL_ByteStream.h"
 #include "VEL_FrameCodec.h"
 #include "VEL_FramedAcceptor.h"
 #include "VEL_FramedConnection.h"
@@ -170,9 +171,9 @@ public:
         : _limits(limits), _count(count), _echo(boost::make_shared<FramedEcho>(count)) {}
 
     boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
         auto connection = VEL_FramedConnection::Create(
-                reactor, std::move(socket),
+                reactor, std::move(stream),
                 std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxEchoBody)), _echo, _limits);
         if (connection) {
             ++_count;

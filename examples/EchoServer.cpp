@@ -31,8 +31,8 @@ public:
         : _makeCodec(makeCodec), _echo(boost::make_shared<Echo>(messages)) {}
 
     boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
-        return VEL_FramedConnection::Create(reactor, std::move(socket), _makeCodec(), _echo);
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
+        return VEL_FramedConnection::Create(reactor, std::move(stream), _makeCodec(), _echo);
     }
 
 private:

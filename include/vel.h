@@ -48,6 +48,7 @@
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
 #include "VEL_TLSAcceptor.h"
+#include "VEL_TLSByteStream.h"
 #include "VEL_TLSConnector.h"
 #include "VEL_TLSContext.h"
 #include "VEL_TLSEngine.h"

@@ -7,6 +7,12 @@
 // they never block, whatever the descriptor's own mode. The end of the stream and a reset are
 // reported as kVELErr_SockHalfClosed (with the thread's last system error 0 for an orderly end).
 //
+// A stream may do work of its own before it carries data (a TLS handshake: isEstablished() is
+// false until then), may need the descriptor polled for more than its user asks for
+// (extraOps()), and may hold input that its descriptor no longer shows (hasBufferedInput()): a
+// user that waits for readiness asks these, or it would wait for what has already come. The
+// secure stream is VEL_TLSByteStream.
+//
 // VEL_TCPByteStream is the stream of a connected VEL_TCPSocket: one recvmsg or sendmsg with
 // MSG_DONTWAIT per call (no SIGPIPE), the descriptor itself left in the mode it has.
 //
@@ -20,6 +26,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 
 #include "VELIoVec.h"
 #include "VEL_Err.h"
@@ -59,6 +66,16 @@ public:
     // those its user asks for: a secure stream in the middle of a handshake may need to write
     // before it can read. Here: 0.
     virtual unsigned short extraOps() const;
+    // True when a read would take input at once although the descriptor may not report any:
+    // input the stream has already taken off it (decrypted), or an end or failure found after
+    // the bytes the last read returned. Here: false.
+    virtual bool hasBufferedInput() const;
+    // True once the stream carries data: a secure stream after its handshake. Here: true.
+    virtual bool isEstablished() const;
+    // Why the stream failed, beyond its status (a secure stream's reason, such as "certificate
+    // verify failed: certificate has expired"); empty when it did not, or has nothing to add.
+    // Kept after close(). Here: empty.
+    virtual std::string failureDetail() const;
     // Ends both directions at once without giving the descriptor back: a reactor polling it sees
     // it ready, and the reads and writes that follow fail. Any thread.
     virtual void shutdown() = 0;

@@ -28,6 +28,18 @@ unsigned short VEL_ByteStream::extraOps() const {
     return 0;
 }
 
+bool VEL_ByteStream::hasBufferedInput() const {
+    return false;
+}
+
+bool VEL_ByteStream::isEstablished() const {
+    return true;
+}
+
+std::string VEL_ByteStream::failureDetail() const {
+    return std::string();
+}
+
 VEL_TCPByteStream::VEL_TCPByteStream(std::unique_ptr<VEL_TCPSocket> socket)
     : _socket(std::move(socket)) {}
 

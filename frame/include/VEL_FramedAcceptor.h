@@ -1,19 +1,24 @@
 // VEL_FramedAcceptor: the listening side of a reactor server built on framed connections. It
 // listens on an address with a non-blocking socket, registered with a reactor; each time the
 // socket is readable it accepts every pending connection (at most kAcceptsPerDispatch per
-// dispatch, so that a flood of connections cannot hold the reactor), gives each to a factory
-// that makes its VEL_FramedConnection, and starts it.
+// dispatch, so that a flood of connections cannot hold the reactor), makes its byte stream, gives
+// that to a factory that makes its VEL_FramedConnection, and starts it.
 //
 //   class Factory : public VEL_ConnectionFactory {
 //       boost::shared_ptr<VEL_FramedConnection> makeConnection(
-//               VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
-//           return VEL_FramedConnection::Create(reactor, std::move(socket),
+//               VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
+//           return VEL_FramedConnection::Create(reactor, std::move(stream),
 //                   std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(1 << 20)), _handler);
 //       }
 //       ...
 //   };
 //   auto acceptor = VEL_FramedAcceptor::Create(reactor, VEL_SockAddr(7000, "127.0.0.1"), factory);
+//   acceptor->useTLS(serverContext);                 // optional: TLS on every connection
 //   acceptor->open();
+//
+// The stream is a VEL_TCPByteStream, or with useTLS a VEL_TLSByteStream whose server handshake
+// runs in the connection's first dispatches (within its handshakeDeadline): accepting never
+// waits on a peer, and a peer that fails its handshake costs the others nothing.
 //
 // A connection that cannot be served (the reactor is full, the factory declines, start() fails)
 // is closed at once and reported to the factory's connectionRefused. When accept runs out of
@@ -42,23 +47,27 @@
 #include "VEL_SockAddr.h"
 #include "VEL_SockOptions.h"
 
+class VEL_ByteStream;
 class VEL_FramedConnection;
 class VEL_IOReactor;
 class VEL_TCPAcceptor;
 class VEL_TCPSocket;
+class VEL_TLSContext;
 
 // Makes the connections of a VEL_FramedAcceptor and hears what becomes of the others.
 class VEL_ConnectionFactory {
 public:
     virtual ~VEL_ConnectionFactory();
 
-    // The connection of a freshly accepted socket, not yet started (the acceptor starts it), or
-    // null to turn the peer away. Reactor thread.
+    // The connection over the stream of a freshly accepted connection (a VEL_TLSByteStream when
+    // the acceptor serves TLS, its handshake still to come), not yet started (the acceptor starts
+    // it), or null to turn the peer away. Reactor thread.
     virtual boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) = 0;
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) = 0;
     // A connection from `peer` was accepted and closed at once: `reason` is kVELErr_ReactorFull
     // when the reactor holds as many handlers as its size, kVELErr_InvalidAction when
-    // makeConnection gave none, the failure of start() or of the socket's options otherwise.
+    // makeConnection gave none, the failure of start(), of the socket's options or of the TLS
+    // session's set-up (kVELErr_TLSInit) otherwise.
     // Reactor thread. Here: nothing.
     virtual void connectionRefused(const VEL_SockAddr& peer, VELErr_t reason);
     // accept failed with the system error `err` (out of descriptors or memory): the acceptor
@@ -85,6 +94,11 @@ public:
             const VEL_SockOptions& options = DefaultConnectionOptions());
     ~VEL_FramedAcceptor() override;
 
+    // Serves TLS from now on: each accepted connection's stream is a VEL_TLSByteStream of
+    // `context`, a server context with its certificate and private key (its client verification
+    // applies). kVELErr_TLSNoCertificate when it is not such a context, kVELErr_TLSInit when it is
+    // invalid, kVELErr_InvalidAction once open, kVELErr_Alloc. Any thread.
+    VELErr_t useTLS(const VEL_TLSContext& context);
     // Listens and registers with the reactor for input. The listening socket's codes
     // (kVELErr_Bind, kVELErr_Listen, ...), kVELErr_NonBlock, the reactor's (traced);
     // kVELErr_InvalidAction when open already. Any thread.
@@ -110,8 +124,13 @@ private:
                        boost::shared_ptr<VEL_ConnectionFactory> factory,
                        const VEL_SockOptions& options);
 
-    unsigned int acceptPending(std::unique_ptr<VEL_TCPSocket>* accepted, int* pausedFor);
-    void serve(std::unique_ptr<VEL_TCPSocket> socket);
+    // Accepts what is pending into `accepted`; `tls` gets the context they are served with.
+    unsigned int acceptPending(std::unique_ptr<VEL_TCPSocket>* accepted, int* pausedFor,
+                               std::shared_ptr<const VEL_TLSContext>* tls);
+    void serve(std::unique_ptr<VEL_TCPSocket> socket, const VEL_TLSContext* tls);
+    // The stream of an accepted socket (TCP, or TLS of `tls`); null with *code set on failure.
+    static std::unique_ptr<VEL_ByteStream> MakeStream(std::unique_ptr<VEL_TCPSocket> socket,
+                                                      const VEL_TLSContext* tls, VELErr_t* code);
     void pause(int err);
     void resume();
 
@@ -127,6 +146,9 @@ private:
     const std::unique_ptr<VEL_TCPAcceptor> _listener VEL_PT_GUARDED_BY(_lock);
     bool _open VEL_GUARDED_BY(_lock) = false;
     bool _paused VEL_GUARDED_BY(_lock) = false;
+    // The context of the TLS connections (null: plain TCP); the reactor thread serves a batch
+    // of connections with the one it copied under the lock.
+    std::shared_ptr<const VEL_TLSContext> _tls VEL_GUARDED_BY(_lock);
 };
 
 #endif  // FRAME_INCLUDE_VEL_FRAMEDACCEPTOR_H

@@ -21,6 +21,16 @@
 // the message. Bodies above kKeptBodyBytes are released once onMessage has returned, and every
 // body once a dispatch ends between frames; output storage is released once it has been written:
 // a connection between frames with nothing to write holds no buffer, whatever it moved before.
+// Input that the stream holds itself (a TLS stream's decrypted bytes), which the descriptor no
+// longer reports, is not left behind when the budget ends a dispatch or back-pressure lifts: the
+// connection asks its reactor to dispatch it again at the next pass (VEL_IOReactor::redispatch).
+//
+// Secure streams. Over a VEL_TLSByteStream (a VEL_FramedAcceptor with a TLS context makes them
+// for a server; a client makes one over the socket it connected) the handshake runs in the
+// reactor like the rest, one step at each readiness it waits for; messages sent before it has
+// completed wait in the output queue. A handshake that fails closes the connection with its
+// status (kVELErr_TLSHandshake, kVELErr_TLSCertificate, kVELErr_TLSProtocol, ...; the reason is
+// in the close trace and getFailureDetail()).
 //
 // Output. send() encodes the message and, when nothing is queued ahead of it, writes what the
 // stream takes at once; the rest goes to the output queue, which the reactor thread writes when
@@ -34,20 +44,22 @@
 // taken enough for pending output to fall below lowWater, reading resumes and the handler's
 // onDrained() runs. A send that would take pending output beyond maxPendingOutput is refused.
 //
-// Time limits, each closing the connection with kVELErr_Timeout (0 switches one off): a frame that
+// Time limits, each closing the connection with kVELErr_Timeout (0 switches one off): a secure
+// stream's handshake must complete within handshakeDeadline seconds of start(); a frame that
 // has started must be whole within frameDeadline seconds (a peer that drips its bytes or stops in
 // the middle of a frame is closed); pending output must make progress within outputDeadline
-// seconds (a peer that stops reading is closed); a connection with no traffic either way for
-// idleTimeout seconds is closed. The connection keeps these limits with the process's timer
-// manager (VEL_TimerManager, which must not be closed while connections are open), to within one
-// second. It registers with the reactor with no inactivity time-out of the reactor's own: a change
-// of operations made from another thread (a send that leaves output pending) would switch that
-// check off.
+// seconds once the stream carries data (a peer that stops reading is closed); a connection with
+// no traffic either way for idleTimeout seconds is closed. The connection keeps these limits with
+// the process's timer manager (VEL_TimerManager, which must not be closed while connections are
+// open), to within one second. It registers with the reactor with no inactivity time-out of the
+// reactor's own: a change of operations made from another thread (a send that leaves output
+// pending) would switch that check off.
 //
 // Closing. The connection closes, once, when the peer ends the stream or fails, when a frame is
 // refused by the codec, when a time limit passes, when the application calls close(), or when
 // the reactor is cleaned; onClose then runs once with the reason (kVELErr_SockHalfClosed for the
-// end of the stream, the codec's status for a bad frame, kVELErr_Timeout, kVELErr_Ok for close(),
+// end of the stream, the stream's failure (a TLS status among them), the codec's status for a bad
+// frame, kVELErr_Timeout, kVELErr_Ok for close(),
 // kVELErr_ReactorStopped for the reactor's clean()). Output queued before the close goes out if
 // the stream takes it at once; the rest is dropped. The connection leaves the reactor before its
 // descriptor is given back. A close asked from another thread (close(), a time limit) shuts the
@@ -71,6 +83,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include <boost/enable_shared_from_this.hpp>
@@ -100,6 +113,7 @@ struct VELFramedLimits_t {
     unsigned long frameDeadline = 30;         // seconds for a started frame to be whole
     unsigned long outputDeadline = 30;        // seconds for pending output to make progress
     unsigned long idleTimeout = 1800;         // seconds without traffic either way
+    unsigned long handshakeDeadline = 10;     // seconds for a secure stream's handshake
 };
 
 // What the application hears of a framed connection. One handler may serve many connections.
@@ -174,6 +188,9 @@ public:
     bool isReading() const;
     // Bytes of buffer storage the connection holds now (message body, output queue). Any thread.
     std::size_t heldBytes() const;
+    // Why the stream failed, beyond the status given to onClose (a TLS session's reason, such as
+    // "certificate verify failed: certificate has expired"); empty when it did not. Any thread.
+    std::string getFailureDetail() const;
     // The peer. Any thread.
     const VEL_SockAddr& getRemoteAddr() const;
     const VELFramedLimits_t& getLimits() const { return _limits; }
@@ -210,6 +227,7 @@ private:
 
     bool inCallback() const;
     // Input (VEL_FramedConnectionInput.cpp). `hold` is released around each onMessage.
+    VELErr_t readInput(std::unique_lock<basis::ThreadMutex>& hold) VEL_REQUIRES(_lock);
     VELErr_t readAndDeliver(std::unique_lock<basis::ThreadMutex>& hold) VEL_REQUIRES(_lock);
     VELErr_t readOnce(std::unique_lock<basis::ThreadMutex>& hold, char* buffer, bool* more,
                       std::size_t* got) VEL_REQUIRES(_lock);
@@ -279,6 +297,7 @@ private:
     basis::TimeValue _outputSince VEL_GUARDED_BY(_lock);  // last progress of pending output
     basis::TimeValue _lastTraffic VEL_GUARDED_BY(_lock);  // last byte read or written
     basis::TimeValue _pausedSince VEL_GUARDED_BY(_lock);
+    basis::TimeValue _startedAt VEL_GUARDED_BY(_lock);  // start(): the handshake's clock
     std::vector<ArmedTimer> _armed VEL_GUARDED_BY(_lock);
 };
 

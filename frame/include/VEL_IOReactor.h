@@ -58,6 +58,7 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include "Object.h"
 #include "Task.h"
@@ -118,12 +119,22 @@ public:
     // kVELErr_InvalidEntry (the entry is dropped), a back-end failure. Any thread.
     virtual VELErr_t changeEventHandlerOps(const boost::shared_ptr<VEL_EventHandler>& handler,
                                            unsigned short ops);
+    // From a call-back of `handler` (the reactor thread dispatching it): dispatches `ops`
+    // (kVELOp_Read, kVELOp_Write) to it again at the next pass, without waiting for its
+    // descriptor. For a handler that holds input its descriptor no longer shows (bytes a
+    // secure stream has already decrypted) and that stopped reading to let the others have their
+    // turn. The next wait only polls, and the handler is called with what that poll found
+    // besides, among the other ready handlers; nothing is dispatched when it has been removed or
+    // replaced meanwhile. kVELErr_InvalidAction when not called from the handler's own
+    // call-back; kVELErr_Alloc.
+    VELErr_t redispatch(const boost::shared_ptr<VEL_EventHandler>& handler, unsigned short ops);
     // processEvents(), then, when that succeeded, waitEvents(). Reactor thread.
     virtual VELErr_t waitAndProcessEvents();
     // Waits for readiness: without limit, or at most the idle time-out with do-idle on, after
-    // which handleIdle() runs (true: kVELErr_Timeout, false: kVELErr_UserCode).
-    // kVELErr_ReactorStopped once stopped; a back-end failure (see GetPollingError).
-    // Reactor thread.
+    // which handleIdle() runs (true: kVELErr_Timeout, false: kVELErr_UserCode); only polls when
+    // a handler asked to be dispatched again (redispatch), whose operations are then marked
+    // ready with those found. kVELErr_ReactorStopped once stopped; a back-end failure (see
+    // GetPollingError). Reactor thread.
     virtual VELErr_t waitEvents();
     // Dispatches the pending entries, then applies the queued changes. kVELErr_UserCode when a
     // handler failed (the entries not yet dispatched stay pending for the next call), or the
@@ -225,6 +236,13 @@ protected:
 
 private:
     class Dispatching;
+    // A handler that asked to be dispatched again; held weakly, and compared by owner, so that a
+    // handler removed meanwhile is neither kept alive nor mistaken for another.
+    struct Redispatch {
+        boost::weak_ptr<VEL_EventHandler> handler;
+        unsigned int handle;
+        unsigned short ops;
+    };
 
     bool isReactorThread() const;
     void becomeReactorThread();
@@ -247,6 +265,8 @@ private:
     bool runPass(basis::TimeValue& nextCheck);
     // The end of clean(): removes what is still registered and applies the queued changes.
     VELErr_t unregisterAll();
+    // Marks the operations that handlers asked for with redispatch ready. Reactor thread.
+    void markRedispatched();
     void checkWhenDue(basis::TimeValue& nextCheck);
 
     // Every registered handle (state Active, ToAdd, ToChange, Removed) and the handles with a
@@ -276,6 +296,7 @@ private:
     VEL_PollingEntry* _releasedHead;  // reactor thread
     VEL_PollingEntry* _dispatching;   // the entry whose call-backs run; reactor thread
     bool _wakeOwed;                   // a call-back queued a change without waking; reactor thread
+    std::vector<Redispatch> _redispatched;  // asked for since the last wait; reactor thread
     // Handlers dropped by processModifSet, released once the table lock is free, so that no
     // handler's destructor runs under it; reactor thread.
     std::vector<boost::shared_ptr<VEL_EventHandler>> _droppedHandlers;

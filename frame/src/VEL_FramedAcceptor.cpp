@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -17,6 +18,8 @@
 #include "VEL_StaticInit.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TLSByteStream.h"
+#include "VEL_TLSContext.h"
 #include "VEL_TimerManager.h"
 #include "VEL_TimerSubscriberInterface.h"
 
@@ -99,6 +102,28 @@ VEL_FramedAcceptor::VEL_FramedAcceptor(VEL_IOReactor& reactor, const VEL_SockAdd
 
 VEL_FramedAcceptor::~VEL_FramedAcceptor() = default;
 
+VELErr_t VEL_FramedAcceptor::useTLS(const VEL_TLSContext& context) {
+    if (!context.isValid() || context.getRole() != kVELTLS_Server ||
+        !context.hasCertificateAndKey()) {
+        const VELErr_t code = context.isValid() ? kVELErr_TLSNoCertificate : kVELErr_TLSInit;
+        velframe::traceError(code);
+        return code;
+    }
+    std::shared_ptr<const VEL_TLSContext> shared;
+    try {
+        shared = std::make_shared<const VEL_TLSContext>(context);
+    } catch (const std::bad_alloc&) {
+        velframe::traceError(kVELErr_Alloc);
+        return kVELErr_Alloc;
+    }
+    std::lock_guard<basis::ThreadMutex> hold(_lock);
+    if (_open) {
+        return kVELErr_InvalidAction;
+    }
+    _tls = std::move(shared);
+    return kVELErr_Ok;
+}
+
 VELErr_t VEL_FramedAcceptor::open() {
     std::lock_guard<basis::ThreadMutex> hold(_lock);
     if (_open) {
@@ -141,10 +166,11 @@ const VEL_SockAddr& VEL_FramedAcceptor::getLocalAddr() const {
 bool VEL_FramedAcceptor::handleInput() {
     std::unique_ptr<VEL_TCPSocket> accepted[kAcceptsPerDispatch];
     int pausedFor = 0;
-    const unsigned int count = acceptPending(accepted, &pausedFor);
+    std::shared_ptr<const VEL_TLSContext> tls;
+    const unsigned int count = acceptPending(accepted, &pausedFor, &tls);
     // The factory runs without the lock: it may close this acceptor.
     for (unsigned int i = 0; i < count; ++i) {
-        serve(std::move(accepted[i]));
+        serve(std::move(accepted[i]), tls.get());
     }
     if (pausedFor != 0) {
         pause(pausedFor);
@@ -158,8 +184,10 @@ bool VEL_FramedAcceptor::handleClose() {
 }
 
 unsigned int VEL_FramedAcceptor::acceptPending(std::unique_ptr<VEL_TCPSocket>* accepted,
-                                               int* pausedFor) {
+                                               int* pausedFor,
+                                               std::shared_ptr<const VEL_TLSContext>* tls) {
     std::lock_guard<basis::ThreadMutex> hold(_lock);
+    *tls = _tls;
     unsigned int count = 0;
     // The reactor said one connection waits; for the others, a poll that does not trace, so
     // that the accept that would find none is never made (it would trace a failure).
@@ -178,13 +206,29 @@ unsigned int VEL_FramedAcceptor::acceptPending(std::unique_ptr<VEL_TCPSocket>* a
     return count;
 }
 
-void VEL_FramedAcceptor::serve(std::unique_ptr<VEL_TCPSocket> socket) {
+std::unique_ptr<VEL_ByteStream> VEL_FramedAcceptor::MakeStream(
+        std::unique_ptr<VEL_TCPSocket> socket, const VEL_TLSContext* tls, VELErr_t* code) {
+    if (tls != nullptr) {
+        std::unique_ptr<VEL_TLSByteStream> secure;
+        *code = VEL_TLSByteStream::Create(std::move(socket), *tls, nullptr, &secure);  // traced
+        return std::unique_ptr<VEL_ByteStream>(std::move(secure));
+    }
+    std::unique_ptr<VEL_ByteStream> plain(new (std::nothrow) VEL_TCPByteStream(std::move(socket)));
+    *code = plain ? kVELErr_Ok : kVELErr_Alloc;
+    return plain;
+}
+
+void VEL_FramedAcceptor::serve(std::unique_ptr<VEL_TCPSocket> socket, const VEL_TLSContext* tls) {
     const VEL_SockAddr peer = socket->getRemoteAddr();
     VELErr_t code = socket->setOptions(_options);
+    std::unique_ptr<VEL_ByteStream> stream;
+    if (code == kVELErr_Ok) {
+        stream = MakeStream(std::move(socket), tls, &code);
+    }
     boost::shared_ptr<VEL_FramedConnection> connection;
     if (code == kVELErr_Ok) {
         (void)velframe::runGuarded([&] {
-            connection = _factory->makeConnection(_reactor, std::move(socket));
+            connection = _factory->makeConnection(_reactor, std::move(stream));
             return true;
         });
         code = connection ? connection->start() : kVELErr_InvalidAction;
@@ -194,7 +238,8 @@ void VEL_FramedAcceptor::serve(std::unique_ptr<VEL_TCPSocket> socket) {
         return;
     }
     ++_refused;
-    socket.reset();  // closed (if the factory did not take it) before anyone hears of it
+    stream.reset();  // closed (if the factory did not take it) before anyone hears of it
+    socket.reset();
     (void)velframe::runGuarded([&] {
         _factory->connectionRefused(peer, code);
         return true;

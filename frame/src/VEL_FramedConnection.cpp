@@ -135,11 +135,13 @@ VELErr_t VEL_FramedConnection::start() {
         }
         const basis::TimeValue now = basis::TimeValue::GetHRTime();
         _lastTraffic = now;
+        _startedAt = now;
         _state = State::kOpen;
-        _registeredOps = kVELOp_Read;
+        // Input, and what the stream needs for itself (a TLS client's handshake writes first).
+        _registeredOps = wantedOps();
         // The reactor keeps no inactivity check of its own (see the header).
         const VELErr_t code = _reactor.addEventHandler(
-                shared_from_this(), VEL_IOReactor::kNoInactivityTimeout, kVELOp_Read);
+                shared_from_this(), VEL_IOReactor::kNoInactivityTimeout, _registeredOps);
         _registered = code == kVELErr_Ok;
         if (code != kVELErr_Ok) {
             _state = State::kClosed;
@@ -231,6 +233,11 @@ bool VEL_FramedConnection::isReading() const {
 std::size_t VEL_FramedConnection::heldBytes() const {
     std::lock_guard<basis::ThreadMutex> hold(_lock);
     return _outCapacity + _inputHeld;
+}
+
+std::string VEL_FramedConnection::getFailureDetail() const {
+    std::lock_guard<basis::ThreadMutex> hold(_lock);
+    return _stream->failureDetail();
 }
 
 const VEL_SockAddr& VEL_FramedConnection::getRemoteAddr() const {
@@ -364,7 +371,9 @@ void VEL_FramedConnection::noteProgress(const basis::TimeValue& now) {
 
 unsigned short VEL_FramedConnection::wantedOps() const {
     unsigned short ops = _paused ? 0 : kVELOp_Read;
-    if (_outTail > _outHead) {
+    // Output waits for the handshake: until then the stream says what it needs itself, and
+    // writability alone would only call back at once, again and again.
+    if (_outTail > _outHead && _stream->isEstablished()) {
         ops |= kVELOp_Write;
     }
     return ops | _stream->extraOps();
@@ -435,7 +444,12 @@ VEL_FramedConnection::Followup VEL_FramedConnection::endDispatch(VELErr_t failur
     if (_state == State::kOpen) {
         const basis::TimeValue now = basis::TimeValue::GetHRTime();
         followup.drained = pauseOrResume(now);
-        const VELErr_t changed = applyOps(_foreignChanges);
+        VELErr_t changed = applyOps(_foreignChanges);
+        if (changed == kVELErr_Ok && !_paused && _stream->hasBufferedInput()) {
+            // Input the descriptor no longer shows (decrypted already): read at the next pass,
+            // after the other handlers have had their turn.
+            changed = _reactor.redispatch(shared_from_this(), kVELOp_Read);
+        }
         if (changed != kVELErr_Ok) {
             requestClose(changed);
         } else {
@@ -479,6 +493,7 @@ void VEL_FramedConnection::finish() {
     std::vector<ArmedTimer> armed;
     VELErr_t reason = kVELErr_Ok;
     bool served = false;
+    std::string detail;
     const unsigned int handle = getHandle();
     {
         std::lock_guard<basis::ThreadMutex> hold(_lock);
@@ -497,10 +512,11 @@ void VEL_FramedConnection::finish() {
         }
         (void)_stream->close();
         setHandle(VEL_Socket::kVEL_NoHandle);
+        detail = _stream->failureDetail();
     }
     CancelTimers(armed);
     if (served) {
-        velframe::traceClose(reason, handle, _stream->getRemoteAddr());
+        velframe::traceClose(reason, handle, _stream->getRemoteAddr(), detail);
     }
     if (handler && served) {
         (void)velframe::runGuarded([&] {
@@ -526,12 +542,18 @@ bool VEL_FramedConnection::handleClose() {
 // ---- time limits -------------------------------------------------------------------------------
 
 bool VEL_FramedConnection::deadlinePassed(const basis::TimeValue& now, const char** which) const {
+    const bool established = _stream->isEstablished();
+    if (_limits.handshakeDeadline != 0 && !established &&
+        _startedAt + seconds(_limits.handshakeDeadline) <= now) {
+        *which = "handshake deadline passed";
+        return true;
+    }
     if (_limits.frameDeadline != 0 && _inFrame && !_paused &&
         _frameSince + seconds(_limits.frameDeadline) <= now) {
         *which = "frame deadline passed";
         return true;
     }
-    if (_limits.outputDeadline != 0 && _outTail > _outHead &&
+    if (_limits.outputDeadline != 0 && _outTail > _outHead && established &&
         _outputSince + seconds(_limits.outputDeadline) <= now) {
         *which = "output deadline passed";
         return true;
@@ -555,8 +577,10 @@ unsigned long VEL_FramedConnection::armSecondsFor(const basis::TimeValue& now) {
             any = true;
         }
     };
+    const bool established = _stream->isEstablished();
+    consider(!established, _startedAt, _limits.handshakeDeadline);
     consider(_inFrame && !_paused, _frameSince, _limits.frameDeadline);
-    consider(_outTail > _outHead, _outputSince, _limits.outputDeadline);
+    consider(_outTail > _outHead && established, _outputSince, _limits.outputDeadline);
     consider(true, _lastTraffic, _limits.idleTimeout);
     if (!any) {
         return 0;

@@ -42,8 +42,12 @@ std::size_t bufferBytes(const basis::Buffer* buffer) {
 
 namespace velframe {
 
-void traceClose(VELErr_t reason, unsigned int handle, const VEL_SockAddr& peer) {
-    const auto detail = [&] { return fdText(handle) + " ; Remote address : " + peerText(peer); };
+void traceClose(VELErr_t reason, unsigned int handle, const VEL_SockAddr& peer,
+                const std::string& why) {
+    const auto detail = [&] {
+        return fdText(handle) + " ; Remote address : " + peerText(peer) +
+               (why.empty() ? "" : " ; " + why);
+    };
     const bool failure = reason != kVELErr_Ok && reason != kVELErr_SockHalfClosed &&
                          reason != kVELErr_ReactorStopped;
     if (failure) {
@@ -78,19 +82,7 @@ bool VEL_FramedConnection::handleInput() {
     Followup followup;
     {
         std::unique_lock<basis::ThreadMutex> hold(_lock);
-        VELErr_t failure = kVELErr_Ok;
-        // Paused: only a change queued by another thread before the pause can have brought the
-        // input back; the operations are restated below.
-        if (_state == State::kOpen && !_paused) {
-            _corked = true;
-            failure = readAndDeliver(hold);
-            _corked = false;
-            if (!_codec->inFrame()) {
-                _input.reset();  // between frames an idle connection holds no body
-                _inputHeld = 0;
-            }
-        }
-        followup = endDispatch(failure);
+        followup = endDispatch(readInput(hold));
     }
     runFollowup(followup);
     return true;
@@ -100,11 +92,33 @@ bool VEL_FramedConnection::handleOutput(void* /*arg*/) {
     const Dispatch dispatch(*this);
     Followup followup;
     {
-        std::lock_guard<basis::ThreadMutex> hold(_lock);
-        followup = endDispatch(kVELErr_Ok);  // writes what is pending
+        std::unique_lock<basis::ThreadMutex> hold(_lock);
+        VELErr_t failure = kVELErr_Ok;
+        // Writability that the stream asked for itself (a TLS handshake's step, a read that must
+        // write first) is what its read waits for.
+        if ((_stream->extraOps() & kVELOp_Write) != 0) {
+            failure = readInput(hold);
+        }
+        followup = endDispatch(failure);  // writes what is pending
     }
     runFollowup(followup);
     return true;
+}
+
+VELErr_t VEL_FramedConnection::readInput(std::unique_lock<basis::ThreadMutex>& hold) {
+    // Paused: only a change queued by another thread before the pause can have brought the
+    // input back; endDispatch restates the operations.
+    if (_state != State::kOpen || _paused) {
+        return kVELErr_Ok;
+    }
+    _corked = true;
+    const VELErr_t failure = readAndDeliver(hold);
+    _corked = false;
+    if (!_codec->inFrame()) {
+        _input.reset();  // between frames an idle connection holds no body
+        _inputHeld = 0;
+    }
+    return failure;
 }
 
 VELErr_t VEL_FramedConnection::readAndDeliver(std::unique_lock<basis::ThreadMutex>& hold) {

@@ -8,6 +8,8 @@
 
 #include <pthread.h>
 
+#include <string>
+
 #include "VEL_Err.h"
 #include "VEL_FramedConnection.h"
 
@@ -20,10 +22,12 @@ inline unsigned long selfThread() {
     return static_cast<unsigned long>(pthread_self());
 }
 
-// "FRAME - <status text> ; <FD = n> ; Remote address : <peer>" for a connection that closes
-// because of `reason`: at the error level under the reactor error mask for a failure, at the
-// info level under the reactor mask for the end of the stream, a close() or the reactor's clean.
-void traceClose(VELErr_t reason, unsigned int handle, const VEL_SockAddr& peer);
+// "FRAME - <status text> ; <FD = n> ; Remote address : <peer>[ ; <why>]" for a connection that
+// closes because of `reason` (`why`: the stream's reason, if any): at the error level under the
+// reactor error mask for a failure, at the info level under the reactor mask for the end of the
+// stream, a close() or the reactor's clean.
+void traceClose(VELErr_t reason, unsigned int handle, const VEL_SockAddr& peer,
+                const std::string& why);
 // "FRAME - <text of kVELErr_Timeout> ; <FD = n> ; Remote address : <peer> ; <which>".
 void traceDeadline(const char* which, unsigned int handle, const VEL_SockAddr& peer);
 

@@ -336,6 +336,29 @@ VELErr_t VEL_IOReactor::changeEventHandlerOps(const boost::shared_ptr<VEL_EventH
     return queued ? wake() : kVELErr_Ok;
 }
 
+VELErr_t VEL_IOReactor::redispatch(const boost::shared_ptr<VEL_EventHandler>& handler,
+                                   unsigned short ops) {
+    if (!handler || !isReactorThread() || _dispatching == nullptr) {
+        return kVELErr_InvalidAction;
+    }
+    unsigned int handle = VEL_Socket::kVEL_NoHandle;
+    {
+        std::lock_guard<basis::ThreadMutex> hold(_dispatching->_entryLock);
+        // Active, or with a change of operations queued by another thread: still polled.
+        if (_dispatching->_evtHandler != handler || (_dispatching->_state != kVELEntry_Active &&
+                                                     _dispatching->_state != kVELEntry_ToChange)) {
+            return kVELErr_InvalidAction;
+        }
+        handle = _dispatching->_handle;
+    }
+    try {
+        _redispatched.push_back(Redispatch{handler, handle, ops});
+    } catch (const std::bad_alloc&) {
+        return kVELErr_Alloc;
+    }
+    return kVELErr_Ok;
+}
+
 // The short path of a handler changing its own operations from its call-back: the polling set
 // changes at once and the entry records the new operations.
 bool VEL_IOReactor::changeDispatched(unsigned int handle, unsigned short ops, VELErr_t* code) {

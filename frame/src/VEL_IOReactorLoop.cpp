@@ -195,6 +195,13 @@ VELErr_t VEL_IOReactor::waitEvents() {
         return kVELErr_ReactorStopped;
     }
     becomeReactorThread();
+    if (!_redispatched.empty()) {
+        // Handlers wait to be called again: the others get what this poll finds, and nobody
+        // waits. Marked after the poll, which reports through the same pending list.
+        const VELErr_t code = waitForEvents(&basis::TimeValue::kZero);
+        markRedispatched();
+        return code == kVELErr_Timeout ? kVELErr_Ok : code;
+    }
     if (!isIdle()) {
         return waitForEvents(nullptr);
     }
@@ -204,6 +211,26 @@ VELErr_t VEL_IOReactor::waitEvents() {
         return code;
     }
     return handleIdle() ? kVELErr_Timeout : kVELErr_UserCode;
+}
+
+void VEL_IOReactor::markRedispatched() {
+    std::vector<Redispatch> asked;
+    asked.swap(_redispatched);
+    std::lock_guard<basis::ThreadMutex> hold(_tableLock);
+    for (const Redispatch& each : asked) {
+        VEL_PollingEntry* entry = _entryTable.find(each.handle);
+        if (entry == nullptr) {
+            continue;  // removed since
+        }
+        std::lock_guard<basis::ThreadMutex> entryHold(entry->_entryLock);
+        // Owner comparison: no handler is locked (and so none released) under the table lock.
+        const bool polled =
+                entry->_state == kVELEntry_Active || entry->_state == kVELEntry_ToChange;
+        if (polled && !each.handler.owner_before(entry->_evtHandler) &&
+            !entry->_evtHandler.owner_before(each.handler)) {
+            addReadyOps(entry, each.ops);
+        }
+    }
 }
 
 VELErr_t VEL_IOReactor::waitAndProcessEvents() {
@@ -303,6 +330,7 @@ void VEL_IOReactor::checkInactivity() {
 
 VELErr_t VEL_IOReactor::clean() {
     becomeReactorThread();
+    _redispatched.clear();  // every handler is closed: nothing is dispatched again
     {
         std::lock_guard<basis::ThreadMutex> hold(_tableLock);
         _entryTable.forEach([this](VEL_PollingEntry* entry) { addReadyOps(entry, kVELOp_Close); });

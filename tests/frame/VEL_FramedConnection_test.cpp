@@ -3,11 +3,14 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -20,15 +23,17 @@
 #include <gtest/gtest.h>
 
 #include "BufferMgr.h"
+#include "FramedSupport.h"
 #include "ReactorSupport.h"
 #include "SocketSupport.h"
 #include "TestSupport.h"
+#include "VEL_ByteStream.h"
 #include "VEL_Encryptor.h"
 #include "VEL_FrameCodec.h"
 #include "VEL_FramedAcceptor.h"
+#include "VEL_HOLM.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Message.h"
-#include "VEL_HOLM.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
 #include "VEL_OXLv5.h"
@@ -42,6 +47,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+using veltest::EventLog;
+using veltest::Recorder;
 
 constexpr unsigned long kMaxBody = 32 << 20;
 
@@ -88,7 +95,8 @@ std::vector<CodecCase> Codecs() {
              kMaxBody, false, false},
             {"holm secure compressed", Maker<VEL_HOLMCodec>({}, kMaxBody),
              Maker<VEL_HOLMCodec>(holmSecure, kMaxBody), 100, 59000, true, false},
-            {"tn3270", Maker<VEL_TN3270Codec>(), Maker<VEL_TN3270Codec>(), 1, kMaxBody, false, true},
+            {"tn3270", Maker<VEL_TN3270Codec>(), Maker<VEL_TN3270Codec>(), 1, kMaxBody, false,
+             true},
     };
 }
 
@@ -213,75 +221,6 @@ private:
     VEL_Message _message;
     std::string _waiting;
     bool _ended = false;
-};
-
-// Events of every connection of a test, in the order they happened.
-class EventLog {
-public:
-    void add(const std::string& event) {
-        std::lock_guard<std::mutex> hold(_lock);
-        _events.push_back(event);
-        _changed.notify_all();
-    }
-    std::vector<std::string> events() const {
-        std::lock_guard<std::mutex> hold(_lock);
-        return _events;
-    }
-    std::size_t count(const std::string& event) const {
-        std::lock_guard<std::mutex> hold(_lock);
-        return static_cast<std::size_t>(std::count(_events.begin(), _events.end(), event));
-    }
-    bool waitCount(const std::string& event, std::size_t times, milliseconds limit = seconds(10)) {
-        std::unique_lock<std::mutex> hold(_lock);
-        return _changed.wait_for(hold, limit, [&] {
-            return static_cast<std::size_t>(std::count(_events.begin(), _events.end(), event)) >=
-                   times;
-        });
-    }
-
-private:
-    mutable std::mutex _lock;
-    std::condition_variable _changed;
-    std::vector<std::string> _events;
-};
-
-// An application handler that echoes every message (unless `onMessageHook` says otherwise) and
-// logs "<tag> close <reason>", "<tag> drained" and, for a send that failed, "<tag> send <code>".
-class Recorder : public VEL_ConnectionHandler {
-public:
-    Recorder(EventLog& log, std::string tag) : _log(log), _tag(std::move(tag)) {}
-
-    void onMessage(VEL_FramedConnection& connection, VEL_Message& message) override {
-        ++messages;
-        if (onMessageHook) {
-            onMessageHook(connection, message);
-            return;
-        }
-        const VELErr_t code = connection.send(&message);
-        if (code == kVELErr_QueueFull) {
-            ++queueFull;
-        } else if (code != kVELErr_Ok) {
-            _log.add(_tag + " send " + std::to_string(code));
-        }
-    }
-    void onClose(VEL_FramedConnection& /*connection*/, VELErr_t reason) override {
-        closedOn = pthread_self();
-        _log.add(closeEvent(reason));
-    }
-    void onDrained(VEL_FramedConnection& /*connection*/) override { _log.add(_tag + " drained"); }
-
-    std::string closeEvent(VELErr_t reason) const {
-        return _tag + " close " + std::to_string(reason);
-    }
-
-    std::function<void(VEL_FramedConnection&, VEL_Message&)> onMessageHook;
-    std::atomic<unsigned long> messages{0};
-    std::atomic<unsigned long> queueFull{0};
-    std::atomic<pthread_t> closedOn{};
-
-private:
-    EventLog& _log;
-    const std::string _tag;
 };
 
 // A running reactor of the back end under test and the process's timer manager. After each
@@ -524,10 +463,10 @@ public:
     TestFactory(EventLog& log, const VELFramedLimits_t& limits) : _log(log), _limits(limits) {}
 
     boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
-        const std::string tag = "peer " + std::to_string(socket->getRemoteAddr().getPort());
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
+        const std::string tag = "peer " + std::to_string(stream->getRemoteAddr().getPort());
         auto connection =
-                VEL_FramedConnection::Create(reactor, std::move(socket), Oxl1(),
+                VEL_FramedConnection::Create(reactor, std::move(stream), Oxl1(),
                                              boost::make_shared<Recorder>(_log, tag), _limits);
         ++made;
         return connection;
@@ -694,6 +633,93 @@ TEST_P(FramedConnectionTest, BackPressureStopsReadingUntilThePeerReads) {
     writer.join();
     EXPECT_GE(_log.count("x drained"), 1u);
     EXPECT_EQ(connection->pendingOutput(), 0u);
+}
+
+// A stream that, like a TLS stream, keeps input of its own: the bytes it holds were taken off the
+// descriptor before the connection asked for them. The descriptor rings once (one byte, which a
+// read drains); then every read serves the held bytes. Writes go to the descriptor.
+class HoldingStream : public VEL_ByteStream {
+public:
+    HoldingStream(veltest::RawFd fd, std::string held)
+        : _fd(std::move(fd)), _held(std::move(held)) {}
+
+    unsigned int getHandle() const override { return static_cast<unsigned int>(_fd.get()); }
+    const VEL_SockAddr& getRemoteAddr() const override { return _peer; }
+    VELErr_t readAvail(const VELIoVec* places, unsigned long count, std::size_t* moved) override {
+        char doorbell[16];
+        (void)::recv(_fd.get(), doorbell, sizeof(doorbell), MSG_DONTWAIT);
+        *moved = 0;
+        for (unsigned long i = 0; i < count && _at < _held.size(); ++i) {
+            const std::size_t take = std::min<std::size_t>(places[i].iov_len, _held.size() - _at);
+            std::memcpy(places[i].iov_base, _held.data() + _at, take);
+            _at += take;
+            *moved += take;
+        }
+        return kVELErr_Ok;
+    }
+    VELErr_t writeAvail(const VELIoVec* pieces, unsigned long count, std::size_t* moved) override {
+        std::vector<iovec> vector;
+        for (unsigned long i = 0; i < count; ++i) {
+            vector.push_back(iovec{pieces[i].iov_base, pieces[i].iov_len});
+        }
+        msghdr message{};
+        message.msg_iov = vector.data();
+        message.msg_iovlen = vector.size();
+        const ssize_t sent = ::sendmsg(_fd.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        *moved = sent > 0 ? static_cast<std::size_t>(sent) : 0;
+        return sent >= 0 || errno == EAGAIN ? kVELErr_Ok : kVELErr_Send;
+    }
+    bool hasBufferedInput() const override { return _at < _held.size(); }
+    void shutdown() override { (void)::shutdown(_fd.get(), SHUT_RDWR); }
+    VELErr_t close() override {
+        _fd.reset();
+        return kVELErr_Ok;
+    }
+
+private:
+    veltest::RawFd _fd;
+    const std::string _held;
+    std::size_t _at = 0;
+    const VEL_SockAddr _peer;
+};
+
+// Input that the stream holds, which the descriptor no longer shows, is read all the same when a
+// dispatch stops at its read budget or when back-pressure lifts: every frame comes back.
+TEST_P(FramedConnectionTest, InputHeldByTheStreamIsReadWithoutTheDescriptor) {
+    std::string frames;
+    std::vector<std::string> bodies;
+    for (unsigned int i = 0; i < 256; ++i) {
+        bodies.push_back(veltest::Pattern(8 << 10, i));
+        frames += Encode(*Oxl1(), bodies.back());
+    }
+    VELFramedLimits_t budget;
+    budget.readBudget = 1;  // one read per dispatch
+    VELFramedLimits_t pressure;
+    pressure.highWater = 64 << 10;
+    pressure.lowWater = 16 << 10;
+    for (const VELFramedLimits_t& limits : {budget, pressure}) {
+        SCOPED_TRACE(limits.readBudget == 1 ? "read budget" : "back-pressure");
+        veltest::RawPair pair = veltest::MakeRawPair();
+        const int client = pair.client.get();
+        for (const int fd : {client, pair.server.get()}) {
+            const int size = 32 << 10;  // so that the system's buffers do not hide the queue
+            ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)), 0);
+            ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)), 0);
+        }
+        auto handler = boost::make_shared<Recorder>(_log, "x");
+        const auto connection = VEL_FramedConnection::Create(
+                *_reactor,
+                std::unique_ptr<VEL_ByteStream>(new HoldingStream(std::move(pair.server), frames)),
+                Oxl1(), handler, limits);
+        ASSERT_EQ(connection->start(), kVELErr_Ok);
+        ASSERT_TRUE(veltest::WriteAll(client, "!"));
+        if (limits.highWater == pressure.highWater) {
+            ASSERT_TRUE(veltest::WaitFor([&] { return !connection->isReading(); }));
+        }
+        FrameReader reader(client, Oxl1());
+        EXPECT_EQ(reader.read(bodies.size(), seconds(10)), bodies);
+        connection->close();
+    }
 }
 
 // Each time limit closes the connection with kVELErr_Timeout, no sooner than the limit (less the

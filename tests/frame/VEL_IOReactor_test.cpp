@@ -127,6 +127,41 @@ TEST_F(ReactorCoreTest, FailedDispatchKeepsTheRestPendingAndWakesForQueuedChange
     EXPECT_EQ(_reactor.backEndCalls().back(), "add 8 1");
 }
 
+// A handler that holds input of its own asks to be called again: the next wait only polls (no
+// idle time-out, no readiness needed), the handler gets its call among those the poll found, and
+// nothing more afterwards. Asked outside its own call-back, or by a handler that then removed
+// itself, nothing is dispatched.
+TEST_F(ReactorCoreTest, RedispatchCallsAHandlerAgainAtTheNextPassWithoutWaiting) {
+    _reactor.setDoIdle(true);
+    _reactor.setIdleTimeout(basis::TimeValue(0, 300000));
+    for (const auto& handler : {_h5, _h6, _h7}) {
+        ASSERT_EQ(add(handler), kVELErr_Ok);
+    }
+    ASSERT_EQ(_reactor.processEvents(), kVELErr_Ok);
+    EXPECT_EQ(_reactor.redispatch(_h5, kVELOp_Read), kVELErr_InvalidAction);
+    int again = 1;
+    _h5->onInput = [this, &again] {
+        EXPECT_EQ(_reactor.redispatch(_h6, kVELOp_Read), kVELErr_InvalidAction);  // not its own
+        return again-- <= 0 || _reactor.redispatch(_h5, kVELOp_Read) == kVELErr_Ok;
+    };
+    _h7->onInput = [this] {
+        EXPECT_EQ(_reactor.redispatch(_h7, kVELOp_Read), kVELErr_Ok);
+        EXPECT_EQ(_reactor.removeEventHandler(_h7), kVELErr_Ok);
+        return true;
+    };
+    _reactor.script(5, kVELOp_Read);
+    _reactor.script(7, kVELOp_Read);
+    ASSERT_EQ(_reactor.waitEvents(), kVELErr_Ok);
+    ASSERT_EQ(_reactor.processEvents(), kVELErr_Ok);
+    _reactor.script(6, kVELOp_Read);
+    EXPECT_EQ(_reactor.waitEvents(), kVELErr_Ok) << "a handler waited: the wait only polls";
+    ASSERT_EQ(_reactor.processEvents(), kVELErr_Ok);
+    EXPECT_EQ(_h5->calls(), (Calls{"in", "in"}));
+    EXPECT_EQ(_h6->calls(), Calls{"in"});
+    EXPECT_EQ(_h7->calls(), Calls{"in"});
+    EXPECT_EQ(_reactor.waitEvents(), kVELErr_Timeout) << "nothing was asked for again";
+}
+
 TEST_F(ReactorCoreTest, InactivityChecksRunPerPeriodAndEvery2000Passes) {
     for (const unsigned short frequency : {3600, 0}) {
         SCOPED_TRACE("frequency " + std::to_string(frequency));

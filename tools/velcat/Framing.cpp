@@ -11,6 +11,7 @@
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
 #include "VEL_OXLv5.h"
+#include "VEL_SockAddr.h"
 #include "VEL_Socket.h"
 #include "VEL_TN3270.h"
 #include "VEL_Tools.h"
@@ -155,9 +156,9 @@ void Say(const std::string& text) {
     (void)writeAll(STDERR_FILENO, "velcat: " + text + "\n");  // nowhere else to report to
 }
 
-std::string PeerText(const VEL_Socket& socket) {
+std::string AddressText(const VEL_SockAddr& address) {
     std::ostringstream text;
-    text << socket.getRemoteAddr();
+    text << address;
     return text.str();
 }
 

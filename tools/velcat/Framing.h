@@ -14,6 +14,7 @@ class VEL_FrameCodec;
 class VEL_HOLM;
 class VEL_Message;
 class VEL_OXLv2;
+class VEL_SockAddr;
 class VEL_Socket;
 class VEL_Transport;
 
@@ -65,8 +66,8 @@ bool PrintBody(const VEL_Message& message, bool hex);
 // Writes one line to standard error, prefixed "velcat: ".
 void Say(const std::string& text);
 
-// "<host = a.b.c.d, port = n>" of the socket's peer.
-std::string PeerText(const VEL_Socket& socket);
+// "<host = a.b.c.d, port = n>" of an address (a connection's peer).
+std::string AddressText(const VEL_SockAddr& address);
 
 // A trace sink that writes "<file #line> <TID #n> LEVEL - text" lines to standard error, so that
 // standard output carries nothing but message bodies.

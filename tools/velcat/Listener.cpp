@@ -14,6 +14,7 @@
 
 #include "Framing.h"
 #include "TimeValue.h"
+#include "VEL_ByteStream.h"
 #include "VEL_EpollIOReactor.h"
 #include "VEL_FrameCodec.h"
 #include "VEL_FramedAcceptor.h"
@@ -111,9 +112,10 @@ public:
     }
 
     boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
-        auto session = boost::make_shared<Session>(_options, _statistics, PeerText(*socket));
-        return VEL_FramedConnection::Create(reactor, std::move(socket),
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
+        auto session = boost::make_shared<Session>(_options, _statistics,
+                                                   AddressText(stream->getRemoteAddr()));
+        return VEL_FramedConnection::Create(reactor, std::move(stream),
                                             MakeCodec(_options.protocol, _options.maxSize), session,
                                             _limits);
     }
