@@ -82,6 +82,9 @@ public:
     // there is no established session or it has failed (nothing may be sent then).
     VELErr_t shutdown(VELTLSWant_t* want);
 
+    // True once no more input can come: the session has failed, or the peer's close_notify has
+    // been read.
+    bool isOver() const;
     // Decrypted bytes waiting to be read.
     std::size_t decrypted() const;
     // True when decrypted bytes, or received bytes not yet decrypted, wait inside the session.

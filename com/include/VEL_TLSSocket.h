@@ -91,6 +91,11 @@ public:
     // records of up to 16 KiB, so that a frame header and its body travel in one record.
     VELErr_t send(const char* buf, unsigned int len) override;
     VELErr_t recv(char* buf, unsigned int len) override;
+    // As send and recv, every wait bounded by `deadline` (basis::TimeValue::GetHRTime) instead
+    // of the socket's time-outs: kVELErr_Timeout once it has passed (recv traces the bytes
+    // expected and received). For a caller with a deadline of its own (a pipe).
+    VELErr_t sendUntil(const char* buf, unsigned int len, const basis::TimeValue& deadline);
+    VELErr_t recvUntil(char* buf, unsigned int len, const basis::TimeValue& deadline);
     // Takes what is waiting (decrypted, or decryptable from what has arrived) without waiting
     // for the descriptor: Ok when *len bytes came, kVELErr_Incomplete with *len set to the bytes
     // taken (0 when none was waiting). Runs the handshake first when it has not run.
@@ -110,6 +115,12 @@ public:
     // kVELErr_SockHalfClosed for the peer's close_notify or a reset, or the TLS failure. Not
     // traced.
     VELErr_t peekRecv();
+    // Looks at the peer's side without waiting: Ok while the peer may still send,
+    // kVELErr_SockHalfClosed once its close_notify has been read, the session has failed, or
+    // the connection has been shut down by the peer (input it sent before may still be waiting)
+    // or has failed (a pending error is taken and stored as the last system error; otherwise it
+    // is 0). Not traced.
+    VELErr_t checkPeer();
 
     // True once the handshake has completed.
     bool isEstablished() const;
@@ -131,8 +142,12 @@ private:
     // Runs the handshake when it has not completed; the caller holds the session.
     VELErr_t ensureHandshake(int fd);
     VELErr_t runHandshake(int fd);
-    // Sends every byte of `v` (advanced in place) within the send limits.
-    VELErr_t sendAll(int fd, VELIoVec* v, unsigned long n);
+    // Sends every byte of `v` (advanced in place) within `limit`.
+    VELErr_t sendAll(int fd, VELIoVec* v, unsigned long n, WaitLimit& limit);
+    // The limit of a send or writev: the send time-out, as a whole or per wait.
+    WaitLimit sendLimit() const;
+    // Receives `len` bytes into `buf` within `limit`.
+    VELErr_t recvAll(int fd, char* buf, unsigned int len, WaitLimit& limit);
     // Writes the next record of `v` (gathered when its first pieces are small); *put is what
     // went out.
     VELErr_t writeRecord(int fd, VELIoVec* v, unsigned long n, WaitLimit& limit, std::size_t* put);

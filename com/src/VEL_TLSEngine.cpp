@@ -261,6 +261,11 @@ VELErr_t VEL_TLSEngine::shutdown(VELTLSWant_t* want) {
     return outcome(result, kShutdown, want);
 }
 
+bool VEL_TLSEngine::isOver() const {
+    return _failure != kVELErr_Ok ||
+           (_ssl != nullptr && (SSL_get_shutdown(_ssl) & SSL_RECEIVED_SHUTDOWN) != 0);
+}
+
 std::size_t VEL_TLSEngine::decrypted() const {
     return _ssl != nullptr ? static_cast<std::size_t>(SSL_pending(_ssl)) : 0;
 }

@@ -32,6 +32,7 @@ public:
         return WaitLimit(kWhole, basis::TimeValue::GetHRTime() + span);
     }
     static WaitLimit Each(const basis::TimeValue& span) { return WaitLimit(kEach, span); }
+    static WaitLimit Until(const basis::TimeValue& deadline) { return WaitLimit(kWhole, deadline); }
 
     // The span the next wait may take (null: no limit); false when the deadline has passed.
     bool next(basis::TimeValue& span, const basis::TimeValue*& limit) const {
@@ -163,7 +164,25 @@ VELErr_t VEL_TLSSocket::send(const char* buf, unsigned int len) {
     if (code != kVELErr_Ok || len == 0) {
         return code;
     }
-    return sendAll(use.fd(), &whole, 1);
+    WaitLimit limit = sendLimit();
+    return sendAll(use.fd(), &whole, 1, limit);
+}
+
+VELErr_t VEL_TLSSocket::sendUntil(const char* buf, unsigned int len,
+                                  const basis::TimeValue& deadline) {
+    VELIoVec whole{const_cast<char*>(buf), len};  // only read from
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    WaitLimit limit = WaitLimit::Until(deadline);
+    return sendAll(use.fd(), &whole, 1, limit);
+}
+
+VEL_TLSSocket::WaitLimit VEL_TLSSocket::sendLimit() const {
+    const basis::TimeValue span(getSendTimeOut(), 0);
+    return isNonBlock() ? WaitLimit::Each(span) : WaitLimit::Whole(span);
 }
 
 VELErr_t VEL_TLSSocket::writev(VELIoVec* v, unsigned long n) {
@@ -175,17 +194,16 @@ VELErr_t VEL_TLSSocket::writev(VELIoVec* v, unsigned long n) {
     if (code != kVELErr_Ok) {
         return code;
     }
-    return sendAll(use.fd(), v, n);
+    WaitLimit limit = sendLimit();
+    return sendAll(use.fd(), v, n, limit);
 }
 
-VELErr_t VEL_TLSSocket::sendAll(int fd, VELIoVec* v, unsigned long n) {
+VELErr_t VEL_TLSSocket::sendAll(int fd, VELIoVec* v, unsigned long n, WaitLimit& limit) {
     std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     VELErr_t code = ensureHandshake(fd);
     if (code != kVELErr_Ok) {
         return code;
     }
-    const basis::TimeValue span(getSendTimeOut(), 0);
-    WaitLimit limit = isNonBlock() ? WaitLimit::Each(span) : WaitLimit::Whole(span);
     velcom::advance(v, n, 0);  // leading empty pieces
     while (n > 0) {
         std::size_t put = 0;
@@ -251,10 +269,23 @@ VELErr_t VEL_TLSSocket::recv(char* buf, unsigned int len) {
     if (code != kVELErr_Ok || len == 0) {
         return code;
     }
-    const int fd = use.fd();
-    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     WaitLimit limit = isNonBlock() ? WaitLimit::Each(basis::TimeValue(getRecvTimeOut(), 0))
                                    : WaitLimit::None();
+    return recvAll(use.fd(), buf, len, limit);
+}
+
+VELErr_t VEL_TLSSocket::recvUntil(char* buf, unsigned int len, const basis::TimeValue& deadline) {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok || len == 0) {
+        return code;
+    }
+    WaitLimit limit = WaitLimit::Until(deadline);
+    return recvAll(use.fd(), buf, len, limit);
+}
+
+VELErr_t VEL_TLSSocket::recvAll(int fd, char* buf, unsigned int len, WaitLimit& limit) {
+    std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
     std::size_t got = 0;
     const VELErr_t received = recvInto(fd, buf, len, limit, &got);
     return received == kVELErr_Timeout ? recvTimedOut(len, got) : received;
@@ -383,6 +414,37 @@ VELErr_t VEL_TLSSocket::peekRecv() {
     VELTLSWant_t want = kVELTLSWant_Read;
     const VELErr_t code = _engine.peek(&want);
     return code == kVELErr_Incomplete ? kVELErr_Timeout : code;
+}
+
+VELErr_t VEL_TLSSocket::checkPeer() {
+    const HandleUse use(*this);
+    const VELErr_t code = checkTransfer();
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    {
+        std::lock_guard<basis::ThreadMutex> hold(_sessionLock);
+        if (_engine.isOver()) {
+            basis::Thread::SetLastSystemErr(0);
+            return kVELErr_SockHalfClosed;  // close_notify read, or the session failed
+        }
+    }
+    short revents = 0;
+    int err = 0;
+    // POLLRDHUP reports the peer's end of stream even while records it sent before are unread.
+    const int ready =
+            velcom::pollOne(use.fd(), POLLRDHUP, &basis::TimeValue::kZero, &revents, &err);
+    if (ready == 0) {
+        return kVELErr_Ok;
+    }
+    if (ready < 0) {
+        basis::Thread::SetLastSystemErr(err);
+        return kVELErr_SockHalfClosed;
+    }
+    if ((revents & POLLERR) == 0 || getOptError() != kVELErr_SoError) {
+        basis::Thread::SetLastSystemErr(0);  // an orderly end, or a hang-up without error
+    }
+    return kVELErr_SockHalfClosed;
 }
 
 bool VEL_TLSSocket::isEstablished() const {

@@ -277,6 +277,10 @@ protected:
     virtual VELErr_t doCheckPeer(VEL_Socket* socket);
     // Reads and drops the input waiting. kVELErr_Timeout when nothing more is waiting.
     virtual VELErr_t doPurge(VEL_Socket* socket) = 0;
+    // Without waiting: true when input (or an end or failure that a read reports) waits where
+    // the descriptor does not show it, such as bytes a TLS session has already decrypted; the
+    // pipe then reads the connection without waiting for its descriptor. Here: false.
+    virtual bool doHasBufferedInput(VEL_Socket* socket);
 
     // The date (basis::TimeValue::GetHRTime) by which the doSend or doRecv in progress must end.
     // For the transport operations, which run under the pipe lock (a subclass cannot name it).
@@ -295,6 +299,9 @@ private:
     // the status of a forced reconnect, *reconnected telling whether it made one.
     VELErr_t checkLive(const basis::TimeValue& deadline, bool* reconnected);
     VELErr_t waitForInput(const basis::TimeValue& deadline);
+    // Puts on the ready list the connections whose transport holds input that their descriptor
+    // does not show (doHasBufferedInput). True when the ready list holds any connection.
+    bool takeBuffered();
     // waitForRead(): keeps on the ready list the connections that have input; discards those
     // found closed or failed. True when input is waiting.
     bool settleReady();

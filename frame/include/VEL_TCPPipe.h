@@ -12,15 +12,26 @@
 // status other than kVELErr_Ok (kVELErr_Timeout of a probe included) is also traced under the
 // reactor error mask as "FRAME - <status text>".
 //
+// With a TLS context (setTLSContext) every connection made afterwards is a VEL_TLSSocket made by
+// a VEL_TLSConnector, which checks the server's certificate against the endpoint's host as the
+// context asks; the handshake is part of the connect, within the connect time-out. The pipe's
+// send and receive deadlines, its probes and its purge work the same over TLS, and input that a
+// session has already decrypted is read without waiting for the descriptor.
+//
 // Ownership and thread safety: as VEL_Pipe.
 #ifndef FRAME_INCLUDE_VEL_TCPPIPE_H
 #define FRAME_INCLUDE_VEL_TCPPIPE_H
 
 #include <atomic>
+#include <memory>
 
+#include "ThreadAnnotations.h"
+#include "ThreadMutex.h"
 #include "VEL_Err.h"
 #include "VEL_Pipe.h"
 #include "VEL_SelectIOReactor.h"
+
+class VEL_TLSContext;
 
 class VEL_TCPPipe : public VEL_Pipe {
 public:
@@ -36,11 +47,17 @@ public:
 
     // Seconds one connection attempt may wait for the peer. Any thread.
     void setConnectTimeout(unsigned char seconds) { _cnctTimeOut.store(seconds); }
+    // The connect time-out in seconds. Any thread.
     unsigned char getConnectTimeout() const { return _cnctTimeOut.load(); }
+    // Makes the connections made from now on TLS connections of `context` (a client context),
+    // each checking its endpoint's host. kVELErr_TLSInit when the context is invalid or not a
+    // client's, kVELErr_Alloc. Any thread.
+    VELErr_t setTLSContext(const VEL_TLSContext& context);
 
 protected:
     // Connects to the endpoint's port and host with `options`. The connector's status:
-    // kVELErr_Connect (refused, or the host did not resolve), kVELErr_Timeout, ...
+    // kVELErr_Connect (refused, or the host did not resolve), kVELErr_Timeout, ...; over TLS also
+    // the handshake's (kVELErr_TLSCertificate, kVELErr_TLSHandshake, ...).
     VELErr_t doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& socket,
                        const VEL_SockOptions& options) override;
     // The socket's sendUntil and recvUntil, bounded by the pipe's transfer deadline.
@@ -57,11 +74,17 @@ protected:
     // nothing more waits. A failed read gives its status; kVELErr_Incomplete when kPurgeLimit
     // bytes were drained and more is waiting.
     VELErr_t doPurge(VEL_Socket* socket) override;
+    // A TLS socket's peekRecv: true unless it says nothing is waiting. False for a TCP socket
+    // (its descriptor shows all its input).
+    bool doHasBufferedInput(VEL_Socket* socket) override;
 
     // Every socket here comes from doConnect; any other kind gives kVELErr_InvalidSocket.
 
 private:
     std::atomic<unsigned char> _cnctTimeOut;
+    // Guards _tls. A leaf: taken alone, under the pipe lock or not.
+    basis::ThreadMutex _tlsLock;
+    std::shared_ptr<const VEL_TLSContext> _tls VEL_GUARDED_BY(_tlsLock);  // null: plain TCP
 };
 
 #endif  // FRAME_INCLUDE_VEL_TCPPIPE_H

@@ -532,7 +532,7 @@ VELErr_t VEL_Pipe::receive(const Read& read) {
             // A new connection has nothing to read yet: the caller calls again.
             return live != kVELErr_Ok ? live : kVELErr_Timeout;
         }
-        if (isReadyEmpty()) {
+        if (isReadyEmpty() && !takeBuffered()) {
             // Polls once even when the deadline has passed: input already waiting is read.
             const VELErr_t code = waitForInput(deadline);
             if (code == kVELErr_PipeClosed) {
@@ -564,7 +564,7 @@ VELErr_t VEL_Pipe::waitForRead(const basis::TimeValue* limit) {
         if (live != kVELErr_Ok) {
             return live;
         }
-        if (settleReady()) {
+        if (settleReady() || (takeBuffered() && settleReady())) {
             return kVELErr_Ok;
         }
         const VELErr_t code = waitForInput(deadline);
@@ -719,6 +719,20 @@ VELErr_t VEL_Pipe::readv(VELIoVec* v, unsigned long n) {
         discardConnection(_lastRead);  // its input is consumed
     }
     return kVELErr_Ok;
+}
+
+bool VEL_Pipe::takeBuffered() {
+    PipeGuard hold(_pipeLock);
+    for (VELPipeConnection_t& connection : _connections) {
+        if (doHasBufferedInput(connection.socket)) {
+            notifyInput(&connection);  // once on the list, whatever reported it
+        }
+    }
+    return !isReadyEmpty();
+}
+
+bool VEL_Pipe::doHasBufferedInput(VEL_Socket* /*socket*/) {
+    return false;
 }
 
 VELErr_t VEL_Pipe::doCheckPeer(VEL_Socket* socket) {

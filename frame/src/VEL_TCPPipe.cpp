@@ -1,10 +1,16 @@
 #include "VEL_TCPPipe.h"
 
+#include <mutex>
+#include <new>
+
 #include "VEL_Connector.h"
 #include "VEL_FrameTrace.h"
 #include "VEL_StaticInit.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TLSConnector.h"
+#include "VEL_TLSContext.h"
+#include "VEL_TLSSocket.h"
 
 namespace {
 
@@ -19,8 +25,17 @@ VELErr_t traced(VELErr_t code, const char* file = __builtin_FILE(),
     return code;
 }
 
-VEL_TCPSocket* tcpSocket(VEL_Socket* socket) {
-    return dynamic_cast<VEL_TCPSocket*>(socket);
+// Runs `action` on the socket as what it is (a TCP or a TLS socket: both have the operations a
+// pipe uses); kVELErr_InvalidSocket for any other kind.
+template <class Action>
+VELErr_t onSocket(VEL_Socket* socket, const Action& action) {
+    if (auto* tcp = dynamic_cast<VEL_TCPSocket*>(socket)) {
+        return action(*tcp);
+    }
+    if (auto* tls = dynamic_cast<VEL_TLSSocket*>(socket)) {
+        return action(*tls);
+    }
+    return kVELErr_InvalidSocket;
 }
 
 }  // namespace
@@ -30,12 +45,38 @@ VEL_TCPPipe::VEL_TCPPipe(bool failover, VELPipeReactorFactory_t reactorFactory)
 
 VEL_TCPPipe::~VEL_TCPPipe() = default;
 
+VELErr_t VEL_TCPPipe::setTLSContext(const VEL_TLSContext& context) {
+    if (!context.isValid() || context.getRole() != kVELTLS_Client) {
+        return traced(kVELErr_TLSInit);
+    }
+    std::shared_ptr<const VEL_TLSContext> shared(new (std::nothrow) VEL_TLSContext(context));
+    if (!shared) {
+        return traced(kVELErr_Alloc);
+    }
+    std::lock_guard<basis::ThreadMutex> hold(_tlsLock);
+    _tls = std::move(shared);
+    return kVELErr_Ok;
+}
+
 VELErr_t VEL_TCPPipe::doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& socket,
                                 const VEL_SockOptions& options) {
-    VEL_TCPConnector connector(endpoint.port, endpoint.host.c_str(), options);
-    connector.setCnctTimeOut(_cnctTimeOut.load());
+    std::shared_ptr<const VEL_TLSContext> tls;
+    {
+        std::lock_guard<basis::ThreadMutex> hold(_tlsLock);
+        tls = _tls;
+    }
     VEL_Socket* connected = nullptr;
-    const VELErr_t code = connector.connect(connected);
+    VELErr_t code = kVELErr_Ok;
+    if (tls) {
+        // The handshake's failure is traced by the TLS socket, with its reason.
+        VEL_TLSConnector connector(endpoint.port, endpoint.host.c_str(), *tls, options);
+        connector.setCnctTimeOut(_cnctTimeOut.load());
+        code = connector.connect(connected);
+    } else {
+        VEL_TCPConnector connector(endpoint.port, endpoint.host.c_str(), options);
+        connector.setCnctTimeOut(_cnctTimeOut.load());
+        code = connector.connect(connected);
+    }
     if (code == kVELErr_Ok) {
         socket = connected;
     }
@@ -43,53 +84,53 @@ VELErr_t VEL_TCPPipe::doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& 
 }
 
 VELErr_t VEL_TCPPipe::doSend(VEL_Socket* socket, const char* data, unsigned int length) {
-    VEL_TCPSocket* tcp = tcpSocket(socket);
-    return traced(tcp != nullptr ? tcp->sendUntil(data, length, transferDeadline())
-                                 : kVELErr_InvalidSocket);
+    return traced(onSocket(socket, [&](auto& connected) {
+        return connected.sendUntil(data, length, transferDeadline());
+    }));
 }
 
 VELErr_t VEL_TCPPipe::doRecv(VEL_Socket* socket, char* buffer, unsigned int length) {
-    VEL_TCPSocket* tcp = tcpSocket(socket);
-    return traced(tcp != nullptr ? tcp->recvUntil(buffer, length, transferDeadline())
-                                 : kVELErr_InvalidSocket);
+    return traced(onSocket(socket, [&](auto& connected) {
+        return connected.recvUntil(buffer, length, transferDeadline());
+    }));
 }
 
 VELErr_t VEL_TCPPipe::doHasRecv(VEL_Socket* socket) {
-    VEL_TCPSocket* tcp = tcpSocket(socket);
-    if (tcp == nullptr) {
-        return traced(kVELErr_InvalidSocket);
-    }
-    VELErr_t code = tcp->hasRecv();
-    if (code == kVELErr_Ok) {
-        code = tcp->peekRecv();  // readable also means closed or failed
-    }
-    return traced(code);
+    return traced(onSocket(socket, [](auto& connected) {
+        VELErr_t code = connected.hasRecv();
+        if (code == kVELErr_Ok) {
+            code = connected.peekRecv();  // readable also means closed or failed
+        }
+        return code;
+    }));
 }
 
 VELErr_t VEL_TCPPipe::doCheckPeer(VEL_Socket* socket) {
-    VEL_TCPSocket* tcp = tcpSocket(socket);
-    return traced(tcp != nullptr ? tcp->checkPeer() : kVELErr_InvalidSocket);
+    return traced(onSocket(socket, [](auto& connected) { return connected.checkPeer(); }));
 }
 
 VELErr_t VEL_TCPPipe::doPurge(VEL_Socket* socket) {
-    VEL_TCPSocket* tcp = tcpSocket(socket);
-    if (tcp == nullptr) {
-        return traced(kVELErr_InvalidSocket);
-    }
-    char scratch[kPurgeChunk];
-    unsigned long drained = 0;
-    VELErr_t status = tcp->hasRecv();
-    while (status == kVELErr_Ok) {
-        if (drained >= kPurgeLimit) {
-            return traced(kVELErr_Incomplete);  // bounded against a peer that never stops
+    return traced(onSocket(socket, [](auto& connected) {
+        char scratch[kPurgeChunk];
+        unsigned long drained = 0;
+        VELErr_t status = connected.hasRecv();
+        while (status == kVELErr_Ok) {
+            if (drained >= kPurgeLimit) {
+                return kVELErr_Incomplete;  // bounded against a peer that never stops
+            }
+            unsigned int length = kPurgeChunk;
+            const VELErr_t code = connected.recvAvail(scratch, &length);
+            if (code != kVELErr_Ok && code != kVELErr_Incomplete) {
+                return code;
+            }
+            drained += length;
+            status = connected.hasRecv();
         }
-        unsigned int length = kPurgeChunk;
-        const VELErr_t code = tcp->recvAvail(scratch, &length);
-        if (code != kVELErr_Ok && code != kVELErr_Incomplete) {
-            return traced(code);
-        }
-        drained += length;
-        status = tcp->hasRecv();
-    }
-    return traced(status);
+        return status;
+    }));
+}
+
+bool VEL_TCPPipe::doHasBufferedInput(VEL_Socket* socket) {
+    auto* tls = dynamic_cast<VEL_TLSSocket*>(socket);
+    return tls != nullptr && tls->peekRecv() != kVELErr_Timeout;
 }

@@ -272,27 +272,39 @@ TEST_F(TLSSocketTest, HandshakeEndsWithinItsTimeOutWhenThePeerStaysSilent) {
     EXPECT_LT(took, seconds(3));
 }
 
-TEST_F(TLSSocketTest, TransfersKeepTheSocketTimeOuts) {
-    TLSSocketPair pair = veltest::MakeTLSSocketPair();
-    ASSERT_TRUE(pair.client && pair.server);
-    VEL_SockOptions options;
-    options.setNonBlock(true);  // native time-outs: each wait of a receive is bounded
-    options.setRecvTimeOut(1);
-    options.setSendTimeOut(1);
-    ASSERT_EQ(pair.client->setOptions(options), kVELErr_Ok);
-    char buf[8];
-    auto start = Clock::now();
-    EXPECT_EQ(pair.client->recv(buf, sizeof(buf)), kVELErr_Timeout);
-    EXPECT_GE(Clock::now() - start, milliseconds(900));
-    EXPECT_LT(Clock::now() - start, seconds(3));
+// The socket's time-outs bound its transfers; sendUntil and recvUntil are bounded by the caller's
+// deadline instead, whatever the socket's own (a receive would otherwise wait without limit).
+TEST_F(TLSSocketTest, TransfersKeepTheSocketTimeOutsOrTheCallersDeadline) {
+    for (const bool deadline : {false, true}) {
+        SCOPED_TRACE(deadline ? "the caller's deadline" : "the socket's time-outs");
+        TLSSocketPair pair = veltest::MakeTLSSocketPair();
+        ASSERT_TRUE(pair.client && pair.server);
+        VEL_SockOptions options;
+        options.setNonBlock(!deadline);  // native time-outs: each wait of a receive is bounded
+        options.setRecvTimeOut(deadline ? 10 : 1);
+        options.setSendTimeOut(deadline ? 10 : 1);
+        ASSERT_EQ(pair.client->setOptions(options), kVELErr_Ok);
+        const auto inOneSecond = [] {
+            return basis::TimeValue::GetHRTime() + basis::TimeValue(1, 0);
+        };
+        char buf[8];
+        auto start = Clock::now();
+        EXPECT_EQ(deadline ? pair.client->recvUntil(buf, sizeof(buf), inOneSecond())
+                           : pair.client->recv(buf, sizeof(buf)),
+                  kVELErr_Timeout);
+        EXPECT_GE(Clock::now() - start, milliseconds(900));
+        EXPECT_LT(Clock::now() - start, seconds(3));
 
-    // The peer never reads: the send time-out bounds a send that fills both buffers.
-    const std::string big(32 << 20, 'x');
-    start = Clock::now();
-    EXPECT_EQ(pair.client->send(big.data(), static_cast<unsigned int>(big.size())),
-              kVELErr_Timeout);
-    EXPECT_GE(Clock::now() - start, milliseconds(900));
-    EXPECT_LT(Clock::now() - start, seconds(3));
+        // The peer never reads: a send that fills both buffers ends at its limit.
+        const std::string big(32 << 20, 'x');
+        const auto size = static_cast<unsigned int>(big.size());
+        start = Clock::now();
+        EXPECT_EQ(deadline ? pair.client->sendUntil(big.data(), size, inOneSecond())
+                           : pair.client->send(big.data(), size),
+                  kVELErr_Timeout);
+        EXPECT_GE(Clock::now() - start, milliseconds(900));
+        EXPECT_LT(Clock::now() - start, seconds(3));
+    }
 }
 
 TEST_F(TLSSocketTest, CloseFromAnotherThreadReleasesABlockedRecv) {

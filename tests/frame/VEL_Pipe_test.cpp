@@ -1,11 +1,14 @@
 #include "VEL_Pipe.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -14,18 +17,28 @@
 #include <thread>
 #include <vector>
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include "FramedSupport.h"
 #include "ReactorSupport.h"
 #include "SocketSupport.h"
+#include "TLSSupport.h"
 #include "TestSupport.h"
+#include "VEL_ByteStream.h"
+#include "VEL_FrameCodec.h"
+#include "VEL_FramedAcceptor.h"
+#include "VEL_FramedConnection.h"
 #include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPPipe.h"
+#include "VEL_TLSContext.h"
+#include "VEL_TLSSocket.h"
 #include "VEL_TN3270.h"
+#include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
 namespace {
@@ -112,8 +125,12 @@ private:
     std::vector<std::string> _events;
 };
 
+std::string on(const char* event, unsigned short port) {
+    return event + (" " + std::to_string(port));
+}
+
 std::string on(const char* event, const Server& server) {
-    return event + (" " + std::to_string(server.port()));
+    return on(event, server.port());
 }
 
 // A TCP pipe whose sends can be made to fail, with its protected operations at hand.
@@ -123,6 +140,7 @@ public:
     using VEL_Pipe::getNextConnection;
     using VEL_Pipe::tryMultipleReconnect;
     using VEL_TCPPipe::doCheckPeer;
+    using VEL_TCPPipe::doHasBufferedInput;
     using VEL_TCPPipe::doHasRecv;
     using VEL_TCPPipe::doPurge;
 
@@ -610,63 +628,193 @@ TEST_P(PipeTest, RecvAndWaitForReadTimeOutThenSeeInput) {
     EXPECT_EQ(buffer[0], 'z');
 }
 
+// A TLS echo server on a reactor of its own (framed connections over TLS).
+class TLSEchoServer {
+public:
+    TLSEchoServer() : _reactor(veltest::MakeSelectReactor(64, basis::TimeValue(1, 0))) {
+        (void)VEL_TimerManager::GetInstance();  // the connections' deadlines
+        EXPECT_EQ(_reactor->init(), kVELErr_Ok);
+        EXPECT_EQ(_reactor->open(), basis::kErr_Ok);
+        _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"),
+                                               boost::make_shared<Factory>(_log));
+        EXPECT_EQ(_acceptor->useTLS(veltest::ServerContext()), kVELErr_Ok);
+        EXPECT_EQ(_acceptor->open(), kVELErr_Ok);
+    }
+    ~TLSEchoServer() {
+        veltest::StopAndClean(*_reactor);
+        _acceptor.reset();
+    }
+    unsigned short port() const { return _acceptor->getLocalAddr().getPort(); }
+
+private:
+    class Factory : public VEL_ConnectionFactory {
+    public:
+        explicit Factory(veltest::EventLog& log) : _log(log) {}
+        boost::shared_ptr<VEL_FramedConnection> makeConnection(
+                VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
+            return VEL_FramedConnection::Create(
+                    reactor, std::move(stream),
+                    std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(1 << 20)),
+                    boost::make_shared<veltest::Recorder>(_log, "echo"));
+        }
+
+    private:
+        veltest::EventLog& _log;
+    };
+
+    veltest::EventLog _log;
+    std::unique_ptr<VEL_IOReactor> _reactor;
+    boost::shared_ptr<VEL_FramedAcceptor> _acceptor;
+};
+
+// A pipe over TLS: frames go to both servers in turn and come back. The echo of two frames sent
+// together comes back in one record, so that the second is decrypted with the first and its
+// descriptor has nothing more to report: it is read at once, not after the receive time-out. A
+// server whose certificate the pipe cannot verify gives no connection.
+TEST_P(PipeTest, TLSConnectionsCarryFramesAndDecryptedInputIsReadAtOnce) {
+    ASSERT_TRUE(veltest::TLSFiles::Get().made);
+    TLSEchoServer servers[2];
+    TestPipe pipe(false, GetParam());
+    for (const TLSEchoServer& server : servers) {
+        ASSERT_EQ(pipe.addConnection(server.port(), "127.0.0.1"), kVELErr_Ok);
+    }
+    pipe.setRecvTimeout(1);
+    pipe.setPipeNotifier(&recorder);
+    ASSERT_EQ(pipe.setTLSContext(veltest::ClientContext()), kVELErr_Ok);
+    ASSERT_EQ(pipe.open(), kVELErr_Ok);
+    EXPECT_EQ(recorder.count("up"), 2);
+    VEL_OXLv1 transport(&pipe, 1024);
+    VEL_Message message;
+    const auto body = [&message] { return std::string(message.data(), message.size()); };
+    for (int i = 0; i < 4; ++i) {
+        const std::string sent = "message " + std::to_string(i);
+        ASSERT_EQ(message.setData(sent.data(), sent.size()), kVELErr_Ok);
+        ASSERT_EQ(transport.sendMessage(&message), kVELErr_Ok);
+        ASSERT_EQ(transport.recvMessage(&message), kVELErr_Ok);
+        EXPECT_EQ(body(), sent);
+    }
+    EXPECT_EQ(recorder.count(on("use", servers[0].port())),
+              recorder.count(on("use", servers[1].port())));
+
+    std::string two;
+    for (const char* each : {"first", "second"}) {
+        ASSERT_EQ(message.setData(each, std::strlen(each)), kVELErr_Ok);
+        std::string frame;
+        ASSERT_EQ(VEL_OXLv1Codec(1024).encode(&message, frame), kVELErr_Ok);
+        two += frame;
+    }
+    ASSERT_EQ(pipe.send(two.data(), static_cast<unsigned int>(two.size())), kVELErr_Ok);
+    ASSERT_EQ(transport.recvMessage(&message), kVELErr_Ok);
+    EXPECT_EQ(body(), "first");
+    const basis::TimeValue start = basis::TimeValue::GetHRTime();
+    ASSERT_EQ(transport.recvMessage(&message), kVELErr_Ok);
+    EXPECT_EQ(body(), "second");
+    EXPECT_LT(secondsSince(start), 0.9) << "waited for the descriptor";
+
+    TestPipe refusing(true, GetParam());
+    ASSERT_EQ(refusing.addConnection(servers[0].port(), "127.0.0.1"), kVELErr_Ok);
+    ASSERT_EQ(refusing.setTLSContext(VEL_TLSContext(kVELTLS_Client)), kVELErr_Ok);  // trusts none
+    refusing.setPipeNotifier(&recorder);
+    EXPECT_EQ(refusing.open(), kVELErr_PipeNoConnection);
+    EXPECT_EQ(recorder.last(), on("fail", servers[0].port()));
+}
+
 INSTANTIATE_TEST_SUITE_P(BackEnds, PipeTest,
                          ::testing::Values(&veltest::MakeSelectReactor, &veltest::MakeEpollReactor),
                          veltest::BackEndName);
 
-// The probes: input stays where it is; a peer that closed or reset is told apart from one that
-// sent something, and one that shut down its sending side behind input is seen before a send.
-// Every status but Ok is traced as an error ("FRAME - <status text>").
-TEST(TCPPipeTransportTest, ProbesTellInputFromAPeerThatClosed) {
-    const std::function<void(veltest::RawFd&)> nothing = [](veltest::RawFd&) {};
-    const std::function<void(veltest::RawFd&)> input = [](veltest::RawFd& peer) {
-        veltest::WriteAll(peer.get(), "b");
+// The probes, over TCP and over TLS: input stays where it is; a peer that closed or reset is told
+// apart from one that sent something, and one that shut down its sending side behind input is
+// seen before a send. Over TLS, what a probe found is inside the session, where the descriptor no
+// longer shows it: the pipe is told (doHasBufferedInput). Every status but Ok is traced as an
+// error ("FRAME - <status text>").
+TEST(TCPPipeTransportTest, ProbesTellInputFromAPeerThatClosedOverTCPAndTLS) {
+    ASSERT_TRUE(veltest::TLSFiles::Get().made);
+    // The far end: a raw descriptor (TCP) or a TLS socket.
+    struct Peer {
+        veltest::RawFd raw;
+        std::unique_ptr<VEL_TLSSocket> tls;
     };
-    const std::function<void(veltest::RawFd&)> end = [](veltest::RawFd& peer) {
-        ::shutdown(peer.get(), SHUT_WR);
+    const std::function<void(Peer&)> nothing = [](Peer&) {};
+    const std::function<void(Peer&)> input = [](Peer& peer) {
+        EXPECT_TRUE(peer.tls ? peer.tls->send("b", 1) == kVELErr_Ok
+                             : veltest::WriteAll(peer.raw.get(), "b"));
+    };
+    const std::function<void(Peer&)> end = [](Peer& peer) {
+        if (peer.tls) {
+            EXPECT_EQ(peer.tls->close(), kVELErr_Ok);  // close_notify, then the descriptor
+        } else {
+            EXPECT_EQ(::shutdown(peer.raw.get(), SHUT_WR), 0);
+        }
+    };
+    const std::function<void(Peer&)> reset = [](Peer& peer) {
+        const int fd = peer.tls ? veltest::Fd(*peer.tls) : peer.raw.get();
+        const linger abort{1, 0};
+        EXPECT_EQ(::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort)), 0);
+        if (peer.tls) {
+            (void)peer.tls->close();  // close_notify, then the reset: either ends the session
+        } else {
+            peer.raw.reset();
+        }
     };
     const struct {
-        std::function<void(veltest::RawFd&)> peer;
+        std::function<void(Peer&)> peer;
         VELErr_t hasRecv;
         VELErr_t checkPeer;
     } cases[] = {{nothing, kVELErr_Timeout, kVELErr_Ok},
                  {input, kVELErr_Ok, kVELErr_Ok},
                  {end, kVELErr_SockHalfClosed, kVELErr_SockHalfClosed},
-                 {[&](veltest::RawFd& peer) {
+                 {[&](Peer& peer) {
                       input(peer);
                       end(peer);
                   },
                   kVELErr_Ok, kVELErr_SockHalfClosed},
-                 {[](veltest::RawFd& peer) {
-                      const linger reset{1, 0};
-                      ::setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-                      peer.reset();
-                  },
-                  kVELErr_SockHalfClosed, kVELErr_SockHalfClosed}};
+                 {reset, kVELErr_SockHalfClosed, kVELErr_SockHalfClosed}};
     TestPipe pipe(false, &veltest::MakeSelectReactor);
-    for (std::size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
-        SCOPED_TRACE(i);
-        veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer();
-        ASSERT_TRUE(pair.socket);
-        cases[i].peer(pair.peer);
-        EXPECT_TRUE(veltest::WaitFor(
-                [&] { return pipe.doCheckPeer(pair.socket.get()) == cases[i].checkPeer; }));
-        veltest::RecordingSink sink(kVELTrace_FrameError);
-        veltest::ScopedSink installed(&sink);
-        EXPECT_EQ(pipe.doHasRecv(pair.socket.get()), cases[i].hasRecv);
-        const std::vector<veltest::RecordingSink::Line> lines = sink.lines();
-        if (cases[i].hasRecv == kVELErr_Ok) {
-            EXPECT_TRUE(lines.empty());
-        } else {
-            ASSERT_EQ(lines.size(), 1u);
-            EXPECT_EQ(lines[0].level, kVELLevel_Error);
-            const std::string text = VEL_Tools::GetErrStr(cases[i].hasRecv);
-            const std::string status = "FRAME - " + text.substr(0, text.rfind(" {"));  // no errno
-            EXPECT_EQ(lines[0].text.compare(0, status.size(), status), 0) << lines[0].text;
+    for (const bool tls : {false, true}) {
+        for (std::size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+            SCOPED_TRACE(std::string(tls ? "TLS " : "TCP ") + std::to_string(i));
+            Peer peer;
+            std::unique_ptr<VEL_Socket> socket;
+            if (tls) {
+                veltest::TLSSocketPair pair = veltest::MakeTLSSocketPair();
+                ASSERT_TRUE(pair.client);
+                socket = std::move(pair.client);
+                peer.tls = std::move(pair.server);
+                const int on = 1;  // the input goes out at once, not after the tickets' ACK
+                ASSERT_EQ(::setsockopt(veltest::Fd(*peer.tls), IPPROTO_TCP, TCP_NODELAY, &on,
+                                       sizeof(on)),
+                          0);
+            } else {
+                veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer();
+                ASSERT_TRUE(pair.socket);
+                socket = std::move(pair.socket);
+                peer.raw = std::move(pair.peer);
+            }
+            cases[i].peer(peer);
+            EXPECT_TRUE(veltest::WaitFor(
+                    [&] { return pipe.doCheckPeer(socket.get()) == cases[i].checkPeer; }));
+            {
+                veltest::RecordingSink sink(kVELTrace_FrameError);
+                veltest::ScopedSink installed(&sink);
+                EXPECT_EQ(pipe.doHasRecv(socket.get()), cases[i].hasRecv);
+                const std::vector<veltest::RecordingSink::Line> lines = sink.lines();
+                if (cases[i].hasRecv == kVELErr_Ok) {
+                    EXPECT_TRUE(lines.empty());
+                } else {
+                    ASSERT_EQ(lines.size(), 1u);
+                    EXPECT_EQ(lines[0].level, kVELLevel_Error);
+                    const std::string text = VEL_Tools::GetErrStr(cases[i].hasRecv);
+                    const std::string status = "FRAME - " + text.substr(0, text.rfind(" {"));
+                    EXPECT_EQ(lines[0].text.compare(0, status.size(), status), 0) << lines[0].text;
+                }
+            }
+            EXPECT_EQ(pipe.doHasBufferedInput(socket.get()),
+                      tls && cases[i].hasRecv != kVELErr_Timeout);
+            char byte = 0;
+            EXPECT_EQ(cases[i].hasRecv == kVELErr_Ok ? socket->recv(&byte, 1) : kVELErr_Ok,
+                      kVELErr_Ok);  // the probes took nothing
         }
-        char byte = 0;
-        EXPECT_EQ(cases[i].hasRecv == kVELErr_Ok ? pair.socket->recv(&byte, 1) : kVELErr_Ok,
-                  kVELErr_Ok);  // the probes took nothing
     }
 }
 
