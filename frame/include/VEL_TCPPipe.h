@@ -24,6 +24,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "ThreadAnnotations.h"
 #include "ThreadMutex.h"
@@ -53,6 +54,9 @@ public:
     // each checking its endpoint's host. kVELErr_TLSInit when the context is invalid or not a
     // client's, kVELErr_Alloc. Any thread.
     VELErr_t setTLSContext(const VEL_TLSContext& context);
+    // The status of the last connection attempt that failed (kVELErr_Ok before any) and, over
+    // TLS, its reason ("certificate verify failed: ...") in `detail`. Any thread.
+    VELErr_t getLastConnectFailure(std::string* detail) const;
 
 protected:
     // Connects to the endpoint's port and host with `options`. The connector's status:
@@ -82,9 +86,11 @@ protected:
 
 private:
     std::atomic<unsigned char> _cnctTimeOut;
-    // Guards _tls. A leaf: taken alone, under the pipe lock or not.
-    basis::ThreadMutex _tlsLock;
-    std::shared_ptr<const VEL_TLSContext> _tls VEL_GUARDED_BY(_tlsLock);  // null: plain TCP
+    // Guards the fields below it. A leaf: taken alone, under the pipe lock or not.
+    mutable basis::ThreadMutex _connectLock;
+    std::shared_ptr<const VEL_TLSContext> _tls VEL_GUARDED_BY(_connectLock);  // null: plain TCP
+    VELErr_t _lastFailure VEL_GUARDED_BY(_connectLock) = kVELErr_Ok;
+    std::string _lastFailureDetail VEL_GUARDED_BY(_connectLock);
 };
 
 #endif  // FRAME_INCLUDE_VEL_TCPPIPE_H

@@ -53,7 +53,7 @@ VELErr_t VEL_TCPPipe::setTLSContext(const VEL_TLSContext& context) {
     if (!shared) {
         return traced(kVELErr_Alloc);
     }
-    std::lock_guard<basis::ThreadMutex> hold(_tlsLock);
+    std::lock_guard<basis::ThreadMutex> hold(_connectLock);
     _tls = std::move(shared);
     return kVELErr_Ok;
 }
@@ -62,16 +62,18 @@ VELErr_t VEL_TCPPipe::doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& 
                                 const VEL_SockOptions& options) {
     std::shared_ptr<const VEL_TLSContext> tls;
     {
-        std::lock_guard<basis::ThreadMutex> hold(_tlsLock);
+        std::lock_guard<basis::ThreadMutex> hold(_connectLock);
         tls = _tls;
     }
     VEL_Socket* connected = nullptr;
     VELErr_t code = kVELErr_Ok;
+    std::string detail;
     if (tls) {
         // The handshake's failure is traced by the TLS socket, with its reason.
         VEL_TLSConnector connector(endpoint.port, endpoint.host.c_str(), *tls, options);
         connector.setCnctTimeOut(_cnctTimeOut.load());
         code = connector.connect(connected);
+        detail = connector.getFailureDetail();
     } else {
         VEL_TCPConnector connector(endpoint.port, endpoint.host.c_str(), options);
         connector.setCnctTimeOut(_cnctTimeOut.load());
@@ -79,8 +81,18 @@ VELErr_t VEL_TCPPipe::doConnect(const VELPipeEndpoint_t& endpoint, VEL_Socket*& 
     }
     if (code == kVELErr_Ok) {
         socket = connected;
+    } else {
+        std::lock_guard<basis::ThreadMutex> hold(_connectLock);
+        _lastFailure = code;
+        _lastFailureDetail = detail;
     }
     return traced(code);
+}
+
+VELErr_t VEL_TCPPipe::getLastConnectFailure(std::string* detail) const {
+    std::lock_guard<basis::ThreadMutex> hold(_connectLock);
+    *detail = _lastFailureDetail;
+    return _lastFailure;
 }
 
 VELErr_t VEL_TCPPipe::doSend(VEL_Socket* socket, const char* data, unsigned int length) {

@@ -23,14 +23,12 @@ namespace {
 
 using veltest::ChildProcess;
 using veltest::Hex;
+using veltest::OpensslServer;
 using veltest::TLSFiles;
 
 // "from vel" and "from openssl" as OXLv1 frames.
 const std::string kVelFrame = Hex("00000014 FFFFFFEB 0020 31 00") + "from vel";
 const std::string kOpensslFrame = Hex("00000018 FFFFFFE7 0020 31 00") + "from openssl";
-// An old protocol offered by a peer: TLS 1.0 only, with the ciphers that OpenSSL's default
-// security level would refuse for it allowed again.
-const std::vector<std::string> kTLS10Only = {"-tls1", "-cipher", "DEFAULT@SECLEVEL=0"};
 
 class TLSInteropTest : public veltest::SocketLeakTest {
 protected:
@@ -45,56 +43,6 @@ protected:
 
 std::string bodyOf(const VEL_Message& message) {
     return std::string(message.data(), message.size());
-}
-
-// openssl s_server on a port of the system's choice, serving one connection; what it receives
-// goes to its output (after its session report), what it is given on input to the client.
-class OpensslServer {
-public:
-    OpensslServer(const std::string& cert, const std::string& key,
-                  const std::vector<std::string>& extra = {})
-        : _process(arguments(cert, key, extra)) {
-        const std::string marker = "ACCEPT 127.0.0.1:";
-        if (_process.waitForOutput(marker) && _process.waitForOutput("\n")) {
-            const std::string out = _process.output();
-            port = static_cast<unsigned short>(
-                    std::stoul(out.substr(out.find(marker) + marker.size())));
-        }
-    }
-    ChildProcess& process() { return _process; }
-    unsigned short port = 0;
-
-private:
-    static std::vector<std::string> arguments(const std::string& cert, const std::string& key,
-                                              const std::vector<std::string>& extra) {
-        std::vector<std::string> argv = {"openssl",  "s_server", "-accept", "127.0.0.1:0",
-                                         "-naccept", "1",        "-cert",   cert,
-                                         "-key",     key};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        return argv;
-    }
-
-    ChildProcess _process;
-};
-
-// openssl s_client connecting to 127.0.0.1:`port`, verifying the server as "localhost" against
-// the test CA and refusing it when that fails; only the data it receives goes to its output.
-std::unique_ptr<ChildProcess> opensslClient(unsigned short port,
-                                            const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> argv = {"openssl",
-                                     "s_client",
-                                     "-connect",
-                                     "127.0.0.1:" + std::to_string(port),
-                                     "-CAfile",
-                                     TLSFiles::Get().caCert,
-                                     "-servername",
-                                     "localhost",
-                                     "-verify_hostname",
-                                     "localhost",
-                                     "-verify_return_error",
-                                     "-quiet"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return std::make_unique<ChildProcess>(argv);
 }
 
 TEST_F(TLSInteropTest, ClientExchangesOXLv1FramesWithOpensslServer) {
@@ -118,7 +66,8 @@ TEST_F(TLSInteropTest, ClientExchangesOXLv1FramesWithOpensslServer) {
 
 // Accepts one connection on `acceptor` and exchanges a frame each way with s_client.
 void exchangeWithOpensslClient(VEL_TLSAcceptor& acceptor) {
-    const std::unique_ptr<ChildProcess> peer = opensslClient(acceptor.getLocalAddr().getPort());
+    const std::unique_ptr<ChildProcess> peer =
+            veltest::OpensslClient(acceptor.getLocalAddr().getPort());
     VEL_Socket* accepted = nullptr;
     ASSERT_EQ(acceptor.accept(accepted), kVELErr_Ok) << peer->errors();
     const std::unique_ptr<VEL_Socket> server(accepted);
@@ -169,8 +118,8 @@ TEST_F(TLSInteropTest, ClientRefusesBadServersWithTheirStatusAndReason) {
              "localhost",
              kVELErr_TLSCertificate,
              "certificate verify failed: certificate has expired"},
-            {"TLS 1.0", files.serverCert, kTLS10Only, "localhost", kVELErr_TLSHandshake,
-             "protocol version"},
+            {"TLS 1.0", files.serverCert, veltest::kOfferTLS10Only, "localhost",
+             kVELErr_TLSHandshake, "protocol version"},
     };
     for (const ClientRefusal& c : cases) {
         SCOPED_TRACE(c.name);
@@ -215,7 +164,8 @@ TEST_F(TLSInteropTest, ServerRefusesBadClientsAndGoesOnServing) {
     VEL_Socket* accepted = nullptr;
     {
         SCOPED_TRACE("TLS 1.0 offered");
-        const std::unique_ptr<ChildProcess> peer = opensslClient(port, kTLS10Only);
+        const std::unique_ptr<ChildProcess> peer =
+                veltest::OpensslClient(port, veltest::kOfferTLS10Only);
         EXPECT_EQ(acceptor.accept(accepted), kVELErr_TLSHandshake);
         EXPECT_TRUE(sink.contains("unsupported protocol"));
     }
@@ -231,7 +181,7 @@ TEST_F(TLSInteropTest, ServerRefusesBadClientsAndGoesOnServing) {
                 0, "127.0.0.1", veltest::ServerContext(files.selfSignedCert, files.selfSignedKey));
         ASSERT_EQ(untrusted.open(), kVELErr_Ok);
         const std::unique_ptr<ChildProcess> peer =
-                opensslClient(untrusted.getLocalAddr().getPort());
+                veltest::OpensslClient(untrusted.getLocalAddr().getPort());
         EXPECT_EQ(untrusted.accept(accepted), kVELErr_TLSCertificate);
         EXPECT_TRUE(sink.contains("unknown ca"));
     }

@@ -54,6 +54,8 @@ bool makeFiles(TLSFiles& files) {
            newKey(files.serverKey) &&
            issue(files, files.serverKey, "/CN=localhost", serverNames, "30", files.serverCert) &&
            issue(files, files.serverKey, "/CN=localhost", serverNames, "-1", files.expiredCert) &&
+           issue(files, files.serverKey, "/CN=other.example", "subjectAltName=DNS:other.example",
+                 "30", files.otherNameCert) &&
            openssl({"pkey", "-in", files.serverKey, "-aes256", "-passout",
                     std::string("pass:") + TLSFiles::kKeyPassword, "-out",
                     files.encryptedServerKey}) &&
@@ -62,7 +64,9 @@ bool makeFiles(TLSFiles& files) {
                     "-addext", serverNames, "-days", "30", "-out", files.selfSignedCert}) &&
            newKey(files.clientKey) &&
            issue(files, files.clientKey, "/CN=vel test client", "extendedKeyUsage=clientAuth", "30",
-                 files.clientCert);
+                 files.clientCert) &&
+           issue(files, files.clientKey, "/CN=vel test client", "extendedKeyUsage=clientAuth", "-1",
+                 files.expiredClientCert);
 }
 
 // Owns the scratch folder and removes it when the test process ends.
@@ -82,10 +86,12 @@ struct ScratchFiles {
         files.serverKey = d + "server.key";
         files.encryptedServerKey = d + "server-encrypted.key";
         files.expiredCert = d + "expired.pem";
+        files.otherNameCert = d + "other-name.pem";
         files.selfSignedCert = d + "self-signed.pem";
         files.selfSignedKey = d + "self-signed.key";
         files.clientCert = d + "client.pem";
         files.clientKey = d + "client.key";
+        files.expiredClientCert = d + "expired-client.pem";
         files.made = makeFiles(files);
     }
     ~ScratchFiles() {
@@ -153,6 +159,49 @@ TLSSocketPair MakeTLSSocketPair(const VEL_TLSContext& server, const VEL_TLSConte
 
 TLSSocketPair MakeTLSSocketPair() {
     return MakeTLSSocketPair(ServerContext(), ClientContext());
+}
+
+const std::vector<std::string> kOfferTLS10Only = {"-tls1", "-cipher", "DEFAULT@SECLEVEL=0"};
+
+namespace {
+
+std::vector<std::string> serverArguments(const std::string& cert, const std::string& key,
+                                         const std::vector<std::string>& extra) {
+    std::vector<std::string> argv = {"openssl", "s_server", "-accept", "127.0.0.1:0", "-naccept",
+                                     "1",       "-cert",    cert,      "-key",        key};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+}
+
+}  // namespace
+
+OpensslServer::OpensslServer(const std::string& cert, const std::string& key,
+                             const std::vector<std::string>& extra)
+    : _process(serverArguments(cert, key, extra)) {
+    const std::string marker = "ACCEPT 127.0.0.1:";
+    if (_process.waitForOutput(marker) && _process.waitForOutput("\n")) {
+        const std::string out = _process.output();
+        port = static_cast<unsigned short>(
+                std::stoul(out.substr(out.find(marker) + marker.size())));
+    }
+}
+
+std::unique_ptr<ChildProcess> OpensslClient(unsigned short port,
+                                            const std::vector<std::string>& extra) {
+    std::vector<std::string> argv = {"openssl",
+                                     "s_client",
+                                     "-connect",
+                                     "127.0.0.1:" + std::to_string(port),
+                                     "-CAfile",
+                                     TLSFiles::Get().caCert,
+                                     "-servername",
+                                     "localhost",
+                                     "-verify_hostname",
+                                     "localhost",
+                                     "-verify_return_error",
+                                     "-quiet"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return std::make_unique<ChildProcess>(argv);
 }
 
 }  // namespace veltest

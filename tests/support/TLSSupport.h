@@ -1,12 +1,14 @@
 // TLS test material: certificates and keys made with the openssl command in a scratch folder
-// (once per test process, removed at its end), contexts built from them, and a loopback pair of
-// connected TLS sockets.
+// (once per test process, removed at its end), contexts built from them, a loopback pair of
+// connected TLS sockets, and the openssl command's s_server and s_client as independent peers.
 #ifndef TESTS_SUPPORT_TLSSUPPORT_H
 #define TESTS_SUPPORT_TLSSUPPORT_H
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "ChildProcess.h"
 #include "VEL_TLSAcceptor.h"
 #include "VEL_TLSContext.h"
 #include "VEL_TLSSocket.h"
@@ -15,7 +17,7 @@ namespace veltest {
 
 // The files, by path. Every certificate but the self-signed one is issued by the test CA; the
 // server's name localhost and address 127.0.0.1, for 30 days (expiredCert: the same key and
-// names, expired yesterday).
+// names, expired yesterday; otherNameCert: the same key, named other.example only).
 struct TLSFiles {
     bool made = false;  // false when the openssl command failed (reported to the test)
     std::string dir;
@@ -23,8 +25,10 @@ struct TLSFiles {
     std::string serverCert, serverKey;
     std::string encryptedServerKey;  // serverKey under the password kKeyPassword
     std::string expiredCert;
+    std::string otherNameCert;
     std::string selfSignedCert, selfSignedKey;  // CN localhost, not issued by the CA
     std::string clientCert, clientKey;          // CN "vel test client"
+    std::string expiredClientCert;              // clientKey's, expired yesterday
 
     static constexpr const char* kKeyPassword = "correct horse";
 
@@ -49,6 +53,30 @@ struct TLSSocketPair {
 // Fails the calling test (and returns empty pointers) when the pair cannot be made.
 TLSSocketPair MakeTLSSocketPair(const VEL_TLSContext& server, const VEL_TLSContext& client);
 TLSSocketPair MakeTLSSocketPair();
+
+// The options that make an openssl peer offer TLS 1.0 only (with the ciphers that OpenSSL's
+// default security level would refuse for it allowed again).
+extern const std::vector<std::string> kOfferTLS10Only;
+
+// openssl s_server on a port of the system's choice, serving one connection with `cert` and
+// `key`, and `extra` options: what it receives goes to its output (after its session report),
+// what it is given on input goes to the client. `port` is 0 when it did not start.
+class OpensslServer {
+public:
+    OpensslServer(const std::string& cert, const std::string& key,
+                  const std::vector<std::string>& extra = {});
+    ChildProcess& process() { return _process; }
+    unsigned short port = 0;
+
+private:
+    ChildProcess _process;
+};
+
+// openssl s_client connecting to 127.0.0.1:`port` with `extra` options, verifying the server as
+// "localhost" against the test CA and giving up when that fails; only the data it receives goes
+// to its output.
+std::unique_ptr<ChildProcess> OpensslClient(unsigned short port,
+                                            const std::vector<std::string>& extra = {});
 
 }  // namespace veltest
 

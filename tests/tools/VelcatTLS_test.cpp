@@ -1,5 +1,8 @@
-// velcat's TLS client against the openssl command's s_server, as a user would run them.
+// velcat over TLS against the openssl command's s_server and s_client, as a user would run them:
+// frames both ways, and the peers it must refuse, each said clearly, with the others served.
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -7,6 +10,7 @@
 
 #include "ChildProcess.h"
 #include "MemorySocket.h"
+#include "SocketSupport.h"
 #include "TLSSupport.h"
 #include "VelcatProcess.h"
 
@@ -14,92 +18,209 @@ namespace {
 
 using veltest::ChildProcess;
 using veltest::Hex;
+using veltest::OpensslServer;
 using veltest::TLSFiles;
 using veltest::VelcatProcess;
 using Strings = std::vector<std::string>;
 
-// s_server on a port of the system's choice for one connection: what it receives goes to its
-// output after its session report, what it is given on input goes to the client.
-struct OpensslServer {
-    OpensslServer(const std::string& cert, const std::string& key)
-        : process({"openssl", "s_server", "-accept", "127.0.0.1:0", "-naccept", "1", "-cert", cert,
-                   "-key", key}) {
-        const std::string marker = "ACCEPT 127.0.0.1:";
-        if (process.waitForOutput(marker) && process.waitForOutput("\n")) {
-            const std::string out = process.output();
-            port = std::to_string(std::stoul(out.substr(out.find(marker) + marker.size())));
-        }
-    }
-    ChildProcess process;
-    std::string port;
-};
+// OXLv1 frames built by hand: total length, its complement, flag word 32, version '1', 0.
+const std::string kHello = Hex("0000001A FFFFFFE5 0020 31 00") + "hello over tls";
+const std::string kReply = Hex("00000011 FFFFFFEE 0020 31 00") + "reply";
+const std::string kSecond = Hex("00000012 FFFFFFED 0020 31 00") + "second";
 
-TEST(VelcatTLSTest, ClientExchangesLinesWithOpensslServer) {
-    const TLSFiles& files = TLSFiles::Get();
-    ASSERT_TRUE(files.made);
-    OpensslServer server(files.serverCert, files.serverKey);
-    ASSERT_FALSE(server.port.empty()) << server.process.errors();
-    VelcatProcess velcat({"--tls", "--ca", files.caCert, "-c", "1", "localhost", server.port});
-    ASSERT_TRUE(velcat.write("hello over tls\n"));
-    const std::string frame = Hex("0000001A FFFFFFE5 0020 31 00") + "hello over tls";
-    EXPECT_TRUE(server.process.waitForOutput(frame)) << server.process.output();
-    ASSERT_TRUE(server.process.write(Hex("00000011 FFFFFFEE 0020 31 00") + "reply"));
-    EXPECT_EQ(velcat.readOutput(6), "reply\n");
-    velcat.closeInput();
-    EXPECT_EQ(velcat.wait(), 0) << velcat.errors();
+Strings operator+(Strings left, const Strings& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
 }
 
-// A run that must fail, and what velcat says.
+// The client and the pipe client (in both modes) against s_server: a line goes out as a frame,
+// and two frames that s_server writes at once (one record: the second is decrypted with the
+// first, and its descriptor has nothing more to report) are both printed at once.
+TEST(VelcatTLSTest, ClientAndPipeExchangeFramesWithOpensslServer) {
+    const TLSFiles& files = TLSFiles::Get();
+    ASSERT_TRUE(files.made);
+    for (const Strings& mode : {Strings{}, Strings{"--pipe"}, Strings{"--failover", "--pipe"}}) {
+        SCOPED_TRACE(mode.empty() ? "client" : mode.front());
+        OpensslServer server(files.serverCert, files.serverKey);
+        ASSERT_NE(server.port, 0) << server.process().errors();
+        const std::string port = std::to_string(server.port);
+        const Strings target =
+                mode.empty() ? Strings{"localhost", port} : mode + Strings{"localhost:" + port};
+        VelcatProcess velcat(Strings{"--tls", "--ca", files.caCert, "-c", "2"} + target);
+        ASSERT_TRUE(velcat.write("hello over tls\n"));
+        EXPECT_TRUE(server.process().waitForOutput(kHello)) << server.process().output();
+        ASSERT_TRUE(server.process().write(kReply + kSecond));
+        EXPECT_EQ(velcat.readOutput(13), "reply\nsecond\n");
+        EXPECT_EQ(velcat.wait(), 0) << velcat.errors();  // -c 2: done, input still open
+    }
+}
+
+// The listener (-e) and s_client: a frame each way.
+TEST(VelcatTLSTest, ListenerExchangesFramesWithOpensslClient) {
+    const TLSFiles& files = TLSFiles::Get();
+    ASSERT_TRUE(files.made);
+    VelcatProcess listener({"--tls", "--cert", files.serverCert, "--key", files.serverKey, "-l",
+                            "-e", "-s", "127.0.0.1", "0"});
+    const unsigned short port = listener.listeningPort();
+    ASSERT_NE(port, 0) << listener.errors();
+    EXPECT_NE(listener.errors().find("(oxl1 over TLS, epoll)"), std::string::npos);
+    const std::unique_ptr<ChildProcess> peer = veltest::OpensslClient(port);
+    ASSERT_TRUE(peer->write(kHello));
+    EXPECT_TRUE(peer->waitForOutput(kHello)) << peer->errors();
+    listener.terminate();
+    EXPECT_EQ(listener.wait(), 0);
+    EXPECT_NE(listener.errors().find("stopped: 1 connections, 1 messages, 0 closed on errors"),
+              std::string::npos)
+            << listener.errors();
+}
+
+// A listener that requires client certificates (--ca), and the peers it must refuse: each one's
+// handshake fails with its status and reason, said on stderr, and a good client is served after
+// them all by the same listener.
+TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
+    const TLSFiles& files = TLSFiles::Get();
+    ASSERT_TRUE(files.made);
+    VelcatProcess listener({"--tls", "--cert", files.serverCert, "--key", files.serverKey, "--ca",
+                            files.caCert, "-l", "-e", "-s", "127.0.0.1", "0"});
+    const unsigned short port = listener.listeningPort();
+    ASSERT_NE(port, 0) << listener.errors();
+    const Strings certified = {"-cert", files.clientCert, "-key", files.clientKey};
+    using Kept = std::shared_ptr<void>;
+    const auto openssl = [port](const Strings& options) {
+        return [port, options]() -> Kept {
+            std::shared_ptr<ChildProcess> peer = veltest::OpensslClient(port, options);
+            (void)peer->write(kHello);
+            return peer;
+        };
+    };
+    const struct {
+        const char* name;
+        std::function<Kept()> peer;  // starts it; what it returns keeps it going
+        std::string said;
+    } peers[] = {
+            {"TLS 1.0 offered", openssl(certified + veltest::kOfferTLS10Only),
+             "TLS handshake failed {0} [401] (unsupported protocol)"},
+            {"plain TCP",
+             [port]() -> Kept {
+                 auto plain = std::make_shared<veltest::RawFd>(veltest::RawConnect(port));
+                 EXPECT_TRUE(veltest::WriteAll(plain->get(), kHello));
+                 return plain;
+             },
+             "TLS protocol error {0} [403] (wrong version number)"},
+            {"untrusted certificate",
+             openssl({"-cert", files.selfSignedCert, "-key", files.selfSignedKey}),
+             "TLS certificate refused {0} [402] (certificate verify failed: self-signed "
+             "certificate)"},
+            {"expired certificate",
+             openssl({"-cert", files.expiredClientCert, "-key", files.clientKey}),
+             "TLS certificate refused {0} [402] (certificate verify failed: certificate has "
+             "expired)"},
+            {"wrong host name", openssl(certified + Strings{"-verify_hostname", "other.example"}),
+             "TLS certificate refused {0} [402] (sslv3 alert bad certificate)"},
+            {"no client certificate", openssl({}),
+             "TLS certificate refused {0} [402] (peer did not return a certificate)"},
+    };
+    for (const auto& bad : peers) {
+        SCOPED_TRACE(bad.name);
+        const Kept kept = bad.peer();
+        EXPECT_TRUE(listener.waitForError("velcat: TLS connection of <host = 127.0.0.1, port = "))
+                << listener.errors();
+        EXPECT_TRUE(listener.waitForError("> closed: " + bad.said)) << listener.errors();
+    }
+    VelcatProcess good({"--tls", "--ca", files.caCert, "--cert", files.clientCert, "--key",
+                        files.clientKey, "-c", "1", "127.0.0.1", std::to_string(port)});
+    ASSERT_TRUE(good.write("still served\n"));
+    EXPECT_EQ(good.readOutput(13), "still served\n");
+    EXPECT_EQ(good.wait(), 0) << good.errors();
+    listener.terminate();
+    EXPECT_EQ(listener.wait(), 0);
+    EXPECT_NE(listener.errors().find("stopped: 7 connections, 1 messages, 6 closed on errors"),
+              std::string::npos)
+            << listener.errors();
+}
+
+// The servers the client must refuse, the mistakes on its command line, and what velcat says.
 struct Refusal {
     const char* name;
-    std::string cert;
-    std::string key;
-    Strings options;
+    std::function<std::unique_ptr<OpensslServer>()> server;  // null: none needed
+    Strings options;                                         // before HOST PORT, or "--pipe"
     int status;
     Strings said;  // parts of standard error
 };
 
-TEST(VelcatTLSTest, RefusalsAndMistakesAreSaidClearly) {
+TEST(VelcatTLSTest, ClientRefusalsAndMistakesAreSaidClearly) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
+    const auto serving = [](const std::string& cert, const std::string& key,
+                            const Strings& extra = {}) {
+        return [cert, key, extra] { return std::make_unique<OpensslServer>(cert, key, extra); };
+    };
+    const Strings trusting = {"--ca", files.caCert};
     const Refusal cases[] = {
             {"expired",
-             files.expiredCert,
-             files.serverKey,
-             {"--ca", files.caCert},
+             serving(files.expiredCert, files.serverKey),
+             trusting,
              1,
-             {"cannot connect to localhost port", "TLS certificate refused",
-              "(certificate verify failed: certificate has expired)"}},
+             {"cannot connect to localhost port ",
+              ": TLS certificate refused {0} [402] (certificate verify failed: certificate has "
+              "expired)"}},
             {"untrusted",
-             files.selfSignedCert,
-             files.selfSignedKey,
-             {"--ca", files.caCert},
+             serving(files.selfSignedCert, files.selfSignedKey),
+             trusting,
              1,
-             {"TLS certificate refused", "self-signed certificate"}},
+             {"TLS certificate refused {0} [402] (certificate verify failed: self-signed "
+              "certificate)"}},
+            {"wrong host name",
+             serving(files.otherNameCert, files.serverKey),
+             trusting,
+             1,
+             {"TLS certificate refused {0} [402] (certificate verify failed: hostname mismatch)"}},
+            {"TLS 1.0 offered",
+             serving(files.serverCert, files.serverKey, veltest::kOfferTLS10Only),
+             trusting,
+             1,
+             {"TLS handshake failed {0} [401] (", "protocol version)"}},
+            {"pipe to an untrusted server",
+             serving(files.selfSignedCert, files.selfSignedKey),
+             trusting + Strings{"--pipe"},
+             1,
+             {"no endpoint of the pipe answers: No connection available within the pipe",
+              "; the last attempt: TLS certificate refused {0} [402] (certificate verify "
+              "failed: self-signed certificate)"}},
             {"unreadable CA file",
-             files.serverCert,
-             files.serverKey,
+             nullptr,
              {"--ca", files.dir + "/absent.pem"},
              1,
              {"cannot use " + files.dir + "/absent.pem: Cannot open file"}},
             {"key without certificate",
-             files.serverCert,
-             files.serverKey,
+             nullptr,
              {"--key", files.clientKey},
              2,
              {"--cert and --key go together"}},
-            {"TLS listener", files.serverCert, files.serverKey, {"-l"}, 2, {"--tls is for client"}},
+            {"listener without certificate",
+             nullptr,
+             {"-l"},
+             2,
+             {"a TLS listener needs --cert and --key"}},
+            {"insecure listener",
+             nullptr,
+             {"-l", "--insecure", "--cert", files.serverCert, "--key", files.serverKey},
+             2,
+             {"--insecure is for clients"}},
     };
     for (const Refusal& c : cases) {
         SCOPED_TRACE(c.name);
-        OpensslServer server(c.cert, c.key);
-        ASSERT_FALSE(server.port.empty()) << server.process.errors();
-        Strings args = {"--tls"};
-        args.insert(args.end(), c.options.begin(), c.options.end());
-        if (c.options.front() != "-l") {
-            args.push_back("localhost");
+        const std::unique_ptr<OpensslServer> server = c.server ? c.server() : nullptr;
+        ASSERT_TRUE(!server || server->port != 0) << server->process().errors();
+        const std::string port = server ? std::to_string(server->port) : "1";
+        Strings args = Strings{"--tls"} + c.options;
+        if (c.options.back() == "--pipe") {
+            args.push_back("localhost:" + port);
+        } else if (c.options.front() == "-l") {
+            args.push_back("0");
+        } else {
+            args.insert(args.end(), {"localhost", port});
         }
-        args.push_back(server.port);
         VelcatProcess velcat(args);
         velcat.closeInput();
         EXPECT_EQ(velcat.wait(), c.status);
@@ -113,10 +234,10 @@ TEST(VelcatTLSTest, InsecureClientWarnsAndTalksToAnyServer) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
     OpensslServer server(files.selfSignedCert, files.selfSignedKey);
-    ASSERT_FALSE(server.port.empty()) << server.process.errors();
-    VelcatProcess velcat({"--tls", "--insecure", "127.0.0.1", server.port});
+    ASSERT_NE(server.port, 0) << server.process().errors();
+    VelcatProcess velcat({"--tls", "--insecure", "127.0.0.1", std::to_string(server.port)});
     ASSERT_TRUE(velcat.write("x\n"));
-    EXPECT_TRUE(server.process.waitForOutput(Hex("0000000D FFFFFFF2 0020 31 00") + "x"));
+    EXPECT_TRUE(server.process().waitForOutput(Hex("0000000D FFFFFFF2 0020 31 00") + "x"));
     EXPECT_TRUE(velcat.waitForError("warning: --insecure"));
     velcat.closeInput();
     EXPECT_EQ(velcat.wait(), 0) << velcat.errors();

@@ -17,6 +17,7 @@
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
+#include "TLSSupport.h"
 #include "TestSupport.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_Tools.h"
@@ -116,34 +117,49 @@ void stopListener(VelcatProcess& listener) {
     EXPECT_NE(listener.errors().find("velcat: stopped: "), std::string::npos);
 }
 
-// Every protocol through `velcat -l -e` on both back ends: bodies come back unchanged, in order,
-// one line each. The compressing rows include an empty line and a line of 59580 bytes, whose
-// compression room (floor(size x 1.1) cut to 16 bits) is 2 bytes: both go plain, the 2000-byte
-// line compressed.
+// Every protocol through `velcat -l -e` on both back ends, in clear and over TLS (the client's,
+// and a pipe's in both modes): bodies come back unchanged, in order, one line each. The
+// compressing rows include an empty line and a line of 59580 bytes, whose compression room
+// (floor(size x 1.1) cut to 16 bits) is 2 bytes: both go plain, the 2000-byte line compressed.
 TEST(VelcatTest, EveryProtocolEchoesThroughTheListener) {
+    const veltest::TLSFiles& files = veltest::TLSFiles::Get();
+    ASSERT_TRUE(files.made);
+    const std::string tls = "--tls --cert " + files.serverCert + " --key " + files.serverKey + " ";
+    const std::string trusting = "--tls --ca " + files.caCert + " ";
     const std::string compressing = "hello\n\n" + kLine + "\n" + std::string(59580, 'b') + "\n";
     const struct {
-        const char* listener;
-        const char* client;
+        std::string listener;
+        std::string client;
         std::string input;
         std::string expected;
-    } cases[] = {{"", "-c 3", "one\n\nthree", "one\n\nthree\n"},
-                 {"", "-x -c 2", "hi\n\x01\xff\n", "6869\n01ff\n"},
-                 {"-p oxl2", "-p oxl2 -c 2", "plain\nbodies\n", "plain\nbodies\n"},
-                 {"-p oxl2", "-p oxl2 -z -c 4", compressing, compressing},
-                 {"-p oxl5", "-p oxl5 -c 3", "a\n\nccc\n", "a\n\nccc\n"},
-                 {"-p holm", "-p holm -c 2", "plain\nbodies\n", "plain\nbodies\n"},
-                 {"-p holm", "-p holm -z -c 4", compressing, compressing},
-                 {"-p holm", "-p holm -S -c 2", "secret\n\n", "secret\n\n"},
-                 {"-p holm", "-p holm -S -z -c 4", compressing, compressing},
-                 {"-p tn3270", "-p tn3270 -c 1", "raw record\n", "raw record\n"}};
+        bool pipe;  // the client runs over a pipe to the listener
+    } cases[] = {
+            {"", "-c 3", "one\n\nthree", "one\n\nthree\n", false},
+            {"", "-x -c 2", "hi\n\x01\xff\n", "6869\n01ff\n", false},
+            {"-p oxl2", "-p oxl2 -c 2", "plain\nbodies\n", "plain\nbodies\n", false},
+            {"-p oxl2", "-p oxl2 -z -c 4", compressing, compressing, false},
+            {"-p oxl5", "-p oxl5 -c 3", "a\n\nccc\n", "a\n\nccc\n", false},
+            {"-p holm", "-p holm -c 2", "plain\nbodies\n", "plain\nbodies\n", false},
+            {"-p holm", "-p holm -z -c 4", compressing, compressing, false},
+            {"-p holm", "-p holm -S -c 2", "secret\n\n", "secret\n\n", false},
+            {"-p holm", "-p holm -S -z -c 4", compressing, compressing, false},
+            {"-p tn3270", "-p tn3270 -c 1", "raw record\n", "raw record\n", false},
+            {tls, trusting + "-c 3", "one\n\nthree", "one\n\nthree\n", false},
+            {tls + "-p oxl2", trusting + "-p oxl2 -z -c 4", compressing, compressing, false},
+            {tls + "-p oxl5", trusting + "-p oxl5 -c 3", "a\n\nccc\n", "a\n\nccc\n", false},
+            {tls + "-p holm", trusting + "-p holm -S -z -c 4", compressing, compressing, false},
+            {tls + "-p tn3270", trusting + "-p tn3270 -c 1", "raw record\n", "raw record\n", false},
+            {tls + "-p holm", trusting + "-p holm -z -c 4", compressing, compressing, true},
+            {tls + "-p oxl5", trusting + "-p oxl5 --failover -c 3", "a\n\nccc\n", "a\n\nccc\n",
+             true}};
     for (const auto& each : cases) {
         for (const std::string backend : {"epoll", "select"}) {
-            SCOPED_TRACE(std::string(each.client) + " " + backend);
-            auto listener = startListener(each.listener + (" -e --backend " + backend));
+            SCOPED_TRACE(each.client + " " + backend);
+            auto listener = startListener(each.listener + " -e --backend " + backend);
             EXPECT_NE(listener->errors().find(", " + backend + ")\n"), std::string::npos);
-            VelcatProcess client(words(
-                    each.client + (" 127.0.0.1 " + std::to_string(listener->listeningPort()))));
+            const std::string port = std::to_string(listener->listeningPort());
+            VelcatProcess client(words(each.client + (each.pipe ? " --pipe 127.0.0.1:" + port
+                                                                : " 127.0.0.1 " + port)));
             EXPECT_TRUE(client.write(each.input));
             client.closeInput();
             EXPECT_EQ(client.wait(seconds(20)), 0) << client.errors();

@@ -15,6 +15,7 @@
 #include "Framing.h"
 #include "Thread.h"
 #include "TimeValue.h"
+#include "Tls.h"
 #include "VEL_EpollIOReactor.h"
 #include "VEL_Message.h"
 #include "VEL_Pipe.h"
@@ -24,6 +25,7 @@
 #include "VEL_TCPPipe.h"
 #include "VEL_TLSConnector.h"
 #include "VEL_TLSContext.h"
+#include "VEL_TLSSocket.h"
 #include "VEL_Tools.h"
 
 namespace velcat {
@@ -54,6 +56,15 @@ bool isConnectionLevel(VELErr_t code) {
         default:
             return false;
     }
+}
+
+// False, said with `what` before the status, for a failure.
+bool said(VELErr_t code, const std::string& what) {
+    if (code != kVELErr_Ok) {
+        Say(what + FailureText(code));
+        return false;
+    }
+    return true;
 }
 
 // Notices that a pipe has connected to another server, whose HOLM side has never seen this
@@ -88,7 +99,6 @@ public:
 private:
     bool connect();
     bool openTcp();
-    bool makeTlsContext(VEL_TLSContext& context) const;
     bool openPipe();
     int pumpInput();
     int waitForReader();
@@ -96,6 +106,8 @@ private:
     void readLoop();
     int received(VELErr_t code);
     void finish(int status);
+    // The status text, with a TLS session's reason for a TLS failure.
+    std::string failureText(VELErr_t code) const;
     void noteInput();
     bool silentTooLong(int* pollTimeout) const;
 
@@ -158,7 +170,7 @@ bool Client::openTcp() {
     std::string detail;
     if (_options.tls) {
         VEL_TLSContext context(kVELTLS_Client);
-        if (!makeTlsContext(context)) {
+        if (!MakeClientContext(_options, context)) {
             return false;
         }
         VEL_TLSConnector connector(_options.port, _options.host.c_str(), context,
@@ -173,38 +185,10 @@ bool Client::openTcp() {
     }
     if (code != kVELErr_Ok) {
         Say("cannot connect to " + _options.host + " port " + std::to_string(_options.port) + ": " +
-            VEL_Tools::GetErrStr(code) + (detail.empty() ? "" : " (" + detail + ")"));
+            FailureText(code, detail));
         return false;
     }
     _socket.reset(socket);
-    return true;
-}
-
-// The client's TLS settings from the command line; false (said) when a file cannot be used.
-bool Client::makeTlsContext(VEL_TLSContext& context) const {
-    VELErr_t code = context.isValid() ? kVELErr_Ok : kVELErr_TLSInit;
-    std::string what = "TLS";
-    if (code == kVELErr_Ok && _options.insecure) {
-        Say("warning: --insecure: the server's certificate is not checked; anybody on the path "
-            "can read and change this connection");
-        code = context.setPeerVerification(kVELTLSVerify_None);
-    } else if (code == kVELErr_Ok) {
-        what = _options.caFile.empty() ? "the system's trusted certificates" : _options.caFile;
-        code = _options.caFile.empty() ? context.useSystemTrustStore()
-                                       : context.loadTrustedCAFile(_options.caFile.c_str());
-    }
-    if (code == kVELErr_Ok && !_options.certFile.empty()) {
-        what = _options.certFile;
-        code = context.useCertificateChainFile(_options.certFile.c_str());
-        if (code == kVELErr_Ok) {
-            what = _options.keyFile;
-            code = context.usePrivateKeyFile(_options.keyFile.c_str());
-        }
-    }
-    if (code != kVELErr_Ok) {
-        Say("cannot use " + what + ": " + VEL_Tools::GetErrStr(code));
-        return false;
-    }
     return true;
 }
 
@@ -224,9 +208,19 @@ bool Client::openPipe() {
     pipe->setRecvTimeout(kTimeoutSeconds);
     pipe->setSockOptions(connectionOptions());
     pipe->setPipeNotifier(&_watch);
+    if (_options.tls) {
+        VEL_TLSContext context(kVELTLS_Client);
+        if (!MakeClientContext(_options, context) ||
+            !said(pipe->setTLSContext(context), "cannot use TLS: ")) {
+            return false;
+        }
+    }
     const VELErr_t code = pipe->open();
     if (code != kVELErr_Ok) {
-        Say("no endpoint of the pipe answers: " + VEL_Tools::GetErrStr(code));
+        std::string detail;
+        const VELErr_t last = pipe->getLastConnectFailure(&detail);
+        Say("no endpoint of the pipe answers: " + FailureText(code) +
+            (last != kVELErr_Ok ? "; the last attempt: " + FailureText(last, detail) : ""));
         return false;
     }
     return true;
@@ -331,7 +325,7 @@ bool Client::sendLine(const std::string& line) {
         }
     }
     if (code != kVELErr_Ok) {
-        Say("send failed: " + VEL_Tools::GetErrStr(code));
+        Say("send failed: " + failureText(code));
         return false;
     }
     return true;
@@ -376,8 +370,16 @@ int Client::received(VELErr_t code) {
             std::to_string(_options.count) + " messages");
         return 1;
     }
-    Say("receive failed: " + VEL_Tools::GetErrStr(code));
+    Say("receive failed: " + failureText(code));
     return 1;
+}
+
+std::string Client::failureText(VELErr_t code) const {
+    const auto* tls = dynamic_cast<const VEL_TLSSocket*>(_socket.get());
+    if (tls == nullptr || !IsTLSFailure(code)) {
+        return VEL_Tools::GetErrStr(code);
+    }
+    return FailureText(code, tls->getFailureDetail());
 }
 
 void Client::finish(int status) {

@@ -14,6 +14,7 @@
 
 #include "Framing.h"
 #include "TimeValue.h"
+#include "Tls.h"
 #include "VEL_ByteStream.h"
 #include "VEL_EpollIOReactor.h"
 #include "VEL_FrameCodec.h"
@@ -23,6 +24,7 @@
 #include "VEL_Message.h"
 #include "VEL_SelectIOReactor.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TLSContext.h"
 #include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
@@ -36,6 +38,9 @@ constexpr unsigned long kMaxConnections = 65536;
 // the listening socket.
 constexpr unsigned long kOwnHandlers = 2;
 
+// Lines said per second at most about connections that fail their TLS handshake.
+constexpr unsigned long kTLSLinesPerSecond = 10;
+
 // Counters, written on the reactor thread and read by the main thread once it has stopped.
 struct Statistics {
     std::atomic<unsigned long> messages{0};
@@ -43,12 +48,48 @@ struct Statistics {
     std::atomic<unsigned long> refused{0};
 };
 
+// Says on stderr why a TLS connection failed: a peer that cannot talk to this listener is
+// something its user must hear of. At most kTLSLinesPerSecond lines a second, so that a flood of
+// bad peers does not become a flood of lines; the next line said counts those left out.
+// Reactor thread, then the thread that cleans the stopped reactor: never two at once.
+class TLSFailures {
+public:
+    void say(const std::string& peer, VELErr_t reason, const std::string& detail) {
+        const basis::TimeValue now = basis::TimeValue::GetHRTime();
+        if (!(now < _windowStart + basis::TimeValue(1, 0))) {
+            _windowStart = now;
+            _saidInWindow = 0;
+        }
+        if (_saidInWindow >= kTLSLinesPerSecond) {
+            ++_leftOut;
+            return;
+        }
+        ++_saidInWindow;
+        std::string line = "TLS connection of " + peer + " closed: " + FailureText(reason, detail);
+        if (_leftOut > 0) {
+            line += " (" + std::to_string(_leftOut) + " more not said)";
+            _leftOut = 0;
+        }
+        Say(line);
+    }
+
+private:
+    basis::TimeValue _windowStart;
+    unsigned long _saidInWindow = 0;
+    unsigned long _leftOut = 0;
+};
+
 // One accepted connection: prints each message or sends it back, following the peer's
 // compression and secure session (the codec does).
 class Session : public VEL_ConnectionHandler {
 public:
-    Session(const Options& options, Statistics& statistics, std::string peer)
-        : _echo(options.echo), _hex(options.hex), _statistics(statistics), _peer(std::move(peer)) {}
+    Session(const Options& options, Statistics& statistics, TLSFailures& tlsFailures,
+            std::string peer)
+        : _echo(options.echo),
+          _hex(options.hex),
+          _statistics(statistics),
+          _tlsFailures(tlsFailures),
+          _peer(std::move(peer)) {}
 
     void onMessage(VEL_FramedConnection& connection, VEL_Message& message) override {
         ++_statistics.messages;
@@ -64,9 +105,12 @@ public:
         }
     }
 
-    void onClose(VEL_FramedConnection& /*connection*/, VELErr_t reason) override {
+    void onClose(VEL_FramedConnection& connection, VELErr_t reason) override {
         if (_failure != kVELErr_Ok) {
             reason = _failure;  // this side gave up: that is the reason to tell
+        }
+        if (IsTLSFailure(reason)) {
+            _tlsFailures.say(_peer, reason, connection.getFailureDetail());
         }
         if (reason == kVELErr_SockHalfClosed) {
             if (VEL_Tools::IsTraceOn(kVELTrace_Com)) {
@@ -95,6 +139,7 @@ private:
     const bool _echo;
     const bool _hex;
     Statistics& _statistics;
+    TLSFailures& _tlsFailures;
     const std::string _peer;
     VELErr_t _failure = kVELErr_Ok;  // reactor thread
 };
@@ -106,6 +151,7 @@ public:
         : _options(options), _reactorSize(reactorSize), _statistics(statistics) {
         _limits.frameDeadline = options.deadline;
         _limits.outputDeadline = options.deadline;
+        _limits.handshakeDeadline = options.deadline;
         _limits.idleTimeout = 0;  // a client may keep a connection open and quiet
         // Room to echo the largest body the listener takes, whatever the peer reads meanwhile.
         _limits.maxPendingOutput = 4 * options.maxSize + (1 << 20);
@@ -113,7 +159,7 @@ public:
 
     boost::shared_ptr<VEL_FramedConnection> makeConnection(
             VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
-        auto session = boost::make_shared<Session>(_options, _statistics,
+        auto session = boost::make_shared<Session>(_options, _statistics, _tlsFailures,
                                                    AddressText(stream->getRemoteAddr()));
         return VEL_FramedConnection::Create(reactor, std::move(stream),
                                             MakeCodec(_options.protocol, _options.maxSize), session,
@@ -146,6 +192,7 @@ private:
     const Options& _options;
     const unsigned long _reactorSize;
     Statistics& _statistics;
+    TLSFailures _tlsFailures;
     VELFramedLimits_t _limits;
     bool _said = false;  // reactor thread, as _lastSaid
     basis::TimeValue _lastSaid;
@@ -182,6 +229,15 @@ bool start(const Options& options, VEL_IOReactor& reactor,
         Say("cannot start the reactor: " + VEL_Tools::GetErrStr(code));
         return false;
     }
+    VEL_TLSContext context(kVELTLS_Server);
+    if (options.tls && !MakeServerContext(options, context)) {
+        return false;
+    }
+    code = options.tls ? acceptor->useTLS(context) : kVELErr_Ok;
+    if (code != kVELErr_Ok) {
+        Say("cannot serve TLS: " + FailureText(code));
+        return false;
+    }
     code = acceptor->open();
     if (code != kVELErr_Ok) {
         Say("cannot listen on port " + std::to_string(options.port) + ": " +
@@ -214,8 +270,8 @@ int RunListener(const Options& options) {
     }
     const VEL_SockAddr& local = acceptor->getLocalAddr();
     Say(std::string("listening on ") + local.getHostIPAddress() + " port " +
-        std::to_string(local.getPort()) + " (" + ProtocolName(options.protocol) + ", " +
-        backendName(options.backend) + ")");
+        std::to_string(local.getPort()) + " (" + ProtocolName(options.protocol) +
+        (options.tls ? " over TLS" : "") + ", " + backendName(options.backend) + ")");
 
     int received = 0;
     (void)sigwait(&stopSignals, &received);  // fails only for a bad set

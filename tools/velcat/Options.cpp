@@ -89,16 +89,22 @@ const char kUsage[] =
         "                     and the listening socket included; beyond, connections are closed\n"
         "                     at once and said on stderr (once per second at most)\n"
         "      --deadline N   listen mode: seconds a peer has to complete a frame it has begun,\n"
-        "                     and to take what is sent to it; a peer that does not is closed\n"
-        "                     (default 10)\n"
-        "      --tls          client: connect over TLS (1.2 or later); the server's certificate\n"
-        "                     must chain to a trusted certificate and name HOST\n"
-        "      --ca FILE      with --tls: trust the certificates of this PEM file (default: the\n"
-        "                     system's store)\n"
+        "                     its TLS handshake, and to take what is sent to it; a peer that\n"
+        "                     does not is closed (default 10)\n"
+        "      --tls          every protocol over TLS (1.2 or later). Client and pipe: the\n"
+        "                     server's certificate must chain to a trusted certificate and\n"
+        "                     name HOST (with --pipe, each endpoint's host). Listener: needs\n"
+        "                     --cert and --key; a peer must complete its handshake within\n"
+        "                     --deadline seconds, and a failed handshake is said on stderr\n"
+        "                     (10 lines a second at most) while the others are served\n"
+        "      --ca FILE      with --tls: client: trust the certificates of this PEM file\n"
+        "                     (default: the system's store); listener: require a client\n"
+        "                     certificate that chains to them\n"
         "      --cert FILE    with --tls: this side's certificate chain (PEM), with --key\n"
         "      --key FILE     with --tls: this side's private key (PEM, not encrypted)\n"
-        "      --insecure     with --tls: do not check the server's certificate (anybody on the\n"
-        "                     path can then read and change the traffic)\n"
+        "      --insecure     with --tls, client and pipe: do not check the server's\n"
+        "                     certificate (anybody on the path can then read and change the\n"
+        "                     traffic)\n"
         "  -h, --help         print this help\n"
         "\n"
         "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
@@ -253,12 +259,12 @@ bool checkTls(const Options& options, std::string& error) {
                             !options.caFile.empty() || options.insecure;
     if (tlsDetails && !options.tls) {
         error = "--cert, --key, --ca and --insecure need --tls";
-    } else if (options.tls && options.listen) {
-        error = "--tls is for client mode (the TLS listener is not available yet)";
-    } else if (options.tls && !options.pipe.empty()) {
-        error = "--tls does not run over --pipe yet";
     } else if (options.certFile.empty() != options.keyFile.empty()) {
         error = "--cert and --key go together";
+    } else if (options.tls && options.listen && options.certFile.empty()) {
+        error = "a TLS listener needs --cert and --key";
+    } else if (options.insecure && options.listen) {
+        error = "--insecure is for clients (a listener checks client certificates with --ca)";
     } else if (options.insecure && !options.caFile.empty()) {
         error = "--insecure skips the check that --ca is for";
     } else {

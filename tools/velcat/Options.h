@@ -33,8 +33,9 @@ struct Options {
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
     Backend backend = Backend::kEpoll;
-    // Client over TLS: this side's certificate and key (both or neither), the certificates
-    // that the server's must chain to (empty: the system's store), or no check at all.
+    // TLS: this side's certificate and key (both or neither; a listener needs them), the
+    // certificates that the peer's must chain to (client: empty for the system's store;
+    // listener: client certificates are required when given), or (client) no check at all.
     bool tls = false;
     std::string certFile;
     std::string keyFile;
