@@ -32,6 +32,10 @@ std::unique_ptr<Case> MakeStreamCase();
 std::unique_ptr<Case> MakeTLSStreamCase();
 std::unique_ptr<Case> MakeTLSPingPongCase();
 std::unique_ptr<Case> MakeTLSHandshakeCase();
+// TLS ping-pong, 64-byte bodies, with `connections` blocking VEL_TLSSocket clients against a
+// framed-connection TLS server (VEL_FramedAcceptor::useTLS, select back end), against the same
+// over plain TCP.
+std::unique_ptr<Case> MakeTLSFramedPingPongCase(unsigned long connections);
 // Secure, compressed request/response of 16 KiB bodies: VEL_HOLM against the same zlib and
 // CAST-128 calls made directly on the buffers.
 std::unique_ptr<Case> MakeHolmCase();

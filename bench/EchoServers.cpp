@@ -36,6 +36,7 @@
 #include "VEL_SockOptions.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TLSContext.h"
 #include "VEL_TimerManager.h"
 
 namespace velbench {
@@ -198,7 +199,8 @@ private:
 
 class FramedEchoServer : public EchoServer {
 public:
-    FramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor, const VELFramedLimits_t& limits)
+    FramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor, const VELFramedLimits_t& limits,
+                     const VEL_TLSContext* tls)
         : _reactor(std::move(reactor)),
           _factory(boost::make_shared<FramedFactory>(limits, _count)) {
         (void)VEL_TimerManager::GetInstance();  // the connections' deadlines
@@ -210,7 +212,11 @@ public:
             throw BenchError("vel reactor thread did not start");
         }
         _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"), _factory);
-        code = _acceptor ? _acceptor->open() : kVELErr_Alloc;
+        code = !_acceptor ? kVELErr_Alloc : tls != nullptr ? _acceptor->useTLS(*tls) : kVELErr_Ok;
+        if (code != kVELErr_Ok) {
+            FailStatus("vel framed acceptor TLS", code);
+        }
+        code = _acceptor->open();
         if (code != kVELErr_Ok) {
             FailStatus("vel framed acceptor open", code);
         }
@@ -440,8 +446,9 @@ std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size,
 }
 
 std::unique_ptr<EchoServer> StartFramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor,
-                                                  const VELFramedLimits_t& limits) {
-    return std::make_unique<FramedEchoServer>(std::move(reactor), limits);
+                                                  const VELFramedLimits_t& limits,
+                                                  const VEL_TLSContext* tls) {
+    return std::make_unique<FramedEchoServer>(std::move(reactor), limits, tls);
 }
 
 std::unique_ptr<EchoServer> StartLibeventEchoServer() {

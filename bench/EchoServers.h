@@ -3,7 +3,7 @@
 // - vel: VEL_TCPAcceptor and one VEL_OXLv1 transport per connection, driven by a vel reactor
 //   (recvMessage, then sendMessage of the same message, from the handler's handleInput);
 // - vel, framed: a VEL_FramedAcceptor and one VEL_FramedConnection per connection with an OXLv1
-//   codec, whose handler sends every message back;
+//   codec, whose handler sends every message back; over TLS when given a server context;
 // - libevent: an evconnlistener and one bufferevent per connection on one event base, the way
 //   libevent's own documentation writes an echo server; whole frames are moved from the input to
 //   the output buffer once their header has been checked;
@@ -21,6 +21,7 @@
 
 class VEL_IOReactor;
 class VEL_SockOptions;
+class VEL_TLSContext;
 
 namespace velbench {
 
@@ -47,7 +48,8 @@ std::unique_ptr<EchoServer> StartVelEchoServer(std::unique_ptr<VEL_IOReactor> re
 std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size,
                                                   const VEL_SockOptions& options);
 std::unique_ptr<EchoServer> StartFramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor,
-                                                  const VELFramedLimits_t& limits);
+                                                  const VELFramedLimits_t& limits,
+                                                  const VEL_TLSContext* tls = nullptr);
 std::unique_ptr<EchoServer> StartLibeventEchoServer();
 std::unique_ptr<EchoServer> StartPlainEpollEchoServer();
 std::unique_ptr<EchoServer> StartBlockingEchoServer();

@@ -1,5 +1,6 @@
-// TLS over loopback: 1 MiB bodies one way, 64-byte ping-pong, and handshakes, with VEL_TLSSocket
-// against a plain OpenSSL loop (SSL_set_fd on a blocking socket) and against vel over plain TCP.
+// TLS over loopback: 1 MiB bodies one way, 64-byte ping-pong (against an echo thread, and against
+// a framed-connection server), and handshakes, with VEL_TLSSocket against a plain OpenSSL loop
+// (SSL_set_fd on a blocking socket) and against vel over plain TCP.
 // Both ends run in this process; the certificate is a self-signed P-256 one for "localhost",
 // made here with libcrypto and trusted by the clients.
 #include <sys/socket.h>
@@ -24,8 +25,10 @@
 #include "BenchSupport.h"
 #include "Cases.h"
 #include "Clients.h"
+#include "EchoServers.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
+#include "VEL_SelectIOReactor.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPSocket.h"
 #include "VEL_TLSAcceptor.h"
@@ -465,32 +468,131 @@ private:
     VEL_Message _reply;
 };
 
+// Ping-pong with the server on framed connections (a VEL_FramedAcceptor on the select back end),
+// over TLS (useTLS) and over plain TCP: blocking OXLv1 clients, each with one exchange in flight;
+// with several connections, every client sends, then every client reads its answer.
+class TLSFramedPingPongCase : public TLSCase {
+public:
+    explicit TLSFramedPingPongCase(unsigned long connections) : _connections(connections) {}
+
+    std::string id() const override {
+        return "tls-framed-pingpong" + (_connections > 1 ? "-" + std::to_string(_connections) : "");
+    }
+    std::string title() const override {
+        return "TLS framed ping-pong " + std::to_string(_connections) + " conn, 64 B";
+    }
+    std::string unit() const override { return "round trips/s"; }
+    double unitScale() const override { return static_cast<double>(_connections); }
+    std::vector<Reference> references() const override {
+        return {{"vel over plain TCP, framed server", 0.0}};
+    }
+    unsigned long workCount(bool quick) const override {
+        return (quick ? 200 : 20000) / _connections;
+    }
+
+    void setUp(bool /*quick*/) override {
+        setUpTLS();
+        _servers[0] = StartFramedEchoServer(selectReactor(), {}, _velServer.get());
+        _servers[1] = StartFramedEchoServer(selectReactor(), {});
+        VEL_TLSConnector connector(_servers[0]->port(), "localhost", *_velClient,
+                                   VelOptions(false));
+        for (unsigned long i = 0; i < _connections; ++i) {
+            VEL_Socket* connected = nullptr;
+            check(connector.connect(connected), "vel TLS connect");
+            _clients[0].emplace_back(connected);
+            _clients[1].emplace_back(ConnectVel(_servers[1]->port()).release());
+        }
+        if (_request.allocate(kPingBody) != kVELErr_Ok) {
+            throw BenchError("no buffer for the request");
+        }
+        std::memset(_request.data(), 'p', kPingBody);
+    }
+
+    double run(std::size_t index, unsigned long count) override {
+        std::vector<std::unique_ptr<VEL_OXLv1>> transports;
+        for (const std::unique_ptr<VEL_Socket>& client : _clients[index]) {
+            transports.push_back(std::make_unique<VEL_OXLv1>(client.get(), kPingBody));
+        }
+        const double start = Now();
+        for (unsigned long i = 0; i < count; ++i) {
+            for (const auto& transport : transports) {
+                check(transport->sendMessage(&_request), "vel sendMessage");
+            }
+            for (const auto& transport : transports) {
+                check(transport->recvMessage(&_reply), "vel recvMessage");
+            }
+        }
+        return Now() - start;
+    }
+
+    void tearDown() override {
+        for (int i = 0; i < 2; ++i) {
+            _clients[i].clear();
+            _servers[i].reset();
+        }
+        tearDownTLS();
+    }
+
+private:
+    static std::unique_ptr<VEL_IOReactor> selectReactor() {
+        return std::make_unique<VEL_SelectIOReactor>(VEL_SelectIOReactor::kSetSize,
+                                                     basis::TimeValue(2, 0));
+    }
+
+    const unsigned long _connections;
+    std::unique_ptr<EchoServer> _servers[2];  // TLS, plain TCP
+    std::vector<std::unique_ptr<VEL_Socket>> _clients[2];
+    VEL_Message _request;
+    VEL_Message _reply;
+};
+
 class TLSHandshakeCase : public TLSCase {
 public:
     std::string id() const override { return "tls-handshake"; }
     std::string title() const override { return "TLS connect, handshake and close"; }
     std::string unit() const override { return "handshakes/s"; }
     std::vector<Reference> references() const override {
-        return {{"plain OpenSSL SSL_connect/SSL_accept", 0.0}};
+        return {{"plain OpenSSL SSL_connect/SSL_accept", 0.0},
+                {"vel client, framed server (handshake in its reactor)", 0.0}};
     }
     unsigned long workCount(bool quick) const override { return quick ? 10 : 1000; }
 
-    void setUp(bool /*quick*/) override { setUpTLS(); }
+    void setUp(bool /*quick*/) override {
+        setUpTLS();
+        _framed = StartFramedEchoServer(
+                std::make_unique<VEL_SelectIOReactor>(VEL_SelectIOReactor::kSetSize,
+                                                      basis::TimeValue(2, 0)),
+                {}, _velServer.get());
+        _framedConnector.reset(
+                new VEL_TLSConnector(_framed->port(), "localhost", *_velClient, VelOptions(false)));
+    }
 
     double run(std::size_t index, unsigned long count) override {
         const double start = Now();
         for (unsigned long i = 0; i < count; ++i) {
             if (index == 0) {
                 (void)velPair(*_acceptor, *_connector);
-            } else {
+            } else if (index == 1) {
                 (void)plainPair(_plainServer.get(), _plainClient.get(), _listener.get(),
                                 _listenerPort);
+            } else {
+                VEL_Socket* connected = nullptr;
+                check(_framedConnector->connect(connected), "vel TLS connect to the framed server");
+                delete connected;  // close_notify: the server's connection closes in its reactor
             }
         }
         return Now() - start;
     }
 
-    void tearDown() override { tearDownTLS(); }
+    void tearDown() override {
+        _framedConnector.reset();
+        _framed.reset();
+        tearDownTLS();
+    }
+
+private:
+    std::unique_ptr<EchoServer> _framed;
+    std::unique_ptr<VEL_TLSConnector> _framedConnector;
 };
 
 }  // namespace
@@ -501,6 +603,10 @@ std::unique_ptr<Case> MakeTLSStreamCase() {
 
 std::unique_ptr<Case> MakeTLSPingPongCase() {
     return std::make_unique<TLSPingPongCase>();
+}
+
+std::unique_ptr<Case> MakeTLSFramedPingPongCase(unsigned long connections) {
+    return std::make_unique<TLSFramedPingPongCase>(connections);
 }
 
 std::unique_ptr<Case> MakeTLSHandshakeCase() {

@@ -52,6 +52,8 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakeStreamCase());
     cases.push_back(velbench::MakeTLSStreamCase());
     cases.push_back(velbench::MakeTLSPingPongCase());
+    cases.push_back(velbench::MakeTLSFramedPingPongCase(1));
+    cases.push_back(velbench::MakeTLSFramedPingPongCase(200));
     cases.push_back(velbench::MakeTLSHandshakeCase());
     cases.push_back(velbench::MakeHolmCase());
     cases.push_back(velbench::MakeThreadPoolCase());

@@ -18,9 +18,10 @@
 //
 // Ownership: a VEL_TCPByteStream owns its socket (and so the descriptor).
 //
-// Thread safety: distinct streams are independent. One thread at a time reads, writes or
-// closes a stream; shutdown() may be called from any thread, also while another thread reads
-// or writes, but not while one closes.
+// Thread safety: distinct streams are independent. One thread at a time reads, writes, asks
+// about the state (extraOps, hasBufferedInput, isEstablished, failureDetail) or closes a stream;
+// shutdown() may be called from any thread, also while another thread reads or writes, but not
+// while one closes.
 #ifndef COM_INCLUDE_VEL_BYTESTREAM_H
 #define COM_INCLUDE_VEL_BYTESTREAM_H
 

@@ -89,6 +89,10 @@ public:
     std::size_t decrypted() const;
     // True when decrypted bytes, or received bytes not yet decrypted, wait inside the session.
     bool hasBufferedInput() const;
+    // True when the last read from the descriptor took less than it asked for: the descriptor
+    // had nothing more then, and a read that finds nothing inside the session would only learn
+    // that it has nothing now.
+    bool descriptorDrained() const { return _ioDrained; }
 
     // Why the last step failed ("certificate verify failed: certificate has expired", OpenSSL's
     // reason, or the system error's text).
@@ -119,8 +123,9 @@ private:
 
     ssl_st* _ssl;
     int _fd;
-    int _ioError;  // errno of the BIO's last failed system call, 0 when none
-    bool _ioEnd;   // the BIO has read the end of the stream
+    int _ioError;     // errno of the BIO's last failed system call, 0 when none
+    bool _ioEnd;      // the BIO has read the end of the stream
+    bool _ioDrained;  // the BIO's last read took less than it asked for: the descriptor was empty
     bool _established;
     VELErr_t _failure;  // Ok until the session fails; then what every step reports
     std::string _detail;

@@ -91,10 +91,12 @@ public:
     // records of up to 16 KiB, so that a frame header and its body travel in one record.
     VELErr_t send(const char* buf, unsigned int len) override;
     VELErr_t recv(char* buf, unsigned int len) override;
-    // As send and recv, every wait bounded by `deadline` (basis::TimeValue::GetHRTime) instead
-    // of the socket's time-outs: kVELErr_Timeout once it has passed (recv traces the bytes
-    // expected and received). For a caller with a deadline of its own (a pipe).
+    // As send, every wait bounded by `deadline` (basis::TimeValue::GetHRTime) instead of the
+    // socket's time-outs: kVELErr_Timeout once it has passed. For a caller with a deadline of its
+    // own (a pipe).
     VELErr_t sendUntil(const char* buf, unsigned int len, const basis::TimeValue& deadline);
+    // As recv, every wait bounded by `deadline` in the same way: kVELErr_Timeout once it has
+    // passed (traced with the bytes expected and received).
     VELErr_t recvUntil(char* buf, unsigned int len, const basis::TimeValue& deadline);
     // Takes what is waiting (decrypted, or decryptable from what has arrived) without waiting
     // for the descriptor: Ok when *len bytes came, kVELErr_Incomplete with *len set to the bytes

@@ -156,6 +156,11 @@ VELErr_t VEL_TLSByteStream::fill(char* place, std::size_t size, std::size_t* got
         if (code != kVELErr_Ok) {
             return failed(code);
         }
+        if (*got < size && !_engine.hasBufferedInput() && _engine.descriptorDrained()) {
+            // Everything that had arrived is taken: another read would only find the descriptor
+            // empty (the reactor reports what comes next).
+            return kVELErr_Incomplete;
+        }
     }
     return kVELErr_Ok;
 }

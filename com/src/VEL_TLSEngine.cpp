@@ -92,6 +92,7 @@ VEL_TLSEngine::VEL_TLSEngine()
       _fd(-1),
       _ioError(0),
       _ioEnd(false),
+      _ioDrained(false),
       _established(false),
       _failure(kVELErr_Ok) {}
 
@@ -105,6 +106,7 @@ void VEL_TLSEngine::reset() {
     _fd = -1;
     _ioError = 0;
     _ioEnd = false;
+    _ioDrained = false;
     _established = false;
     _failure = kVELErr_Ok;
     _detail.clear();
@@ -412,6 +414,7 @@ int VEL_TLSEngine::BioRead(BIO* bio, char* data, int size) {
         received = ::recv(engine->_fd, data, static_cast<std::size_t>(size), MSG_DONTWAIT);
     } while (received < 0 && errno == EINTR);
     if (received > 0) {
+        engine->_ioDrained = received < size;
         return static_cast<int>(received);
     }
     if (received == 0) {
