@@ -12,10 +12,10 @@ set(VEL_DOCS_OUTPUT ${PROJECT_BINARY_DIR}/docs)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
 
 if(DOXYGEN_FOUND)
-  add_custom_target(docs COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
-      WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
-      COMMENT "API reference in ${VEL_DOCS_OUTPUT}/html" VERBATIM)
+  set(VEL_DOCS_COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile)
 else()
-  add_custom_target(docs COMMAND ${CMAKE_COMMAND} -E echo "docs: Doxygen not found (apt-get install doxygen)"
-      COMMAND ${CMAKE_COMMAND} -E false VERBATIM)
+  set(VEL_DOCS_COMMAND ${CMAKE_COMMAND} -E echo "Doxygen not found: apt-get install doxygen"
+      COMMAND ${CMAKE_COMMAND} -E false)
 endif()
+add_custom_target(docs COMMAND ${VEL_DOCS_COMMAND} WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
+    COMMENT "API reference in ${VEL_DOCS_OUTPUT}/html" VERBATIM)
