@@ -17,6 +17,12 @@ std::unique_ptr<Case> MakePingPongCase(bool nativeTimeouts);
 std::unique_ptr<Case> MakeManyConnectionsCase();
 // 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.
 std::unique_ptr<Case> MakeStreamCase();
+// TLS (VEL_TLSSocket under VEL_OXLv1): 1 MiB bodies one way against a plain OpenSSL
+// SSL_write/SSL_read loop and against vel over plain TCP; 64-byte ping-pong against vel over
+// plain TCP; connect, handshake and close against plain OpenSSL SSL_connect/SSL_accept.
+std::unique_ptr<Case> MakeTLSStreamCase();
+std::unique_ptr<Case> MakeTLSPingPongCase();
+std::unique_ptr<Case> MakeTLSHandshakeCase();
 // Secure, compressed request/response of 16 KiB bodies: VEL_HOLM against the same zlib and
 // CAST-128 calls made directly on the buffers.
 std::unique_ptr<Case> MakeHolmCase();
@@ -34,8 +40,8 @@ std::unique_ptr<Case> MakeIdleCase10000();
 // with no idle connection.
 std::unique_ptr<Case> MakeVelcatCase();
 
-// The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent") that
-// prints "port N", answers "count" with its number of connections and stops at the end of its
+// The helper modes those processes run: an echo server of `kind` ("select", "epoll", "libevent")
+// that prints "port N", answers "count" with its number of connections and stops at the end of its
 // input; and a holder of `count` idle connections to `port` that prints "ready" and closes them
 // at the end of its input. Each returns the process exit status.
 int ServeMain(const std::string& kind);

@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakePingPongCase(true));
     cases.push_back(velbench::MakeManyConnectionsCase());
     cases.push_back(velbench::MakeStreamCase());
+    cases.push_back(velbench::MakeTLSStreamCase());
+    cases.push_back(velbench::MakeTLSPingPongCase());
+    cases.push_back(velbench::MakeTLSHandshakeCase());
     cases.push_back(velbench::MakeHolmCase());
     cases.push_back(velbench::MakeThreadPoolCase());
     cases.push_back(velbench::MakeTimerCase());

@@ -16,7 +16,8 @@ namespace {
 const VEL_StaticInit kStaticInit;
 
 // Status texts by group (code / 100) and slot (code % 100). Group 2 declares a seventh slot
-// (206) without text: it prints as "Unknown error :206".
+// (206) without text: it prints as "Unknown error :206". Group 4 starts at slot 1: 400 is not a
+// code and prints as any unknown one.
 const char* const kGeneralTexts[] = {"No error",
                                      "Allocation of data failed",
                                      "A variable is pointing to an illegal address",
@@ -107,6 +108,18 @@ const char* const kFrameTexts[] = {
         "The Pipe has been closed",
         "The reactor file descriptor is corrupt"};
 
+const char* const kTLSTexts[] = {nullptr,
+                                 "TLS handshake failed",
+                                 "TLS certificate refused",
+                                 "TLS protocol error",
+                                 "TLS peer closed the connection without close_notify",
+                                 "Cannot load the TLS certificate",
+                                 "Cannot load the TLS private key",
+                                 "The TLS private key does not match the certificate",
+                                 "Cannot load the trusted TLS certificates",
+                                 "No TLS certificate and private key",
+                                 "Cannot set up TLS"};
+
 struct TextGroup {
     const char* const* texts;
     int count;
@@ -118,7 +131,8 @@ constexpr TextGroup group(const char* const (&texts)[N]) {
 }
 
 const TextGroup kGroups[] = {group(kGeneralTexts), group(kComTexts), group(kThreadTexts),
-                             group(kFrameTexts)};
+                             group(kFrameTexts), group(kTLSTexts)};
+constexpr int kGroupCount = static_cast<int>(sizeof(kGroups) / sizeof(kGroups[0]));
 
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 constexpr unsigned int kBytesPerRow = 16;
@@ -157,8 +171,12 @@ std::string VEL_Tools::GetErrStr(VELErr_t code) {
     const int groupIndex = value / 100;
     const int slot = value % 100;
     std::ostringstream out;
-    if (groupIndex >= 0 && groupIndex <= 3 && slot >= 0 && slot < kGroups[groupIndex].count) {
-        const char* text = kGroups[groupIndex].texts[slot];
+    const char* text = nullptr;  // null: not a declared slot
+    if (groupIndex >= 0 && groupIndex < kGroupCount && slot >= 0 &&
+        slot < kGroups[groupIndex].count) {
+        text = kGroups[groupIndex].texts[slot];
+    }
+    if (text != nullptr) {
         if (*text != '\0') {
             out << text;
         } else {

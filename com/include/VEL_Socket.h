@@ -160,6 +160,11 @@ protected:
 
     // Takes over `fd`, counts it, and clears the closed flag.
     void takeHandle(int fd);
+    // Takes over the connection of `from`: its descriptor (still counted once), endpoints,
+    // options in force and connected flag. `from` is left closed without a descriptor and the
+    // connection goes on through this socket. For a socket that layers a protocol over an
+    // established stream. REQUIRES: this socket has no descriptor; no other thread uses `from`.
+    void adoptConnection(VEL_Socket& from);
     void setLocalAddr(const VEL_SockAddr& address) { (void)_localAddr.set(address); }
     void setRemoteAddr(const VEL_SockAddr& address) { _remoteAddr = address; }
     // bind() to the local address. kVELErr_Bind, errno stored; not traced.

@@ -431,6 +431,17 @@ void VEL_Socket::takeHandle(int fd) {
     }
 }
 
+void VEL_Socket::adoptConnection(VEL_Socket& from) {
+    _options = from._options;
+    _localAddr = from._localAddr;
+    _remoteAddr = from._remoteAddr;
+    _connected.store(from._connected.exchange(false));
+    _closed.store(false);
+    // The descriptor changes owner without being closed: the count stays as it is.
+    _handle.store(from._handle.exchange(kVEL_NoHandle));
+    from._closed.store(true);
+}
+
 VELErr_t VEL_Socket::bindLocalAddr() {
     if (::bind(static_cast<int>(getHandle()), _localAddr, VEL_SockAddr::GetSize()) != 0) {
         const int err = errno;

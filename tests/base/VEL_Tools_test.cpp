@@ -49,6 +49,10 @@ TEST(GetErrStrTest, KnownUnknownAndEmptySlotsWithTheLastSystemError) {
             {313, "The reactor file descriptor is corrupt {7}"},
             {314, "Unknown error (314) {7}"},
             {400, "Unknown error (400) {7}"},
+            {401, "TLS handshake failed {7}"},
+            {410, "Cannot set up TLS {7}"},
+            {411, "Unknown error (411) {7}"},
+            {501, "Unknown error (501) {7}"},
             {-1, "Unknown error (-1) {7}"},
             {99, "Unknown error (99) {7}"},
     };
@@ -58,9 +62,9 @@ TEST(GetErrStrTest, KnownUnknownAndEmptySlotsWithTheLastSystemError) {
 }
 
 TEST(GetErrStrTest, EveryDeclaredCodeHasItsOwnText) {
-    const int firsts[] = {0, 100, 200, 300};
-    const int counts[] = {13, 51, 6, 14};  // 206 is declared without text
-    for (int g = 0; g < 4; ++g) {
+    const int firsts[] = {0, 100, 200, 300, 401};
+    const int counts[] = {13, 51, 6, 14, 10};  // 206 is declared without text
+    for (int g = 0; g < 5; ++g) {
         for (int slot = 0; slot < counts[g]; ++slot) {
             EXPECT_EQ(errStr(firsts[g] + slot).find("Unknown error"), std::string::npos)
                     << firsts[g] + slot;

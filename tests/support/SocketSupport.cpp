@@ -55,6 +55,10 @@ RawFd rawListener(int backlog, unsigned short* port) {
 
 }  // namespace
 
+RawFd RawListener(unsigned short* port, int backlog) {
+    return rawListener(backlog, port);
+}
+
 RawFd RawConnect(unsigned short port) {
     RawFd client(socket(AF_INET, SOCK_STREAM, 0));
     const sockaddr_in address = loopback(port);

@@ -85,6 +85,9 @@ private:
 int Fd(const VEL_Socket& socket);
 // Connects a raw TCP descriptor to 127.0.0.1:`port` (fails the calling test when it cannot).
 RawFd RawConnect(unsigned short port);
+// A raw listening descriptor on 127.0.0.1, its port chosen by the system and stored in *port
+// (fails the calling test when it cannot be made).
+RawFd RawListener(unsigned short* port, int backlog = 16);
 // An integer socket option, and a time-out option (SO_SNDTIMEO, SO_RCVTIMEO) in microseconds, as
 // the system has them.
 int IntOption(int fd, int level, int name);

@@ -22,6 +22,8 @@
 #include "VEL_SockOptions.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPPipe.h"
+#include "VEL_TLSConnector.h"
+#include "VEL_TLSContext.h"
 #include "VEL_Tools.h"
 
 namespace velcat {
@@ -86,6 +88,7 @@ public:
 private:
     bool connect();
     bool openTcp();
+    bool makeTlsContext(VEL_TLSContext& context) const;
     bool openPipe();
     int pumpInput();
     int waitForReader();
@@ -150,16 +153,58 @@ bool Client::connect() {
 }
 
 bool Client::openTcp() {
-    VEL_TCPConnector connector(_options.port, _options.host.c_str(), connectionOptions());
-    connector.setCnctTimeOut(kTimeoutSeconds);
     VEL_Socket* socket = nullptr;
-    const VELErr_t code = connector.connect(socket);
+    VELErr_t code = kVELErr_Ok;
+    std::string detail;
+    if (_options.tls) {
+        VEL_TLSContext context(kVELTLS_Client);
+        if (!makeTlsContext(context)) {
+            return false;
+        }
+        VEL_TLSConnector connector(_options.port, _options.host.c_str(), context,
+                                   connectionOptions());
+        connector.setCnctTimeOut(kTimeoutSeconds);
+        code = connector.connect(socket);
+        detail = connector.getFailureDetail();
+    } else {
+        VEL_TCPConnector connector(_options.port, _options.host.c_str(), connectionOptions());
+        connector.setCnctTimeOut(kTimeoutSeconds);
+        code = connector.connect(socket);
+    }
     if (code != kVELErr_Ok) {
         Say("cannot connect to " + _options.host + " port " + std::to_string(_options.port) + ": " +
-            VEL_Tools::GetErrStr(code));
+            VEL_Tools::GetErrStr(code) + (detail.empty() ? "" : " (" + detail + ")"));
         return false;
     }
     _socket.reset(socket);
+    return true;
+}
+
+// The client's TLS settings from the command line; false (said) when a file cannot be used.
+bool Client::makeTlsContext(VEL_TLSContext& context) const {
+    VELErr_t code = context.isValid() ? kVELErr_Ok : kVELErr_TLSInit;
+    std::string what = "TLS";
+    if (code == kVELErr_Ok && _options.insecure) {
+        Say("warning: --insecure: the server's certificate is not checked; anybody on the path "
+            "can read and change this connection");
+        code = context.setPeerVerification(kVELTLSVerify_None);
+    } else if (code == kVELErr_Ok) {
+        what = _options.caFile.empty() ? "the system's trusted certificates" : _options.caFile;
+        code = _options.caFile.empty() ? context.useSystemTrustStore()
+                                       : context.loadTrustedCAFile(_options.caFile.c_str());
+    }
+    if (code == kVELErr_Ok && !_options.certFile.empty()) {
+        what = _options.certFile;
+        code = context.useCertificateChainFile(_options.certFile.c_str());
+        if (code == kVELErr_Ok) {
+            what = _options.keyFile;
+            code = context.usePrivateKeyFile(_options.keyFile.c_str());
+        }
+    }
+    if (code != kVELErr_Ok) {
+        Say("cannot use " + what + ": " + VEL_Tools::GetErrStr(code));
+        return false;
+    }
     return true;
 }
 

@@ -16,6 +16,11 @@ namespace {
 constexpr int kOptionPipe = 256;
 constexpr int kOptionFailover = 257;
 constexpr int kOptionBackend = 258;
+constexpr int kOptionTls = 259;
+constexpr int kOptionCert = 260;
+constexpr int kOptionKey = 261;
+constexpr int kOptionCa = 262;
+constexpr int kOptionInsecure = 263;
 // Seconds whose milliseconds fit a poll() time-out.
 constexpr unsigned long kLongestWait = 2147483;
 
@@ -33,6 +38,11 @@ const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"pipe", required_argument, nullptr, kOptionPipe},
                                {"failover", no_argument, nullptr, kOptionFailover},
                                {"backend", required_argument, nullptr, kOptionBackend},
+                               {"tls", no_argument, nullptr, kOptionTls},
+                               {"cert", required_argument, nullptr, kOptionCert},
+                               {"key", required_argument, nullptr, kOptionKey},
+                               {"ca", required_argument, nullptr, kOptionCa},
+                               {"insecure", no_argument, nullptr, kOptionInsecure},
                                {"help", no_argument, nullptr, 'h'},
                                {nullptr, 0, nullptr, 0}};
 
@@ -75,6 +85,14 @@ const char kUsage[] =
         "                     endpoints (also oxl5, tn3270 and holm with -S)\n"
         "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
         "                     listener's, or the pipe's\n"
+        "      --tls          client: connect over TLS (1.2 or later); the server's certificate\n"
+        "                     must chain to a trusted certificate and name HOST\n"
+        "      --ca FILE      with --tls: trust the certificates of this PEM file (default: the\n"
+        "                     system's store)\n"
+        "      --cert FILE    with --tls: this side's certificate chain (PEM), with --key\n"
+        "      --key FILE     with --tls: this side's private key (PEM, not encrypted)\n"
+        "      --insecure     with --tls: do not check the server's certificate (anybody on the\n"
+        "                     path can then read and change the traffic)\n"
         "  -h, --help         print this help\n"
         "\n"
         "exit status: 0 ok, 1 runtime failure, 2 usage error\n";
@@ -191,6 +209,21 @@ bool applyOption(int option, const char* argument, Options& options, std::string
         case kOptionFailover:
             options.failover = true;
             return true;
+        case kOptionTls:
+            options.tls = true;
+            return true;
+        case kOptionCert:
+            options.certFile = argument;
+            return true;
+        case kOptionKey:
+            options.keyFile = argument;
+            return true;
+        case kOptionCa:
+            options.caFile = argument;
+            return true;
+        case kOptionInsecure:
+            options.insecure = true;
+            return true;
         case kOptionBackend:
             error = "unknown back end: " + std::string(argument);
             if (std::strcmp(argument, "epoll") == 0 || std::strcmp(argument, "select") == 0) {
@@ -204,8 +237,31 @@ bool applyOption(int option, const char* argument, Options& options, std::string
     }
 }
 
+// The rules of the TLS options.
+bool checkTls(const Options& options, std::string& error) {
+    const bool tlsDetails = !options.certFile.empty() || !options.keyFile.empty() ||
+                            !options.caFile.empty() || options.insecure;
+    if (tlsDetails && !options.tls) {
+        error = "--cert, --key, --ca and --insecure need --tls";
+    } else if (options.tls && options.listen) {
+        error = "--tls is for client mode (the TLS listener is not available yet)";
+    } else if (options.tls && !options.pipe.empty()) {
+        error = "--tls does not run over --pipe yet";
+    } else if (options.certFile.empty() != options.keyFile.empty()) {
+        error = "--cert and --key go together";
+    } else if (options.insecure && !options.caFile.empty()) {
+        error = "--insecure skips the check that --ca is for";
+    } else {
+        return true;
+    }
+    return false;
+}
+
 // The rules that tie options together.
 bool checkCombination(const Options& options, std::string& error) {
+    if (!checkTls(options, error)) {
+        return false;
+    }
     const bool compressing =
             options.protocol == Protocol::kOXLv2 || options.protocol == Protocol::kHOLM;
     if (options.compress && !compressing) {

@@ -33,6 +33,13 @@ struct Options {
     std::vector<Endpoint> pipe;  // client over a pipe when not empty
     bool failover = false;
     Backend backend = Backend::kEpoll;
+    // Client over TLS: this side's certificate and key (both or neither), the certificates
+    // that the server's must chain to (empty: the system's store), or no check at all.
+    bool tls = false;
+    std::string certFile;
+    std::string keyFile;
+    std::string caFile;
+    bool insecure = false;
 };
 
 // What the parse found: run, print the help and stop, or stop on a usage error.
