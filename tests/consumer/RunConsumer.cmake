@@ -88,6 +88,9 @@ endif()
 
 # The library's folder, wherever GNUInstallDirs put it (lib or lib/<multiarch>).
 file(GLOB_RECURSE sonames ${prefix}/lib*/libvel.so.1)
+if(NOT sonames)
+  message(FATAL_ERROR "no libvel.so.1 under ${prefix}/lib*")
+endif()
 list(GET sonames 0 soname)
 get_filename_component(libdir ${soname} DIRECTORY)
 if(MODE STREQUAL "package")
@@ -104,7 +107,8 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${build}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
     "-DCMAKE_CXX_FLAGS=${flags}" "-DCMAKE_EXE_LINKER_FLAGS=${flags}")
 file(STRINGS ${build}/CMakeCache.txt vel_dir REGEX "^vel_DIR:")
-if(NOT vel_dir MATCHES "=${prefix}/")
+string(FIND "${vel_dir}" "=${prefix}/" at)
+if(at EQUAL -1)
   message(FATAL_ERROR "find_package(vel) did not find the copy in ${prefix}: ${vel_dir}")
 endif()
 run(${CMAKE_COMMAND} --build ${build})
@@ -113,6 +117,9 @@ run(${build}/vel_consumer)
 # pkg-config alone: the flags it gives are the whole command line. A package's vel.pc says
 # prefix=/usr, which the sysroot maps into the scratch root.
 file(GLOB_RECURSE pc_files ${prefix}/lib*/vel.pc)
+if(NOT pc_files)
+  message(FATAL_ERROR "no vel.pc under ${prefix}/lib*")
+endif()
 get_filename_component(pc_dir "${pc_files}" DIRECTORY)
 set(pc_env PKG_CONFIG_PATH=${pc_dir})
 if(MODE STREQUAL "package")
