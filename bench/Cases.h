@@ -9,12 +9,21 @@
 
 namespace velbench {
 
-// Request/response, 64-byte bodies, one connection: vel (OXLv1 client, select reactor server)
-// against plain blocking sockets and a libevent server. With `nativeTimeouts` the vel sockets
-// use the system's send and receive time-outs (for information).
+// Request/response, 64-byte bodies, one connection: vel (OXLv1 client, framed-connection server
+// on the select back end) against the per-frame handler server of before, plain blocking sockets
+// and a libevent server. With `nativeTimeouts` the vel sockets use the system's send and receive
+// time-outs (for information).
 std::unique_ptr<Case> MakePingPongCase(bool nativeTimeouts);
-// The same with 200 connections, against libevent.
+// The same with 200 connections, against the per-frame handler and libevent.
 std::unique_ptr<Case> MakeManyConnectionsCase();
+// 1 KiB bodies, 64 frames in flight on one connection: the framed-connection server against
+// libevent and a plain epoll server with buffered reads and gathered writes.
+std::unique_ptr<Case> MakePipelineCase();
+// Ping-pong beside 50 dripping and 3 stalled peers, against the same server without them; the
+// client's median and p99 round trip both ways.
+std::unique_ptr<Case> MakeStalledPeersCase();
+// 16 MiB echoes, then the buffers an idle framed connection still holds.
+std::unique_ptr<Case> MakeLargeEchoCase();
 // 1 MiB bodies one way: OXLv1 sendMessage/recvMessage against plain writev/read.
 std::unique_ptr<Case> MakeStreamCase();
 // TLS (VEL_TLSSocket under VEL_OXLv1): 1 MiB bodies one way against a plain OpenSSL

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <mutex>
@@ -24,6 +25,9 @@
 
 #include "BenchRunner.h"
 #include "BenchSupport.h"
+#include "VEL_FrameCodec.h"
+#include "VEL_FramedAcceptor.h"
+#include "VEL_FramedConnection.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
@@ -31,6 +35,7 @@
 #include "VEL_SockOptions.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPSocket.h"
+#include "VEL_TimerManager.h"
 
 namespace velbench {
 
@@ -141,6 +146,96 @@ private:
     std::atomic<long> _count{0};
     std::unique_ptr<VEL_IOReactor> _reactor;
     VEL_TCPAcceptor _acceptor;
+};
+
+// ---- vel, framed connections -------------------------------------------------------------------
+
+// Sends every message back; counts the connections it serves.
+class FramedEcho : public VEL_ConnectionHandler {
+public:
+    explicit FramedEcho(std::atomic<long>& count) : _count(count) {}
+
+    void onMessage(VEL_FramedConnection& connection, VEL_Message& message) override {
+        (void)connection.send(&message);  // a failure closes the connection
+    }
+    void onClose(VEL_FramedConnection& /*connection*/, VELErr_t /*reason*/) override { --_count; }
+
+private:
+    std::atomic<long>& _count;
+};
+
+class FramedFactory : public VEL_ConnectionFactory {
+public:
+    FramedFactory(const VELFramedLimits_t& limits, std::atomic<long>& count)
+        : _limits(limits), _count(count), _echo(boost::make_shared<FramedEcho>(count)) {}
+
+    boost::shared_ptr<VEL_FramedConnection> makeConnection(
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
+        auto connection = VEL_FramedConnection::Create(
+                reactor, std::move(socket),
+                std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxEchoBody)), _echo, _limits);
+        if (connection) {
+            ++_count;
+            std::lock_guard<std::mutex> hold(_lock);
+            _connections.push_back(connection);
+        }
+        return connection;
+    }
+
+    std::vector<boost::shared_ptr<VEL_FramedConnection>> connections() const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _connections;
+    }
+
+private:
+    const VELFramedLimits_t _limits;
+    std::atomic<long>& _count;
+    const boost::shared_ptr<FramedEcho> _echo;
+    mutable std::mutex _lock;  // guards _connections
+    std::vector<boost::shared_ptr<VEL_FramedConnection>> _connections;
+};
+
+class FramedEchoServer : public EchoServer {
+public:
+    FramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor, const VELFramedLimits_t& limits)
+        : _reactor(std::move(reactor)),
+          _factory(boost::make_shared<FramedFactory>(limits, _count)) {
+        (void)VEL_TimerManager::GetInstance();  // the connections' deadlines
+        VELErr_t code = _reactor->init();
+        if (code != kVELErr_Ok) {
+            FailStatus("vel reactor init", code);
+        }
+        if (_reactor->open() != basis::kErr_Ok) {
+            throw BenchError("vel reactor thread did not start");
+        }
+        _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"), _factory);
+        code = _acceptor ? _acceptor->open() : kVELErr_Alloc;
+        if (code != kVELErr_Ok) {
+            FailStatus("vel framed acceptor open", code);
+        }
+        _port = _acceptor->getLocalAddr().getPort();
+    }
+    ~FramedEchoServer() override {
+        (void)_reactor->stop();
+        (void)_reactor->wait();
+        (void)_reactor->clean();  // every connection and the acceptor close
+        _reactor.reset();
+    }
+
+    unsigned long connections() const override { return static_cast<unsigned long>(_count.load()); }
+    std::size_t heldBytes() const override {
+        std::size_t most = 0;
+        for (const auto& connection : _factory->connections()) {
+            most = std::max(most, connection->heldBytes());
+        }
+        return most;
+    }
+
+private:
+    std::atomic<long> _count{0};
+    std::unique_ptr<VEL_IOReactor> _reactor;
+    const boost::shared_ptr<FramedFactory> _factory;
+    boost::shared_ptr<VEL_FramedAcceptor> _acceptor;
 };
 
 // ---- libevent --------------------------------------------------------------------------------
@@ -341,6 +436,11 @@ std::unique_ptr<EchoServer> StartSelectEchoServer(unsigned long size,
                                                   const VEL_SockOptions& options) {
     return StartVelEchoServer(std::make_unique<VEL_SelectIOReactor>(size, basis::TimeValue(2, 0)),
                               options);
+}
+
+std::unique_ptr<EchoServer> StartFramedEchoServer(std::unique_ptr<VEL_IOReactor> reactor,
+                                                  const VELFramedLimits_t& limits) {
+    return std::make_unique<FramedEchoServer>(std::move(reactor), limits);
 }
 
 std::unique_ptr<EchoServer> StartLibeventEchoServer() {

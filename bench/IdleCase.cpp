@@ -38,6 +38,11 @@ std::unique_ptr<EchoServer> startServer(const std::string& kind) {
                 std::make_unique<VEL_EpollIOReactor>(kEpollSize, basis::TimeValue(2, 0)),
                 VelOptions(false));
     }
+    if (kind == "framed") {
+        return StartFramedEchoServer(
+                std::make_unique<VEL_EpollIOReactor>(kEpollSize, basis::TimeValue(2, 0)),
+                VELFramedLimits_t());
+    }
     if (kind == "libevent") {
         return StartLibeventEchoServer();
     }
@@ -202,12 +207,13 @@ std::unique_ptr<Case> MakeIdleCase2000() {
 }
 
 // 10,000 idle connections: epoll against its own figure without idle connections (within 10 %)
-// and against libevent.
+// and against libevent; for information, the framed-connection server of the same back end.
 std::unique_ptr<Case> MakeIdleCase10000() {
     std::vector<Setup> setups;
     setups.push_back(MakeSetup("epoll", 10000, 0.0));
     setups.push_back(MakeSetup("epoll", 0, 0.9));
     setups.push_back(MakeSetup("libevent", 10000, 1.0));
+    setups.push_back(MakeSetup("framed", 10000, 0.0));  // memory of idle framed connections
     return std::make_unique<IdleCase>("idle10000", "1 active + 10000 idle conn", std::move(setups));
 }
 

@@ -46,6 +46,9 @@ int main(int argc, char** argv) {
     cases.push_back(velbench::MakePingPongCase(false));
     cases.push_back(velbench::MakePingPongCase(true));
     cases.push_back(velbench::MakeManyConnectionsCase());
+    cases.push_back(velbench::MakePipelineCase());
+    cases.push_back(velbench::MakeStalledPeersCase());
+    cases.push_back(velbench::MakeLargeEchoCase());
     cases.push_back(velbench::MakeStreamCase());
     cases.push_back(velbench::MakeTLSStreamCase());
     cases.push_back(velbench::MakeTLSPingPongCase());

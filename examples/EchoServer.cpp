@@ -1,104 +1,66 @@
 #include "EchoServer.h"
 
-#include <boost/enable_shared_from_this.hpp>
 #include <boost/make_shared.hpp>
 
 #include "vel.h"
 
 namespace {
 
-// One client connection: every message that arrives goes straight back.
-class EchoHandler : public VEL_EventHandler, public boost::enable_shared_from_this<EchoHandler> {
+// What the server does with each message: send it back on the connection it came from.
+class Echo : public VEL_ConnectionHandler {
 public:
-    EchoHandler(VEL_IOReactor& reactor, VEL_Socket* socket,
-                const EchoServer::TransportFactory& makeTransport,
-                std::atomic<unsigned long>& messages)
-        : VEL_EventHandler(socket->getHandle()),
-          _reactor(reactor),
-          _socket(socket),
-          _transport(makeTransport(socket)),
-          _messages(messages) {}
+    explicit Echo(std::atomic<unsigned long>& messages) : _messages(messages) {}
 
-    // Reactor thread: the socket has input.
-    bool handleInput() override {
-        VEL_Message message;
-        if (_transport->recvMessage(&message) != kVELErr_Ok) {
-            return false;  // the peer closed, or sent a bad frame: handleClose() follows
-        }
+    // Reactor thread: a whole message has arrived.
+    void onMessage(VEL_FramedConnection& connection, VEL_Message& message) override {
         ++_messages;
-        return _transport->sendMessage(&message) == kVELErr_Ok;
+        connection.send(&message);  // queued, and written without waiting for the peer
     }
 
-    // Reactor thread (or the thread that calls clean()): leave the reactor, then close.
-    bool handleClose() override {
-        if (_socket->isValid()) {
-            _reactor.removeEventHandler(shared_from_this());  // before the descriptor goes
-            _socket->close();
-        }
-        return true;
-    }
+    // The peer left, sent a bad frame or let a deadline pass: nothing of ours to clean up.
+    void onClose(VEL_FramedConnection& /*connection*/, VELErr_t /*reason*/) override {}
 
 private:
-    VEL_IOReactor& _reactor;
-    std::unique_ptr<VEL_Socket> _socket;
-    std::unique_ptr<VEL_Transport> _transport;
     std::atomic<unsigned long>& _messages;
 };
 
-// The listening socket: each connection that arrives gets its own EchoHandler.
-class AcceptHandler : public VEL_EventHandler {
+// The listening socket's side: each connection that arrives gets a codec and the echo.
+class Connections : public VEL_ConnectionFactory {
 public:
-    AcceptHandler(VEL_IOReactor& reactor, VEL_TCPAcceptor& acceptor,
-                  const EchoServer::TransportFactory& makeTransport,
-                  std::atomic<unsigned long>& messages)
-        : VEL_EventHandler(acceptor.getHandle()),
-          _reactor(reactor),
-          _acceptor(acceptor),
-          _makeTransport(makeTransport),
-          _messages(messages) {}
+    Connections(const EchoServer::CodecFactory& makeCodec, std::atomic<unsigned long>& messages)
+        : _makeCodec(makeCodec), _echo(boost::make_shared<Echo>(messages)) {}
 
-    bool handleInput() override {
-        VEL_Socket* socket = nullptr;
-        if (_acceptor.accept(socket) != kVELErr_Ok) {
-            return true;  // that client gave up; the server goes on
-        }
-        auto handler = boost::make_shared<EchoHandler>(_reactor, socket, _makeTransport, _messages);
-        _reactor.addEventHandler(handler, basis::TimeValue(), kVELOp_Read);
-        return true;
+    boost::shared_ptr<VEL_FramedConnection> makeConnection(
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
+        return VEL_FramedConnection::Create(reactor, std::move(socket), _makeCodec(), _echo);
     }
 
 private:
-    VEL_IOReactor& _reactor;
-    VEL_TCPAcceptor& _acceptor;
-    const EchoServer::TransportFactory& _makeTransport;
-    std::atomic<unsigned long>& _messages;
+    const EchoServer::CodecFactory& _makeCodec;
+    const boost::shared_ptr<Echo> _echo;  // one handler serves every connection
 };
 
 }  // namespace
 
-EchoServer::EchoServer(TransportFactory makeTransport) : _makeTransport(std::move(makeTransport)) {}
+EchoServer::EchoServer(CodecFactory makeCodec) : _makeCodec(std::move(makeCodec)) {}
 
 EchoServer::~EchoServer() {
     stop();
 }
 
 VELErr_t EchoServer::start(unsigned short port) {
-    _acceptor.reset(new VEL_TCPAcceptor(port, "127.0.0.1"));
-    VELErr_t code = _acceptor->open();
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    _port = _acceptor->getLocalAddr().getPort();
     _reactor.reset(new VEL_SelectIOReactor(1024, basis::TimeValue(1, 0)));
-    code = _reactor->init();
-    if (code == kVELErr_Ok) {
-        code = _reactor->addEventHandler(
-                boost::make_shared<AcceptHandler>(*_reactor, *_acceptor, _makeTransport, _messages),
-                basis::TimeValue(), kVELOp_Read);
-    }
+    VELErr_t code = _reactor->init();
     if (code == kVELErr_Ok && _reactor->open() != basis::kErr_Ok) {
         code = kVELErr_Polling;
     }
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(port, "127.0.0.1"),
+                                           boost::make_shared<Connections>(_makeCodec, _messages));
+    code = _acceptor->open();
+    _port = _acceptor->getLocalAddr().getPort();
     return code;
 }
 
@@ -106,8 +68,8 @@ void EchoServer::stop() {
     if (_reactor) {
         _reactor->stop();
         _reactor->wait();
-        _reactor->clean();  // every handler's handleClose(), on this thread
+        _reactor->clean();  // every connection and the acceptor close, on this thread
         _reactor.reset();
     }
-    _acceptor.reset();  // closes the listening socket
+    _acceptor.reset();
 }

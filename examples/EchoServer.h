@@ -1,14 +1,16 @@
 // EchoServer: a small reactor server that answers every message with the same message, used by
 // the echo-server example and by the demo.
 //
-// How it works: a VEL_SelectIOReactor runs in its own thread and watches two kinds of handler.
-// The acceptor's handler accepts each new connection and registers an EchoHandler for it; an
-// EchoHandler reads one frame whenever its socket has input and sends it straight back. The
-// framing is the caller's choice (OXLv1, HOLM, ...), made per connection by a factory.
+// How it works: a VEL_SelectIOReactor runs in its own thread. A VEL_FramedAcceptor listens and
+// accepts each new connection; for each it makes a VEL_FramedConnection, which decodes the frames
+// as their bytes arrive and hands every whole message to the Echo handler, whose send queues the
+// answer and writes it without waiting. No peer can hold up another: one that stops in the middle
+// of a frame, or stops reading its answers, is closed once its deadline passes (30 s by default)
+// while the others are served. The wire format is the caller's choice (OXLv1, HOLM, ...), a codec
+// made for each connection.
 //
-// This is the shortest correct shape of a vel server. tools/velcat/Listener.cpp shows what a
-// long-running server adds: a listening socket that never blocks, native time-outs on accepted
-// sockets, a pause when accept runs out of descriptors.
+// tools/velcat/Listener.cpp shows what a long-running server adds: deadlines of its choosing,
+// counters, a word on stderr when the reactor is full.
 //
 // Thread safety: start() and stop() from one thread; port() and messages() from any.
 #ifndef EXAMPLES_ECHOSERVER_H
@@ -18,19 +20,20 @@
 #include <functional>
 #include <memory>
 
+#include <boost/shared_ptr.hpp>
+
 #include "VEL_Err.h"
 
+class VEL_FrameCodec;
+class VEL_FramedAcceptor;
 class VEL_SelectIOReactor;
-class VEL_Socket;
-class VEL_TCPAcceptor;
-class VEL_Transport;
 
 class EchoServer {
 public:
-    // Makes the transport of one accepted connection.
-    using TransportFactory = std::function<std::unique_ptr<VEL_Transport>(VEL_Socket*)>;
+    // Makes the codec of one accepted connection: its wire format.
+    using CodecFactory = std::function<std::unique_ptr<VEL_FrameCodec>()>;
 
-    explicit EchoServer(TransportFactory makeTransport);
+    explicit EchoServer(CodecFactory makeCodec);
     ~EchoServer();
     EchoServer(const EchoServer&) = delete;
     EchoServer& operator=(const EchoServer&) = delete;
@@ -46,9 +49,9 @@ public:
     unsigned long messages() const { return _messages.load(); }
 
 private:
-    TransportFactory _makeTransport;
-    std::unique_ptr<VEL_TCPAcceptor> _acceptor;
+    CodecFactory _makeCodec;
     std::unique_ptr<VEL_SelectIOReactor> _reactor;
+    boost::shared_ptr<VEL_FramedAcceptor> _acceptor;
     std::atomic<unsigned short> _port{0};
     std::atomic<unsigned long> _messages{0};
 };

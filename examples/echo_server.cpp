@@ -3,8 +3,9 @@
 //   ./build/examples/vel-echo-server 7000 &
 //   printf 'hello\n' | ./build/tools/velcat -c 1 127.0.0.1 7000
 //
-// The server itself is EchoServer (EchoServer.h): an acceptor and one handler per connection,
-// all driven by one reactor thread. This file only picks the framing and waits for Ctrl-C.
+// The server itself is EchoServer (EchoServer.h): an acceptor and one framed connection per
+// client, all driven by one reactor thread. This file only picks the wire format and waits for
+// Ctrl-C.
 #include <pthread.h>
 #include <signal.h>
 
@@ -27,9 +28,7 @@ int main(int argc, char** argv) {
 
     VEL_ComEnabler network;
     // Each accepted connection speaks OXLv1 and accepts bodies of up to 1 MiB.
-    EchoServer server([](VEL_Socket* socket) -> std::unique_ptr<VEL_Transport> {
-        return std::unique_ptr<VEL_Transport>(new VEL_OXLv1(socket, 1 << 20));
-    });
+    EchoServer server([] { return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(1 << 20)); });
     const VELErr_t code = server.start(port);
     if (code != kVELErr_Ok) {
         std::printf("cannot start: %s\n", VEL_Tools::GetErrStr(code).c_str());

@@ -30,6 +30,7 @@
 
 // Network
 #include "VEL_Acceptor.h"
+#include "VEL_ByteStream.h"
 #include "VEL_ComEnabler.h"
 #include "VEL_ComTools.h"
 #include "VEL_Connector.h"
@@ -74,6 +75,8 @@
 // Reactor and pipes
 #include "VEL_EpollIOReactor.h"
 #include "VEL_EventHandler.h"
+#include "VEL_FramedAcceptor.h"
+#include "VEL_FramedConnection.h"
 #include "VEL_IOReactor.h"
 #include "VEL_Pipe.h"
 #include "VEL_PollingEntry.h"

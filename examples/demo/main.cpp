@@ -66,12 +66,13 @@ bool record(const std::string& name, bool ok) {
     return ok;
 }
 
-std::unique_ptr<VEL_Transport> oxl1(VEL_Socket* socket) {
-    return std::unique_ptr<VEL_Transport>(new VEL_OXLv1(socket, 1 << 20));
+// The wire formats of the servers: a codec per connection, bodies of at most 1 MiB.
+std::unique_ptr<VEL_FrameCodec> oxl1() {
+    return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(1 << 20));
 }
 
-std::unique_ptr<VEL_Transport> holm(VEL_Socket* socket) {
-    return std::unique_ptr<VEL_Transport>(new VEL_HOLM(socket, 1 << 20));
+std::unique_ptr<VEL_FrameCodec> holm() {
+    return std::unique_ptr<VEL_FrameCodec>(new VEL_HOLMCodec(1 << 20));
 }
 
 // Sends `text` and checks that the same comes back.
@@ -272,11 +273,11 @@ int main() {
     const double first = ticker->waitFor(3, std::chrono::seconds(10));
     record("timer fired 3 times, first after 1 s",
            first >= armed + 1.0 - 0.01 && first <= armed + 3.0);
-    VEL_TimerManager::CloseSingleton();
 
     for (EchoServer* server : {&plain, &secure, &pipeServers[0], &pipeServers[1]}) {
         server->stop();
     }
+    VEL_TimerManager::CloseSingleton();  // after the servers: their connections keep deadlines
     VEL_Tools::SetTraceHandler(nullptr);
     int failed = 0;
     std::printf("\nsummary:\n");

@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <iterator>
@@ -203,7 +204,7 @@ TEST(VelcatTest, ClientSendsAndReadsFramesAsBuiltByHand) {
 // Peers that misbehave are closed one by one, each with a trace line, while a well-behaved
 // client stays connected and is served between them; the listener never exits on their input.
 TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
-    auto listener = startListener("-e -m 1000 -t 34");
+    auto listener = startListener("-e -m 1000 -t 34 --deadline 1");
     veltest::RawFd good = veltest::RawConnect(listener->listeningPort());
     const auto served = [&good] {
         EXPECT_TRUE(veltest::WriteAll(good.get(), oxlFrame('1', "ping")));
@@ -240,10 +241,10 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
             EXPECT_TRUE(closedByPeer(bad.get()));
         }
         EXPECT_TRUE(listener->waitForError("velcat - " + statusText(each.traced)));
-        if (each.traced == kVELErr_Timeout) {  // the accepted socket's native time-out, 3 s
+        if (each.traced == kVELErr_Timeout) {  // --deadline, to within a timer's second
             const auto took = std::chrono::steady_clock::now() - start;
-            EXPECT_GE(took, milliseconds(2900));
-            EXPECT_LE(took, seconds(8));
+            EXPECT_GE(took, milliseconds(750));
+            EXPECT_LE(took, seconds(4));
         }
         served();
         EXPECT_TRUE(listener->running());
@@ -251,6 +252,80 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
     good.reset();
     stopListener(*listener);
     EXPECT_NE(listener->errors().find("7 connections, 7 messages, 5 closed on errors"),
+              std::string::npos)
+            << listener->errors();
+}
+
+// However its peers behave (one stopped in the middle of a frame, one dripping a frame, one that
+// sent a large body and reads nothing back, one that has just connected), the listener stops
+// within a second of SIGTERM, with its statistics line.
+TEST(VelcatTest, StopsAtOnceOnSIGTERMWhateverItsPeersDo) {
+    auto listener = startListener("-e --deadline 60");
+    const unsigned short port = listener->listeningPort();
+    const std::string frame = oxlFrame('1', std::string(100, 'd'));
+    veltest::RawFd stalled = veltest::RawConnect(port);
+    ASSERT_TRUE(veltest::WriteAll(stalled.get(), frame.substr(0, 20)));
+    veltest::RawFd dripping = veltest::RawConnect(port);
+    std::atomic<bool> stop{false};
+    std::thread dripper([&] {
+        for (std::size_t at = 0; !stop.load() && at < frame.size(); ++at) {
+            (void)::send(dripping.get(), &frame[at], 1, MSG_NOSIGNAL);
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+    });
+    veltest::RawFd deaf = veltest::RawConnect(port);
+    const std::string large = oxlFrame('1', std::string(8 << 20, 'z'));
+    std::thread deafWriter([&] { (void)veltest::WriteAll(deaf.get(), large); });
+    veltest::RawFd idle = veltest::RawConnect(port);
+    veltest::RawFd good = veltest::RawConnect(port);
+    ASSERT_TRUE(veltest::WriteAll(good.get(), oxlFrame('1', "ping")));
+    EXPECT_EQ(veltest::ReadExactly(good.get(), 16), oxlFrame('1', "ping"));
+
+    const auto start = std::chrono::steady_clock::now();
+    listener->terminate();
+    EXPECT_EQ(listener->wait(seconds(3)), 0) << listener->errors();
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_LE(took, milliseconds(1500));
+    EXPECT_NE(listener->errors().find("velcat: stopped: 5 connections, "), std::string::npos)
+            << listener->errors();
+    stop = true;
+    dripper.join();
+    (void)::shutdown(deaf.get(), SHUT_RDWR);
+    deafWriter.join();
+}
+
+// The select back end holds 2048 handlers, the listener's own two sockets included: beyond 2046
+// clients, a connection is closed at once and the listener says so on stderr without -t, once
+// per second at most, while the clients it holds are served.
+TEST(VelcatTest, AFullSelectListenerSaysItRefusesConnections) {
+    auto listener = startListener("-e --backend select");
+    const unsigned short port = listener->listeningPort();
+    std::vector<veltest::RawFd> clients;
+    for (int i = 0; i < 2046 + 20; ++i) {
+        clients.push_back(veltest::RawConnect(port));
+    }
+    ASSERT_TRUE(listener->waitForError("refused a connection from <host = 127.0.0.1"));
+    for (int i = 2046; i < 2046 + 20; ++i) {
+        EXPECT_TRUE(closedByPeer(clients[i].get())) << "client " << i;
+    }
+    for (int i : {0, 1000, 2045}) {
+        ASSERT_TRUE(veltest::WriteAll(clients[i].get(), oxlFrame('1', "held")));
+        EXPECT_EQ(veltest::ReadExactly(clients[i].get(), 16), oxlFrame('1', "held"));
+    }
+    const std::string errors = listener->errors();
+    std::size_t lines = 0;
+    for (std::size_t at = 0; (at = errors.find("refused a connection", at)) != std::string::npos;
+         ++at) {
+        ++lines;
+    }
+    EXPECT_LT(lines, 20u) << "one line per refusal: " << errors;
+    EXPECT_NE(errors.find("select back end holds 2048 handlers, its own 2 sockets included"),
+              std::string::npos)
+            << errors;
+    clients.clear();
+    stopListener(*listener);
+    EXPECT_NE(listener->errors().find("2046 connections, 3 messages, 0 closed on errors, 20 "
+                                      "refused"),
               std::string::npos)
             << listener->errors();
 }
@@ -354,6 +429,7 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
             ";host;host 0;host 65536;-p oxl9 host 1;-z host 1;-S -p oxl2 host 1;"
             "-S -p holm -l 1;-z -p holm -l 1;-e host 1;-s 127.0.0.1 host 1;-l -c 1 1;"
             "-l host 1;-c 0 host 1;-m 0 host 1;-t 65536 host 1;--pipe host -c 1;"
+            "-l --deadline 0 1;--deadline 5 host 1;"
             "--pipe host:1 host 1;--pipe host:1 -p tn3270;--pipe host:1 -p oxl5;"
             "--pipe host:1 -p holm -S;--failover host 1;--backend kqueue -l 0;"
             "-w x host 1;-w 2147484 host 1;-l -w 1 1;--unknown host 1");

@@ -108,6 +108,30 @@ VELErr_t Framing::renewSecureSession() {
     return _holm->openSecureSession();
 }
 
+std::unique_ptr<VEL_FrameCodec> MakeCodec(Protocol protocol, unsigned long maxSize) {
+    switch (protocol) {
+        case Protocol::kOXLv1:
+            return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(maxSize));
+        case Protocol::kOXLv2:
+            return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv2Codec(maxSize));
+        case Protocol::kOXLv5:
+            return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv5Codec());
+        case Protocol::kHOLM:
+            return std::unique_ptr<VEL_FrameCodec>(new VEL_HOLMCodec(maxSize));
+        case Protocol::kTN3270:
+            return std::unique_ptr<VEL_FrameCodec>(new VEL_TN3270Codec());
+    }
+    return nullptr;
+}
+
+void SetCompression(VEL_FrameCodec& codec, bool on) {
+    if (auto* oxl2 = dynamic_cast<VEL_OXLv2Codec*>(&codec)) {
+        oxl2->setCompression(on);
+    } else if (auto* holm = dynamic_cast<VEL_HOLMCodec*>(&codec)) {
+        holm->setCompression(on, kVELHOLMCompAlgo_Default);
+    }
+}
+
 bool PrintBody(const VEL_Message& message, bool hex) {
     static const char kDigits[] = "0123456789abcdef";
     const char* data = message.data();

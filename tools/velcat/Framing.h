@@ -10,6 +10,7 @@
 #include "VEL_Err.h"
 #include "VEL_TraceHandler.h"
 
+class VEL_FrameCodec;
 class VEL_HOLM;
 class VEL_Message;
 class VEL_OXLv2;
@@ -50,6 +51,12 @@ private:
     VEL_OXLv2* _oxl2 = nullptr;  // _transport, when it is one
     VEL_HOLM* _holm = nullptr;   // _transport, when it is one
 };
+
+// The codec of `protocol` (bodies of at most `maxSize` bytes where the format has a limit), as a
+// server starts it: no compression, no session of its own.
+std::unique_ptr<VEL_FrameCodec> MakeCodec(Protocol protocol, unsigned long maxSize);
+// Switches the compression of the codecs that have one (oxl2, holm); nothing for the others.
+void SetCompression(VEL_FrameCodec& codec, bool on);
 
 // Writes the body, raw or as lowercase hex, and a newline to standard output in one write.
 // False when standard output refuses it.

@@ -1,22 +1,21 @@
-// velcat's listen mode: a reactor server. The acceptor and every accepted connection are
-// handlers of one reactor; each connection reads frames of the chosen protocol and prints them
-// or, with -e, sends them back.
+// velcat's listen mode: a reactor server on framed connections. The listening socket and every
+// accepted connection are handlers of one reactor; each connection decodes the frames of the
+// chosen protocol as they arrive and prints them or, with -e, sends them back, without ever
+// waiting on its peer.
 //
-// Peer input never ends the server: a connection that sends a bad frame or an over-size body,
-// that is cut in the middle of a frame, or that stops in the middle of one for longer than its
-// native time-out (kPeerTimeoutSeconds) is traced and closed, and the other connections are
-// served on. When accept runs out of descriptors (EMFILE, ENFILE) or memory, the acceptor stops
-// reading for kAcceptPauseSeconds (a timer brings it back) instead of spinning on the pending
-// connection.
+// Peer input never ends the server and no peer holds up another: a connection that sends a bad
+// frame or an over-size body, that is cut in the middle of a frame, that does not complete a frame
+// it has begun or take what is sent to it within --deadline seconds, is traced and closed while
+// the others are served. When accept runs out of descriptors the listener stops accepting for a
+// second instead of spinning on the pending connection; a connection beyond the reactor's size
+// (the select back end's 2048 handlers, its own two sockets included) is closed at once and said
+// on stderr, once per second at most.
 #ifndef TOOLS_VELCAT_LISTENER_H
 #define TOOLS_VELCAT_LISTENER_H
 
 #include "Options.h"
 
 namespace velcat {
-
-constexpr unsigned char kPeerTimeoutSeconds = 3;
-constexpr unsigned long kAcceptPauseSeconds = 1;
 
 // Serves until SIGINT or SIGTERM; returns the exit status (0, or 1 when the server cannot
 // start). Blocks both signals in every thread it starts.

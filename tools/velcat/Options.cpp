@@ -23,6 +23,7 @@ constexpr int kOptionCa = 262;
 constexpr int kOptionInsecure = 263;
 // Seconds whose milliseconds fit a poll() time-out.
 constexpr unsigned long kLongestWait = 2147483;
+constexpr int kOptionDeadline = 264;
 
 const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"source", required_argument, nullptr, 's'},
@@ -43,6 +44,7 @@ const option kLongOptions[] = {{"listen", no_argument, nullptr, 'l'},
                                {"key", required_argument, nullptr, kOptionKey},
                                {"ca", required_argument, nullptr, kOptionCa},
                                {"insecure", no_argument, nullptr, kOptionInsecure},
+                               {"deadline", required_argument, nullptr, kOptionDeadline},
                                {"help", no_argument, nullptr, 'h'},
                                {nullptr, 0, nullptr, 0}};
 
@@ -84,7 +86,13 @@ const char kUsage[] =
         "      --failover     with --pipe: one connection at a time, failing over between the\n"
         "                     endpoints (also oxl5, tn3270 and holm with -S)\n"
         "      --backend NAME the reactor's back end, epoll (default) or select: the\n"
-        "                     listener's, or the pipe's\n"
+        "                     listener's, or the pipe's. A select listener serves at most 2046\n"
+        "                     clients: the back end holds 2048 handlers, its own wake-up socket\n"
+        "                     and the listening socket included; beyond, connections are closed\n"
+        "                     at once and said on stderr (once per second at most)\n"
+        "      --deadline N   listen mode: seconds a peer has to complete a frame it has begun,\n"
+        "                     and to take what is sent to it; a peer that does not is closed\n"
+        "                     (default 10)\n"
         "      --tls          client: connect over TLS (1.2 or later); the server's certificate\n"
         "                     must chain to a trusted certificate and name HOST\n"
         "      --ca FILE      with --tls: trust the certificates of this PEM file (default: the\n"
@@ -231,6 +239,10 @@ bool applyOption(int option, const char* argument, Options& options, std::string
                 return true;
             }
             return false;
+        case kOptionDeadline:
+            error = "--deadline takes 1 to 86400 seconds";
+            options.deadlineSet = true;
+            return parseNumber(argument, 1, 86400, options.deadline);
         default:
             error = "unknown option";
             return false;
@@ -274,6 +286,8 @@ bool checkCombination(const Options& options, std::string& error) {
         error = "-e is for listen mode";
     } else if (options.count != 0 && options.listen) {
         error = "-c is for client mode";
+    } else if (options.deadlineSet && !options.listen) {
+        error = "--deadline is for listen mode";
     } else if (options.waitGiven && options.listen) {
         error = "-w is for client mode";
     } else if (!options.pipe.empty() && options.listen) {

@@ -40,6 +40,8 @@ struct Options {
     std::string keyFile;
     std::string caFile;
     bool insecure = false;
+    unsigned long deadline = 10;  // listener: seconds to complete a frame, to take output
+    bool deadlineSet = false;
 };
 
 // What the parse found: run, print the help and stop, or stop on a usage error.

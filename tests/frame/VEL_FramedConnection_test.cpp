@@ -1,0 +1,916 @@
+#include "VEL_FramedConnection.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include "BufferMgr.h"
+#include "ReactorSupport.h"
+#include "SocketSupport.h"
+#include "TestSupport.h"
+#include "VEL_Encryptor.h"
+#include "VEL_FrameCodec.h"
+#include "VEL_FramedAcceptor.h"
+#include "VEL_IOReactor.h"
+#include "VEL_Message.h"
+#include "VEL_HOLM.h"
+#include "VEL_OXLv1.h"
+#include "VEL_OXLv2.h"
+#include "VEL_OXLv5.h"
+#include "VEL_TCPConnector.h"
+#include "VEL_TCPSocket.h"
+#include "VEL_TN3270.h"
+#include "VEL_TimerManager.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned long kMaxBody = 32 << 20;
+
+// Makes a `Codec` of `arguments`, then runs `setUp` (if any) on it.
+template <class Codec, class... Arguments>
+std::function<std::unique_ptr<VEL_FrameCodec>()> Maker(std::function<void(Codec&)> setUp = {},
+                                                       Arguments... arguments) {
+    return [=] {
+        std::unique_ptr<Codec> codec(new Codec(arguments...));
+        if (setUp) {
+            setUp(*codec);
+        }
+        return std::unique_ptr<VEL_FrameCodec>(std::move(codec));
+    };
+}
+
+// One wire format as a server and its client meet it: the server's codec as a server makes it,
+// the client's set up as the case says, and the bodies the format and its settings take.
+struct CodecCase {
+    const char* name;
+    std::function<std::unique_ptr<VEL_FrameCodec>()> server, client;
+    std::size_t smallest, largest;  // body sizes the client can send
+    bool text;    // compressible bodies (a compressing sender refuses what does not shrink)
+    bool joined;  // no framing: judged on the bytes, joined
+};
+
+std::vector<CodecCase> Codecs() {
+    const auto holmSecure = [](VEL_HOLMCodec& codec) {
+        ASSERT_EQ(codec.openSecureSession(), kVELErr_Ok);
+        codec.setCompression(true, kVELHOLMCompAlgo_Default);
+    };
+    return {
+            {"oxl1", Maker<VEL_OXLv1Codec>({}, kMaxBody), Maker<VEL_OXLv1Codec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"oxl2", Maker<VEL_OXLv2Codec>({}, kMaxBody), Maker<VEL_OXLv2Codec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"oxl2 compressed", Maker<VEL_OXLv2Codec>({}, kMaxBody),
+             Maker<VEL_OXLv2Codec>([](VEL_OXLv2Codec& codec) { codec.setCompression(true); },
+                                   kMaxBody),
+             100, 59000, true, false},
+            {"oxl5", Maker<VEL_OXLv5Codec>(), Maker<VEL_OXLv5Codec>(), 0, kVEL_OXLv5MaxBody, false,
+             false},
+            {"holm", Maker<VEL_HOLMCodec>({}, kMaxBody), Maker<VEL_HOLMCodec>({}, kMaxBody), 0,
+             kMaxBody, false, false},
+            {"holm secure compressed", Maker<VEL_HOLMCodec>({}, kMaxBody),
+             Maker<VEL_HOLMCodec>(holmSecure, kMaxBody), 100, 59000, true, false},
+            {"tn3270", Maker<VEL_TN3270Codec>(), Maker<VEL_TN3270Codec>(), 1, kMaxBody, false, true},
+    };
+}
+
+// Words that compress about 3:1, `size` bytes of them.
+std::string Text(std::size_t size, unsigned int seed) {
+    static const char* const kWords[] = {"frame ", "reactor ", "peer ", "message ", "socket "};
+    std::string text;
+    while (text.size() < size) {
+        text += kWords[(seed = seed * 1103515245u + 12345u) >> 16 & 3];
+    }
+    text.resize(size);
+    return text;
+}
+
+std::unique_ptr<VEL_FrameCodec> Oxl1() {
+    return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxBody));
+}
+
+// The frame of `body` as `codec` encodes it.
+std::string Encode(VEL_FrameCodec& codec, const std::string& body) {
+    VEL_Message message;
+    EXPECT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
+    std::string frame;
+    EXPECT_EQ(codec.encode(&message, frame), kVELErr_Ok);
+    return frame;
+}
+
+// Reads frames from a raw descriptor and decodes them with a client codec.
+class FrameReader {
+public:
+    FrameReader(int fd, std::unique_ptr<VEL_FrameCodec> codec)
+        : _fd(fd), _codec(std::move(codec)) {}
+
+    // The bodies of the next `count` messages; fewer when the stream ends, a frame is bad or
+    // `limit` passes.
+    std::vector<std::string> read(std::size_t count, milliseconds limit = seconds(20)) {
+        std::vector<std::string> bodies;
+        const auto deadline = steady_clock::now() + limit;
+        while (bodies.size() < count) {
+            if (!decodeWaiting(&bodies, count)) {
+                return bodies;
+            }
+            if (bodies.size() >= count) {
+                break;
+            }
+            if (!fill(deadline)) {
+                return bodies;
+            }
+        }
+        return bodies;
+    }
+    // The bodies of the next messages joined, once they hold `size` bytes (fewer when the
+    // stream ends, a frame is bad or `limit` passes).
+    std::string readBytes(std::size_t size, milliseconds limit = seconds(20)) {
+        std::string joined;
+        const auto deadline = steady_clock::now() + limit;
+        std::vector<std::string> bodies;
+        while (joined.size() < size) {
+            bodies.clear();
+            if (!decodeWaiting(&bodies, SIZE_MAX)) {
+                break;
+            }
+            for (const std::string& body : bodies) {
+                joined += body;
+            }
+            if (joined.size() < size && !fill(deadline)) {
+                break;
+            }
+        }
+        return joined;
+    }
+    // True once the peer has ended the stream (within `limit`), whatever came before.
+    bool ended(milliseconds limit = seconds(10)) {
+        const auto deadline = steady_clock::now() + limit;
+        while (fill(deadline)) {
+            _waiting.clear();
+        }
+        return _ended;
+    }
+
+    // Gives up the codec without deleting it (it belongs to someone else).
+    void release() { (void)_codec.release(); }
+
+private:
+    bool decodeWaiting(std::vector<std::string>* bodies, std::size_t count) {
+        while (!_waiting.empty() && bodies->size() < count) {
+            std::size_t used = 0;
+            const VELErr_t code =
+                    _codec->decode(_waiting.data(), _waiting.size(), &used, &_message);
+            _waiting.erase(0, used);
+            if (code == kVELErr_Incomplete) {
+                return true;
+            }
+            if (code != kVELErr_Ok) {
+                ADD_FAILURE() << "bad reply frame: " << code;
+                return false;
+            }
+            bodies->emplace_back(_message.data() == nullptr
+                                         ? ""
+                                         : std::string(_message.data(), _message.size()));
+        }
+        return true;
+    }
+    bool fill(steady_clock::time_point deadline) {
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+        pollfd entry{_fd, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0) {
+            return false;
+        }
+        char chunk[65536];
+        const ssize_t got = ::recv(_fd, chunk, sizeof(chunk), 0);
+        if (got <= 0) {
+            _ended = true;
+            return false;
+        }
+        _waiting.append(chunk, static_cast<std::size_t>(got));
+        return true;
+    }
+
+    const int _fd;
+    std::unique_ptr<VEL_FrameCodec> _codec;
+    VEL_Message _message;
+    std::string _waiting;
+    bool _ended = false;
+};
+
+// Events of every connection of a test, in the order they happened.
+class EventLog {
+public:
+    void add(const std::string& event) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _events.push_back(event);
+        _changed.notify_all();
+    }
+    std::vector<std::string> events() const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _events;
+    }
+    std::size_t count(const std::string& event) const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return static_cast<std::size_t>(std::count(_events.begin(), _events.end(), event));
+    }
+    bool waitCount(const std::string& event, std::size_t times, milliseconds limit = seconds(10)) {
+        std::unique_lock<std::mutex> hold(_lock);
+        return _changed.wait_for(hold, limit, [&] {
+            return static_cast<std::size_t>(std::count(_events.begin(), _events.end(), event)) >=
+                   times;
+        });
+    }
+
+private:
+    mutable std::mutex _lock;
+    std::condition_variable _changed;
+    std::vector<std::string> _events;
+};
+
+// An application handler that echoes every message (unless `onMessageHook` says otherwise) and
+// logs "<tag> close <reason>", "<tag> drained" and, for a send that failed, "<tag> send <code>".
+class Recorder : public VEL_ConnectionHandler {
+public:
+    Recorder(EventLog& log, std::string tag) : _log(log), _tag(std::move(tag)) {}
+
+    void onMessage(VEL_FramedConnection& connection, VEL_Message& message) override {
+        ++messages;
+        if (onMessageHook) {
+            onMessageHook(connection, message);
+            return;
+        }
+        const VELErr_t code = connection.send(&message);
+        if (code == kVELErr_QueueFull) {
+            ++queueFull;
+        } else if (code != kVELErr_Ok) {
+            _log.add(_tag + " send " + std::to_string(code));
+        }
+    }
+    void onClose(VEL_FramedConnection& /*connection*/, VELErr_t reason) override {
+        closedOn = pthread_self();
+        _log.add(closeEvent(reason));
+    }
+    void onDrained(VEL_FramedConnection& /*connection*/) override { _log.add(_tag + " drained"); }
+
+    std::string closeEvent(VELErr_t reason) const {
+        return _tag + " close " + std::to_string(reason);
+    }
+
+    std::function<void(VEL_FramedConnection&, VEL_Message&)> onMessageHook;
+    std::atomic<unsigned long> messages{0};
+    std::atomic<unsigned long> queueFull{0};
+    std::atomic<pthread_t> closedOn{};
+
+private:
+    EventLog& _log;
+    const std::string _tag;
+};
+
+// A running reactor of the back end under test and the process's timer manager. After each
+// test the reactor is stopped and cleaned (closing what is still open), and every socket,
+// descriptor and message buffer must be back.
+class FramedConnectionTest : public veltest::SocketLeakTest,
+                             public ::testing::WithParamInterface<veltest::ReactorFactory> {
+protected:
+    void SetUp() override {
+        (void)VEL_TimerManager::GetInstance();  // its thread outlives the test
+        SocketLeakTest::SetUp();
+        _buffers = basis::BufferMgr::Default()->getOutstanding();
+        _reactor = GetParam()(256, basis::TimeValue(1, 0));
+        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
+        ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
+    }
+    void TearDown() override {
+        veltest::StopAndClean(*_reactor);
+        _reactor.reset();
+        EXPECT_EQ(basis::BufferMgr::Default()->getOutstanding(), _buffers) << "buffers leaked";
+        SocketLeakTest::TearDown();
+    }
+
+    // A started connection on the server end of a fresh loopback pair; the client end (with
+    // no-delay) goes to `client`.
+    boost::shared_ptr<VEL_FramedConnection> serve(
+            const boost::shared_ptr<Recorder>& handler, std::unique_ptr<VEL_TCPSocket>* client,
+            const VELFramedLimits_t& limits = VELFramedLimits_t(),
+            std::unique_ptr<VEL_FrameCodec> codec = Oxl1(),
+            const VEL_SockOptions& serverOptions = VEL_SockOptions()) {
+        VEL_SockOptions options = serverOptions;
+        options.setNoDelay(true);
+        veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair(options);
+        EXPECT_EQ(pair.server->setOptions(options), kVELErr_Ok);
+        *client = std::move(pair.client);
+        auto connection = VEL_FramedConnection::Create(*_reactor, std::move(pair.server),
+                                                       std::move(codec), handler, limits);
+        EXPECT_TRUE(connection);
+        EXPECT_EQ(connection->start(), kVELErr_Ok);
+        return connection;
+    }
+
+    std::unique_ptr<VEL_IOReactor> _reactor;
+    EventLog _log;
+    unsigned long _buffers = 0;
+};
+
+// A thread playing a peer on `fd`. If the test ends early it is freed (its descriptor shut
+// down) and joined, so that no assertion leaves it running.
+class PeerThread {
+public:
+    PeerThread(int fd, std::function<void()> body) : _fd(fd), _thread(std::move(body)) {}
+    ~PeerThread() {
+        if (_thread.joinable()) {
+            (void)::shutdown(_fd, SHUT_RDWR);
+            _thread.join();
+        }
+    }
+    PeerThread(const PeerThread&) = delete;
+    PeerThread& operator=(const PeerThread&) = delete;
+    void join() { _thread.join(); }
+
+private:
+    const int _fd;
+    std::thread _thread;
+};
+
+// Writes `bytes` in pieces of random sizes (1 byte to 3 KiB, some single bytes), so that frames
+// reach the server cut at every kind of place.
+void WriteInPieces(int fd, const std::string& bytes, unsigned int seed) {
+    std::mt19937 random(seed);
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        std::size_t piece = random() % 4 == 0 ? 1 : 1 + random() % 3072;
+        piece = std::min(piece, bytes.size() - done);
+        ASSERT_TRUE(veltest::WriteAll(fd, bytes.data() + done, piece));
+        done += piece;
+    }
+}
+
+// Every codec: a burst of frames of every size (empty, headers cut, bodies larger than the read
+// buffer and than the socket's) written in random pieces comes back whole and in order.
+TEST_P(FramedConnectionTest, EveryCodecEchoesFramesHoweverTheBytesArrive) {
+    const unsigned int seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    for (const CodecCase& tested : Codecs()) {
+        SCOPED_TRACE(tested.name);
+        std::vector<std::string> bodies;
+        const auto add = [&](std::size_t size) {
+            size = std::max(tested.smallest, std::min(size, tested.largest));
+            const auto n = static_cast<unsigned int>(bodies.size());
+            bodies.push_back(tested.text ? Text(size, n) : veltest::Pattern(size, n));
+        };
+        for (std::size_t size : {0, 1, 11, 12, 13, 1000, 70000, 300000}) {
+            add(size);
+        }
+        for (unsigned int i = 0; i < 200; ++i) {
+            add(1 + i * 7 % 1500);
+        }
+        const std::unique_ptr<VEL_FrameCodec> encoder = tested.client();
+        std::string stream, sent;
+        for (const std::string& body : bodies) {
+            stream += Encode(*encoder, body);
+            sent += body;
+        }
+        const std::string tag = tested.name + std::string(":");
+        auto handler = boost::make_shared<Recorder>(_log, tag);
+        std::unique_ptr<VEL_TCPSocket> client;
+        const auto connection = serve(handler, &client, VELFramedLimits_t(), tested.server());
+        // The client's codec decodes the echo: it holds the session the secure frames use.
+        FrameReader reader(veltest::Fd(*client), std::unique_ptr<VEL_FrameCodec>(encoder.get()));
+        PeerThread writer(veltest::Fd(*client),
+                          [&] { WriteInPieces(veltest::Fd(*client), stream, seed); });
+        if (tested.joined) {
+            const std::string echoed = reader.readBytes(sent.size());
+            writer.join();
+            EXPECT_TRUE(echoed == sent) << echoed.size() << " of " << sent.size() << " bytes";
+        } else {
+            const std::vector<std::string> echoed = reader.read(bodies.size());
+            writer.join();
+            ASSERT_EQ(echoed.size(), bodies.size());
+            for (std::size_t i = 0; i < bodies.size(); ++i) {
+                ASSERT_EQ(echoed[i], bodies[i]) << "message " << i;
+            }
+        }
+        reader.release();
+        EXPECT_EQ(handler->queueFull.load(), 0u);
+        for (const std::string& event : _log.events()) {
+            EXPECT_NE(event.compare(0, tag.size(), tag), 0) << "a send failed, or it closed";
+        }
+    }
+}
+
+// HOLM through a framed connection: the key goes out in the client's first frame, the server
+// opens the matching session and answers through it. Once that session has expired (one second
+// without a decryption), the server can no longer send on it, and a frame that still uses it
+// closes the connection with kVELErr_SecureSession.
+TEST_P(FramedConnectionTest, HolmSessionsOpenInBandAndExpireThroughTheConnection) {
+    struct Expiry {
+        Expiry() { VEL_Encryptor::Instance()->setInactivityTimeout(1); }
+        ~Expiry() { VEL_Encryptor::Instance()->setInactivityTimeout(0); }
+    } expiry;
+    auto handler = boost::make_shared<Recorder>(_log, "holm");
+    std::unique_ptr<VEL_TCPSocket> client;
+    const auto connection = serve(handler, &client, VELFramedLimits_t(),
+                                  std::unique_ptr<VEL_FrameCodec>(new VEL_HOLMCodec(kMaxBody)));
+    auto codec = new VEL_HOLMCodec(kMaxBody);
+    FrameReader reader(veltest::Fd(*client), std::unique_ptr<VEL_FrameCodec>(codec));
+    ASSERT_EQ(codec->openSecureSession(), kVELErr_Ok);
+    const std::string first = Encode(*codec, "key exchange");
+    EXPECT_EQ(first[21], 16) << "the first secure frame carries the key";
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), first));
+    EXPECT_EQ(reader.read(1), std::vector<std::string>{"key exchange"});
+    const std::string late = Encode(*codec, "late");
+
+    ASSERT_TRUE(veltest::WaitFor(
+            [&] {
+                VEL_Message probe;
+                EXPECT_EQ(probe.setData("probe", 5), kVELErr_Ok);
+                return connection->send(&probe) == kVELErr_SecureSession;
+            },
+            seconds(5)));
+    EXPECT_TRUE(connection->isOpen()) << "a refused send leaves the connection open";
+    EXPECT_EQ(connection->pendingOutput(), 0u);
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), late));
+    EXPECT_TRUE(_log.waitCount("holm close " + std::to_string(kVELErr_SecureSession), 1));
+    EXPECT_TRUE(reader.ended());
+}
+
+// What the peer does wrong, and the reason the connection gives its handler. Each bad peer is
+// closed alone: a well-behaved connection beside it is still served afterwards.
+struct BadPeer {
+    const char* name;
+    std::string bytes;  // written, then the peer ends its stream (or resets it)
+    bool reset;
+    VELErr_t reason;
+};
+
+std::string Oxl1Header(std::uint32_t total, std::uint32_t check, std::uint16_t marker,
+                       char version) {
+    std::string header(12, '\0');
+    for (int i = 0; i < 4; ++i) {
+        header[i] = static_cast<char>(total >> (24 - 8 * i));
+        header[4 + i] = static_cast<char>(check >> (24 - 8 * i));
+    }
+    header[8] = static_cast<char>(marker >> 8);
+    header[9] = static_cast<char>(marker);
+    header[10] = version;
+    return header;
+}
+
+TEST_P(FramedConnectionTest, ABadPeerIsClosedWithItsReasonAndTheOthersAreServed) {
+    const std::string good = Encode(*Oxl1(), "fine");
+    const std::vector<BadPeer> peers = {
+            {"bad marker", Oxl1Header(20, ~20u, 33, '1') + "12345678", false,
+             kVELErr_BadStreamHeader},
+            {"bad version", Oxl1Header(20, ~20u, 32, '2') + "12345678", false,
+             kVELErr_BadStreamHeader},
+            {"body too big", Oxl1Header(kMaxBody + 13, ~std::uint32_t{kMaxBody + 13}, 32, '1'),
+             false, kVELErr_MessageTooBig},
+            {"ends in a header", good + good.substr(0, 5), false, kVELErr_SockHalfClosed},
+            {"ends in a body", good + good.substr(0, 14), false, kVELErr_SockHalfClosed},
+            {"resets in a body", good.substr(0, 14), true, kVELErr_SockHalfClosed},
+    };
+    auto bystander = boost::make_shared<Recorder>(_log, "bystander");
+    std::unique_ptr<VEL_TCPSocket> bystanderClient;
+    const auto kept = serve(bystander, &bystanderClient);
+    FrameReader bystanderReader(veltest::Fd(*bystanderClient), Oxl1());
+    for (const BadPeer& peer : peers) {
+        SCOPED_TRACE(peer.name);
+        auto handler = boost::make_shared<Recorder>(_log, peer.name);
+        std::unique_ptr<VEL_TCPSocket> client;
+        const auto connection = serve(handler, &client);
+        const int fd = veltest::Fd(*client);
+        ASSERT_TRUE(veltest::WriteAll(fd, peer.bytes));
+        if (peer.reset) {
+            const linger abort{1, 0};
+            ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort)), 0);
+            (void)client->close();
+        } else {
+            ASSERT_EQ(::shutdown(fd, SHUT_WR), 0);
+        }
+        ASSERT_TRUE(_log.waitCount(handler->closeEvent(peer.reason), 1));
+        EXPECT_FALSE(connection->isOpen());
+        EXPECT_EQ(connection->send(&*std::make_unique<VEL_Message>()), kVELErr_SockNotConnected);
+        if (!peer.reset) {
+            FrameReader reader(fd, Oxl1());
+            EXPECT_TRUE(reader.ended()) << "the server kept the connection";
+        }
+        ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*bystanderClient), good));
+        EXPECT_EQ(bystanderReader.read(1), std::vector<std::string>{"fine"});
+    }
+    EXPECT_EQ(_log.events().size(), peers.size()) << "one close each, nothing else";
+}
+
+// Makes the connections of a VEL_FramedAcceptor: each echoes, with a Recorder tagged by the
+// peer's port ("peer <port>"); refusals and pauses are logged as "refused <reason>", "paused".
+class TestFactory : public VEL_ConnectionFactory {
+public:
+    TestFactory(EventLog& log, const VELFramedLimits_t& limits) : _log(log), _limits(limits) {}
+
+    boost::shared_ptr<VEL_FramedConnection> makeConnection(
+            VEL_IOReactor& reactor, std::unique_ptr<VEL_TCPSocket> socket) override {
+        const std::string tag = "peer " + std::to_string(socket->getRemoteAddr().getPort());
+        auto connection =
+                VEL_FramedConnection::Create(reactor, std::move(socket), Oxl1(),
+                                             boost::make_shared<Recorder>(_log, tag), _limits);
+        ++made;
+        return connection;
+    }
+    void connectionRefused(const VEL_SockAddr& /*peer*/, VELErr_t reason) override {
+        _log.add("refused " + std::to_string(reason));
+    }
+    void acceptPaused(int /*err*/) override { _log.add("paused"); }
+
+    std::atomic<unsigned long> made{0};
+
+private:
+    EventLog& _log;
+    const VELFramedLimits_t _limits;
+};
+
+// The local port of a raw descriptor: the port its server sees as the peer's.
+unsigned short LocalPort(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return ntohs(address.sin_port);
+}
+
+std::string CloseOf(int fd, VELErr_t reason) {
+    return "peer " + std::to_string(LocalPort(fd)) + " close " + std::to_string(reason);
+}
+
+// Writes one byte of `frame` to each peer every 100 ms, cycling through the frame, until stopped
+// or the server has closed every one.
+class Dripper {
+public:
+    Dripper(const std::vector<veltest::RawFd>& peers, std::string frame)
+        : _thread([this, &peers, frame] {
+              for (std::size_t at = 0; !_stop.load(); at = (at + 1) % frame.size()) {
+                  for (const veltest::RawFd& peer : peers) {
+                      (void)::send(peer.get(), &frame[at], 1, MSG_NOSIGNAL);  // may be closed
+                  }
+                  std::unique_lock<std::mutex> hold(_lock);
+                  _changed.wait_for(hold, milliseconds(100), [this] { return _stop.load(); });
+              }
+          }) {}
+    ~Dripper() {
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            _stop = true;
+        }
+        _changed.notify_all();
+        _thread.join();
+    }
+
+private:
+    std::atomic<bool> _stop{false};
+    std::mutex _lock;
+    std::condition_variable _changed;
+    std::thread _thread;
+};
+
+// The listener's worst peers: three that stop in the middle of a frame, five that drip a frame
+// one byte at a time, one that sends a large frame and never reads the echo. A client that
+// connects after them all is served at once, before any of them reaches its deadline; then each
+// is closed for it.
+TEST_P(FramedConnectionTest, BadPeersDoNotDelayAWellBehavedClient) {
+    VELFramedLimits_t limits;
+    limits.frameDeadline = 2;
+    limits.outputDeadline = 2;
+    limits.highWater = 64 << 10;
+    limits.lowWater = 16 << 10;
+    auto factory = boost::make_shared<TestFactory>(_log, limits);
+    const auto acceptor =
+            VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"), factory);
+    ASSERT_EQ(acceptor->open(), kVELErr_Ok);
+    const unsigned short port = acceptor->getLocalAddr().getPort();
+    const std::string frame = Encode(*Oxl1(), veltest::Pattern(100, 1));
+
+    std::vector<veltest::RawFd> stalled, drippers;
+    for (int i = 0; i < 3; ++i) {
+        stalled.push_back(veltest::RawConnect(port));
+        ASSERT_TRUE(veltest::WriteAll(stalled.back().get(), frame.substr(0, 13)));
+    }
+    for (int i = 0; i < 5; ++i) {
+        drippers.push_back(veltest::RawConnect(port));
+    }
+    const Dripper dripper(drippers, frame);
+    veltest::RawFd deaf = veltest::RawConnect(port);
+    PeerThread deafWriter(deaf.get(), [&deaf] {
+        (void)veltest::WriteAll(deaf.get(), Encode(*Oxl1(), veltest::Pattern(4 << 20, 2)));
+    });
+    ASSERT_TRUE(veltest::WaitFor([&] { return factory->made.load() == 9; }));
+
+    veltest::RawFd good = veltest::RawConnect(port);
+    FrameReader reader(good.get(), Oxl1());
+    for (int i = 0; i < 20; ++i) {
+        const std::string body = "round trip " + std::to_string(i);
+        ASSERT_TRUE(veltest::WriteAll(good.get(), Encode(*Oxl1(), body)));
+        ASSERT_EQ(reader.read(1), std::vector<std::string>{body});
+    }
+    _log.add("good client served");
+
+    std::vector<int> bad;
+    for (const auto* group : {&stalled, &drippers}) {
+        for (const veltest::RawFd& peer : *group) {
+            bad.push_back(peer.get());
+        }
+    }
+    bad.push_back(deaf.get());
+    (void)veltest::WaitFor(
+            [&] {
+                return std::all_of(bad.begin(), bad.end(), [&](int fd) {
+                    return _log.count(CloseOf(fd, kVELErr_Timeout)) == 1;
+                });
+            },
+            seconds(8));
+    for (int fd : bad) {
+        EXPECT_EQ(_log.count(CloseOf(fd, kVELErr_Timeout)), 1u)
+                << "peer " << LocalPort(fd) << " was not closed for its deadline";
+    }
+    deafWriter.join();
+    const std::vector<std::string> events = _log.events();
+    const auto served = std::find(events.begin(), events.end(), "good client served");
+    for (auto event = events.begin(); event != served; ++event) {
+        ADD_FAILURE() << "before the good client was served: " << *event;
+    }
+    EXPECT_EQ(good.get() >= 0 && factory->made.load() == 10, true);
+}
+
+// A peer that sends without reading: once pending output reaches the high-water mark the
+// connection stops reading (the peer's writes block) and send reports kVELErr_QueueFull; once
+// the peer reads, reading resumes, onDrained runs, and every frame comes back in order.
+TEST_P(FramedConnectionTest, BackPressureStopsReadingUntilThePeerReads) {
+    VELFramedLimits_t limits;
+    limits.highWater = 64 << 10;
+    limits.lowWater = 16 << 10;
+    VEL_SockOptions small;  // so that the system's buffers do not hide the queue
+    small.setSndBufSize(32 << 10);
+    small.setRcvBufSize(32 << 10);
+    auto handler = boost::make_shared<Recorder>(_log, "x");
+    std::unique_ptr<VEL_TCPSocket> client;
+    const auto connection = serve(handler, &client, limits, Oxl1(), small);
+    const int fd = veltest::Fd(*client);
+    constexpr unsigned long kFrames = 2000;  // 16 MiB
+    std::vector<std::string> bodies;
+    for (unsigned long i = 0; i < kFrames; ++i) {
+        bodies.push_back(veltest::Pattern(8 << 10, static_cast<unsigned int>(i)));
+    }
+    std::atomic<pid_t> writerTid{0};
+    PeerThread writer(fd, [&] {
+        writerTid = veltest::CurrentTid();
+        for (const std::string& body : bodies) {
+            ASSERT_TRUE(veltest::WriteAll(fd, Encode(*Oxl1(), body)));
+        }
+    });
+    ASSERT_TRUE(veltest::WaitFor([&] { return writerTid.load() != 0; }));
+    ASSERT_TRUE(veltest::WaitFor([&] { return !connection->isReading(); }));
+    EXPECT_TRUE(veltest::WaitUntilSleeping(writerTid.load())) << "the writer was never held";
+    EXPECT_TRUE(veltest::WaitFor([&] { return handler->queueFull.load() >= 1; }));
+    // Once reading stops, what the last dispatch had read is all that is queued.
+    EXPECT_LE(connection->pendingOutput(), limits.highWater + limits.readBudget);
+    EXPECT_LT(handler->messages.load(), kFrames);
+    EXPECT_EQ(_log.count("x drained"), 0u);
+
+    FrameReader reader(fd, Oxl1());
+    EXPECT_EQ(reader.read(kFrames), bodies);
+    writer.join();
+    EXPECT_GE(_log.count("x drained"), 1u);
+    EXPECT_EQ(connection->pendingOutput(), 0u);
+}
+
+// Each time limit closes the connection with kVELErr_Timeout, no sooner than the limit (less the
+// timers' granularity) and within it plus 2 s; a peer that keeps the traffic going is not closed.
+struct LimitCase {
+    const char* name;
+    unsigned long frameDeadline, outputDeadline, idleTimeout;
+    // Misbehaves on the client end for about 2.5 s at most; returns when done.
+    std::function<void(int fd)> peer;
+    bool closed;
+};
+
+TEST_P(FramedConnectionTest, TimeLimitsCloseWithTimeout) {
+    const std::string frame = Encode(*Oxl1(), veltest::Pattern(100, 3));
+    const std::vector<LimitCase> cases = {
+            {"frame stalls", 1, 0, 0,
+             [&](int fd) { ASSERT_TRUE(veltest::WriteAll(fd, frame.substr(0, 13))); }, true},
+            {"frame drips", 1, 0, 0,
+             [&](int fd) {
+                 for (std::size_t i = 0; i < 25; ++i) {
+                     if (!veltest::WriteAll(fd, frame.substr(i, 1))) {
+                         return;  // closed
+                     }
+                     std::this_thread::sleep_for(milliseconds(100));
+                 }
+             },
+             true},
+            {"output stalls", 0, 1, 0,
+             [&](int fd) {
+                 (void)veltest::WriteAll(fd, Encode(*Oxl1(), veltest::Pattern(4 << 20, 4)));
+             },
+             true},
+            {"silence", 0, 0, 1, [](int /*fd*/) {}, true},
+            {"steady traffic", 1, 1, 1,
+             [&](int fd) {
+                 FrameReader reader(fd, Oxl1());
+                 for (int i = 0; i < 12; ++i) {
+                     ASSERT_TRUE(veltest::WriteAll(fd, frame));
+                     ASSERT_EQ(reader.read(1).size(), 1u);
+                     std::this_thread::sleep_for(milliseconds(200));
+                 }
+             },
+             false},
+    };
+    for (const LimitCase& tested : cases) {
+        SCOPED_TRACE(tested.name);
+        VELFramedLimits_t limits;
+        limits.frameDeadline = tested.frameDeadline;
+        limits.outputDeadline = tested.outputDeadline;
+        limits.idleTimeout = tested.idleTimeout;
+        limits.highWater = 64 << 10;
+        VEL_SockOptions small;  // so that the system's buffers cannot take a whole echo
+        small.setSndBufSize(32 << 10);
+        small.setRcvBufSize(32 << 10);
+        auto handler = boost::make_shared<Recorder>(_log, tested.name);
+        std::unique_ptr<VEL_TCPSocket> client;
+        const auto started = steady_clock::now();
+        const auto connection = serve(handler, &client, limits, Oxl1(), small);
+        PeerThread peer(veltest::Fd(*client), [&] { tested.peer(veltest::Fd(*client)); });
+        const bool closed = _log.waitCount(handler->closeEvent(kVELErr_Timeout), 1,
+                                           tested.closed ? seconds(3) : milliseconds(0));
+        const auto took = steady_clock::now() - started;
+        peer.join();
+        EXPECT_EQ(closed, tested.closed);
+        if (tested.closed) {
+            EXPECT_GE(took, milliseconds(750)) << "closed before its limit";
+        } else {
+            EXPECT_TRUE(connection->isOpen());
+            connection->close();
+        }
+    }
+}
+
+// Several threads send at once, most while output is pending: every frame arrives whole, and
+// each thread's frames in the order it sent them.
+TEST_P(FramedConnectionTest, SendsFromManyThreadsArriveWholeAndInOrder) {
+    auto handler = boost::make_shared<Recorder>(_log, "x");
+    std::unique_ptr<VEL_TCPSocket> client;
+    const auto connection = serve(handler, &client);
+    constexpr int kThreads = 4;
+    constexpr int kEach = 250;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i) {
+                const std::string body = std::to_string(t) + " " + std::to_string(i) + " " +
+                                         veltest::Pattern(1 + (i * 7919) % 60000, t * kEach + i);
+                VEL_Message message;
+                ASSERT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
+                const VELErr_t code = connection->send(&message);
+                ASSERT_TRUE(code == kVELErr_Ok || code == kVELErr_QueueFull) << code;
+            }
+        });
+    }
+    FrameReader reader(veltest::Fd(*client), Oxl1());
+    const std::vector<std::string> bodies = reader.read(kThreads * kEach);
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    ASSERT_EQ(bodies.size(), static_cast<std::size_t>(kThreads * kEach));
+    std::vector<int> next(kThreads, 0);
+    for (const std::string& body : bodies) {
+        const int t = std::stoi(body);
+        const std::size_t space = body.find(' ', 2);
+        const int i = std::stoi(body.substr(2));
+        ASSERT_EQ(i, next[t]) << "thread " << t << " out of order";
+        ASSERT_EQ(body.substr(space + 1), veltest::Pattern(1 + (i * 7919) % 60000, t * kEach + i));
+        ++next[t];
+    }
+    EXPECT_EQ(connection->pendingOutput(), 0u);
+}
+
+// close() from onMessage: what was queued before goes out, the messages after it in the same
+// read are not delivered, onClose runs once with kVELErr_Ok, and send then fails. close() from
+// another thread completes on the reactor thread. A connection never started closes without
+// onClose. The reactor's clean() closes what is still open with kVELErr_ReactorStopped.
+TEST_P(FramedConnectionTest, ClosingRunsOnCloseOnceWhateverClosesIt) {
+    auto fromCallback = boost::make_shared<Recorder>(_log, "callback");
+    VELErr_t sentAfter = kVELErr_Ok;
+    fromCallback->onMessageHook = [&](VEL_FramedConnection& connection, VEL_Message& message) {
+        if (std::string(message.data(), message.size()) == "close") {
+            connection.close();
+            connection.close();
+            sentAfter = connection.send(&message);
+        } else {
+            EXPECT_EQ(connection.send(&message), kVELErr_Ok);
+        }
+    };
+    std::unique_ptr<VEL_TCPSocket> client;
+    auto connection = serve(fromCallback, &client);
+    ASSERT_TRUE(veltest::WriteAll(
+            veltest::Fd(*client),
+            Encode(*Oxl1(), "one") + Encode(*Oxl1(), "close") + Encode(*Oxl1(), "three")));
+    FrameReader reader(veltest::Fd(*client), Oxl1());
+    EXPECT_EQ(reader.read(1), std::vector<std::string>{"one"});
+    EXPECT_TRUE(reader.ended());
+    ASSERT_TRUE(_log.waitCount("callback close 0", 1));
+    EXPECT_EQ(fromCallback->messages.load(), 2u);
+    EXPECT_EQ(sentAfter, kVELErr_SockNotConnected);
+
+    auto fromOutside = boost::make_shared<Recorder>(_log, "outside");
+    connection = serve(fromOutside, &client);
+    connection->close();
+    connection->close();
+    ASSERT_TRUE(_log.waitCount("outside close 0", 1));
+    EXPECT_FALSE(pthread_equal(fromOutside->closedOn.load(), pthread_self()));
+    EXPECT_TRUE(FrameReader(veltest::Fd(*client), Oxl1()).ended());
+
+    auto never = boost::make_shared<Recorder>(_log, "never");
+    veltest::TCPSocketPair pair = veltest::MakeTCPSocketPair();
+    connection = VEL_FramedConnection::Create(*_reactor, std::move(pair.server), Oxl1(), never);
+    VEL_Message message;
+    EXPECT_EQ(connection->send(&message), kVELErr_SockNotConnected);
+    connection->close();
+    EXPECT_EQ(connection->start(), kVELErr_InvalidAction);
+    EXPECT_TRUE(FrameReader(veltest::Fd(*pair.client), Oxl1()).ended());
+
+    auto open = boost::make_shared<Recorder>(_log, "open");
+    connection = serve(open, &client);
+    veltest::StopAndClean(*_reactor);
+    EXPECT_EQ(_log.count("open close " + std::to_string(kVELErr_ReactorStopped)), 1u);
+    EXPECT_EQ(_log.count("callback close 0") + _log.count("outside close 0"), 2u);
+    EXPECT_EQ(_log.events().size(), 3u) << "one close each; none for the connection never started";
+}
+
+// The memory figure of a server's idle connections: after a 16 MiB message went through, the
+// connection gives back its large body and output storage.
+TEST_P(FramedConnectionTest, AnIdleConnectionHoldsNoLargeBufferAfterA16MiBEcho) {
+    auto handler = boost::make_shared<Recorder>(_log, "x");
+    std::unique_ptr<VEL_TCPSocket> client;
+    const auto connection = serve(handler, &client);
+    const std::string body = veltest::Pattern(16 << 20, 5);
+    PeerThread writer(veltest::Fd(*client), [&] {
+        ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), Encode(*Oxl1(), body)));
+    });
+    FrameReader reader(veltest::Fd(*client), Oxl1());
+    const std::vector<std::string> echoed = reader.read(1);
+    writer.join();
+    ASSERT_EQ(echoed.size(), 1u);
+    EXPECT_TRUE(echoed[0] == body);
+    ASSERT_TRUE(veltest::WaitFor([&] { return connection->pendingOutput() == 0; }));
+    EXPECT_LE(connection->heldBytes(), 64u << 10);
+}
+
+// The acceptor takes every connection that comes; those beyond the reactor's size are closed at
+// once and reported as refused, and the others are served.
+TEST_P(FramedConnectionTest, TheAcceptorRefusesConnectionsBeyondTheReactorSize) {
+    std::unique_ptr<VEL_IOReactor> reactor = GetParam()(8, basis::TimeValue(1, 0));
+    ASSERT_EQ(reactor->init(), kVELErr_Ok);
+    ASSERT_EQ(reactor->open(), basis::kErr_Ok);
+    auto factory = boost::make_shared<TestFactory>(_log, VELFramedLimits_t());
+    auto acceptor = VEL_FramedAcceptor::Create(*reactor, VEL_SockAddr(0, "127.0.0.1"), factory);
+    ASSERT_EQ(acceptor->open(), kVELErr_Ok);
+    std::vector<veltest::RawFd> clients;
+    for (int i = 0; i < 10; ++i) {
+        clients.push_back(veltest::RawConnect(acceptor->getLocalAddr().getPort()));
+    }
+    ASSERT_TRUE(veltest::WaitFor(
+            [&] { return acceptor->getAccepted() + acceptor->getRefused() == 10; }));
+    EXPECT_EQ(acceptor->getAccepted(), 6u);  // 8 less the wake-up socket and the acceptor
+    EXPECT_EQ(_log.count("refused " + std::to_string(kVELErr_ReactorFull)), 4u);
+    int served = 0;
+    for (const veltest::RawFd& client : clients) {
+        FrameReader reader(client.get(), Oxl1());
+        ASSERT_TRUE(veltest::WriteAll(client.get(), Encode(*Oxl1(), "hi")));
+        const std::vector<std::string> reply = reader.read(1, seconds(2));
+        served += reply.size() == 1 ? 1 : 0;
+        EXPECT_TRUE(reply.size() == 1 || reader.ended()) << "a refused peer was kept";
+    }
+    EXPECT_EQ(served, 6);
+    EXPECT_EQ(acceptor->close(), kVELErr_Ok);
+    acceptor.reset();
+    veltest::StopAndClean(*reactor);
+}
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, FramedConnectionTest,
+                         ::testing::Values(&veltest::MakeSelectReactor, &veltest::MakeEpollReactor),
+                         veltest::BackEndName);
+
+}  // namespace
