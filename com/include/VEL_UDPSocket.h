@@ -65,12 +65,14 @@ public:
     /// being filled is restored on a time-out). n below 2 receives into v[0].
     VELErr_t readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* from);
 
+    ///@{
     /// The forms above without destination or sender.
     VELErr_t send(const char* buf, unsigned int len) override;
     VELErr_t recv(char* buf, unsigned int len) override;
     VELErr_t recvAvail(char* buf, unsigned int* len) override;
     VELErr_t writev(VELIoVec* v, unsigned long n) override;
     VELErr_t readv(VELIoVec* v, unsigned long n) override;
+    ///@}
 
 private:
     VELErr_t checkSend(const VEL_SockAddr* to) const;
