@@ -1,4 +1,5 @@
-// The whole public interface of the vel library.
+/// @file
+/// The whole public interface of the vel library.
 #ifndef INCLUDE_VEL_H
 #define INCLUDE_VEL_H
 

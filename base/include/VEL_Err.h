@@ -1,13 +1,15 @@
-// VELErr_t: the status code every operation of the library returns. 0 (kVELErr_Ok) is the only
-// success. Codes are grouped by hundreds: 0-99 general, 100-199 network ("com"), 200-299 queues
-// and tasks ("thread"), 300-399 reactor and pipes ("frame"), 401-499 TLS ("tls"; 400 is not a
-// code). VEL_Tools::GetErrStr gives the text.
+/// @file
 #ifndef BASE_INCLUDE_VEL_ERR_H
 #define BASE_INCLUDE_VEL_ERR_H
 
-// The underlying type is fixed so that every 32-bit value is a valid VELErr_t: codes that are
-// not listed here (from a newer peer, or a caller's own) reach GetErrStr without undefined
-// behaviour. It is the type compilers already chose for these values.
+/// VELErr_t: the status code every operation of the library returns. 0 (kVELErr_Ok) is the only
+/// success. Codes are grouped by hundreds: 0-99 general, 100-199 network ("com"), 200-299 queues
+/// and tasks ("thread"), 300-399 reactor and pipes ("frame"), 401-499 TLS ("tls"; 400 is not a
+/// code). VEL_Tools::GetErrStr gives the text.
+///
+/// The underlying type is fixed so that every 32-bit value is a valid VELErr_t: codes that are
+/// not listed here (from a newer peer, or a caller's own) reach GetErrStr without undefined
+/// behaviour. It is the type compilers already chose for these values.
 enum VELErr_t : unsigned int {
     kVELErr_Ok = 0,
     kVELErr_Alloc = 1,
@@ -98,26 +100,26 @@ enum VELErr_t : unsigned int {
     kVELErr_PipeClosed = 312,
     kVELErr_ReactorFdCorrupt = 313,
 
-    // The TLS handshake did not complete: the peer refused the protocol versions or ciphers
-    // offered, sent an alert, or closed or reset the connection during it.
+    /// The TLS handshake did not complete: the peer refused the protocol versions or ciphers
+    /// offered, sent an alert, or closed or reset the connection during it.
     kVELErr_TLSHandshake = 401,
-    // A certificate was refused, by this side (the reason is traced) or by the peer.
+    /// A certificate was refused, by this side (the reason is traced) or by the peer.
     kVELErr_TLSCertificate = 402,
-    // The peer sent bytes that are not TLS, or a damaged or unexpected record.
+    /// The peer sent bytes that are not TLS, or a damaged or unexpected record.
     kVELErr_TLSProtocol = 403,
-    // The connection ended without the peer's close_notify: the data may have been cut short.
+    /// The connection ended without the peer's close_notify: the data may have been cut short.
     kVELErr_TLSTruncated = 404,
-    // A certificate (chain) given to a TLS context is not PEM or is damaged.
+    /// A certificate (chain) given to a TLS context is not PEM or is damaged.
     kVELErr_TLSBadCertificate = 405,
-    // A private key given to a TLS context is not PEM, is damaged, or its password is wrong.
+    /// A private key given to a TLS context is not PEM, is damaged, or its password is wrong.
     kVELErr_TLSBadKey = 406,
-    // The private key of a TLS context does not belong to its certificate.
+    /// The private key of a TLS context does not belong to its certificate.
     kVELErr_TLSKeyMismatch = 407,
-    // Trusted certificates could not be loaded (a damaged file, or a missing directory).
+    /// Trusted certificates could not be loaded (a damaged file, or a missing directory).
     kVELErr_TLSTrustStore = 408,
-    // A TLS server context without its certificate and private key.
+    /// A TLS server context without its certificate and private key.
     kVELErr_TLSNoCertificate = 409,
-    // The TLS library could not set up a context or a session.
+    /// The TLS library could not set up a context or a session.
     kVELErr_TLSInit = 410
 };
 

@@ -1,11 +1,4 @@
-// basis::VolatileUID<T>: small unique numbers that can be given back and reused.
-//
-// getID() reuses the oldest given-back number first; with none given back it issues the next
-// number after the last one issued (the first is 1). The counter is 32-bit and wraps to 1, never
-// to 0, which users read as "no number". Nothing checks that a given-back number was issued or is
-// not given back twice.
-//
-// Thread safety: every operation locks the generator's mutex.
+/// @file
 #ifndef BASIS_INCLUDE_VOLATILEUID_H
 #define BASIS_INCLUDE_VOLATILEUID_H
 
@@ -20,32 +13,43 @@
 
 namespace basis {
 
+/// basis::VolatileUID<T>: small unique numbers that can be given back and reused.
+///
+/// getID() reuses the oldest given-back number first; with none given back it issues the next
+/// number after the last one issued (the first is 1). The counter is 32-bit and wraps to 1, never
+/// to 0, which users read as "no number". Nothing checks that a given-back number was issued or is
+/// not given back twice.
+///
+/// Thread safety: every operation locks the generator's mutex.
 template <class T>
 class VolatileUID {
 public:
     VolatileUID() = default;
-    // A generator whose last issued number is `lastIssued` (the next one issued follows it).
+    /// A generator whose last issued number is `lastIssued` (the next one issued follows it).
     explicit VolatileUID(std::uint32_t lastIssued) : _last(lastIssued) {}
     VolatileUID(const VolatileUID&) = delete;
     VolatileUID& operator=(const VolatileUID&) = delete;
 
-    // Throws keel::StdException when a standard exception escapes (memory exhausted).
+    /// A number (see above). Throws keel::StdException when a standard exception escapes
+    /// (memory exhausted).
     T getID();
+    /// Gives `id` back for reuse.
     void releaseID(T id);
-    // Forgets the given-back numbers; the last number issued is kept, so numbers stay unique.
+    /// Forgets the given-back numbers; the last number issued is kept, so numbers stay unique.
     void dropReleased();
+    /// The last number issued (0 before the first).
     std::uint32_t getLastIssued() const;
 
 private:
     [[noreturn]] static void Rethrow(const std::exception& e, const char* function);
-    // Doubles the ring, keeping the order. REQUIRES: _mutex held.
+    /// Doubles the ring, keeping the order. REQUIRES: _mutex held.
     void grow();
 
     mutable ThreadMutex _mutex;
-    std::uint32_t _last = 0;  // guarded by _mutex
-    // The given-back numbers, oldest first from _head, in a ring whose size is a power of two
-    // (or 0); it only grows, so giving back and reusing numbers allocates nothing in the steady
-    // state. Guarded by _mutex.
+    std::uint32_t _last = 0;  ///< guarded by _mutex
+    /// The given-back numbers, oldest first from _head, in a ring whose size is a power of two
+    /// (or 0); it only grows, so giving back and reusing numbers allocates nothing in the steady
+    /// state. Guarded by _mutex.
     std::vector<T> _ring;
     std::size_t _head = 0;
     std::size_t _released = 0;

@@ -1,22 +1,4 @@
-// VEL_FastQueue<T>: a VEL_QueueBase that keeps its elements in a ring buffer.
-//
-// Ring invariants (all fields under the queue mutex; _count and _capacity are also read without
-// it, as hints):
-// - the capacity N = min(maxSize / sizeof(T), maxNb) is at least 1;
-// - the slots head, head + 1, ..., head + count - 1 (mod N) hold constructed elements in queue
-//   order and no other slot does; tail = (head + count) mod N is the next back slot, so a full
-//   ring has tail == head;
-// - nothing is allocated per element: the slots change only when setLimits (or an auto-resize)
-//   changes the capacity. Shrinking keeps the oldest elements at the start of the new slots;
-//   growing keeps every element at its index and, when the content wraps past the old end,
-//   continues the wrapped run right after it.
-//
-// T needs a copy constructor and a move assignment; a move that may throw is replaced by a copy
-// when the ring is resized, so an exception from T leaves the queue unchanged and propagates to
-// the caller.
-//
-// Ownership and thread safety: as VEL_QueueBase. The constructor throws std::bad_alloc when the
-// slots cannot be allocated.
+/// @file
 #ifndef THREAD_INCLUDE_VEL_FASTQUEUE_H
 #define THREAD_INCLUDE_VEL_FASTQUEUE_H
 
@@ -30,29 +12,57 @@
 #include "VEL_Err.h"
 #include "VEL_QueueBase.h"
 
+/// VEL_FastQueue<T>: a VEL_QueueBase that keeps its elements in a ring buffer.
+///
+/// Ring invariants (all fields under the queue mutex; _count and _capacity are also read without
+/// it, as hints):
+/// - the capacity N = min(maxSize / sizeof(T), maxNb) is at least 1;
+/// - the slots head, head + 1, ..., head + count - 1 (mod N) hold constructed elements in queue
+///   order and no other slot does; tail = (head + count) mod N is the next back slot, so a full
+///   ring has tail == head;
+/// - nothing is allocated per element: the slots change only when setLimits (or an auto-resize)
+///   changes the capacity. Shrinking keeps the oldest elements at the start of the new slots;
+///   growing keeps every element at its index and, when the content wraps past the old end,
+///   continues the wrapped run right after it.
+///
+/// T needs a copy constructor and a move assignment; a move that may throw is replaced by a copy
+/// when the ring is resized, so an exception from T leaves the queue unchanged and propagates to
+/// the caller.
+///
+/// Ownership and thread safety: as VEL_QueueBase. The constructor throws std::bad_alloc when the
+/// slots cannot be allocated.
 template <class T>
 class VEL_FastQueue : public VEL_QueueBase<T> {
 public:
-    // As the VEL_QueueBase constructors, plus the count at which a put signals the dequeue
-    // condition (values below 2 never signal it).
+    ///@{
+    /// As the VEL_QueueBase constructors, plus the count at which a put signals the dequeue
+    /// condition (values below 2 never signal it).
     VEL_FastQueue(const VEL_QueueLimits& limits, VEL_QueueWMNotifier* notifier, bool blocking,
                   bool active, unsigned long dequeueSize);
     VEL_FastQueue(unsigned long maxNb, bool blocking, bool active, unsigned long dequeueSize);
     VEL_FastQueue(bool blocking, bool active, unsigned long dequeueSize);
+    ///@}
     ~VEL_FastQueue() override;
 
     bool isEmpty() const override { return _count.load(std::memory_order_relaxed) == 0; }
     bool isFull() const override;
 
-    // Elements held / the capacity N. Exact under the queue mutex (from a notifier), a snapshot
-    // otherwise. Any thread.
+    ///@{
+    /// Elements held / the capacity N. Exact under the queue mutex (from a notifier), a snapshot
+    /// otherwise. Any thread.
     unsigned long getNbElement() const { return _count.load(std::memory_order_relaxed); }
     unsigned long getRealMaxNb() const { return _capacity.load(std::memory_order_relaxed); }
+    ///@}
+    ///@{
+    /// The count at which a put signals the dequeue condition (see the constructors).
     unsigned long getDequeueSize() const;
     void setDequeueSize(unsigned long dequeueSize);
-    // count * 100 / maxNb and count * sizeof(T) * 100 / maxSize, in whole percent.
+    ///@}
+    ///@{
+    /// count * 100 / maxNb and count * sizeof(T) * 100 / maxSize, in whole percent.
     unsigned long getNbUsage() const;
     unsigned long getSizeUsage() const;
+    ///@}
 
 protected:
     unsigned long getFrontElem(T* out) override;
@@ -61,7 +71,7 @@ protected:
                               VEL_QueueWMNotifier* notifier) override;
 
 private:
-    // Storage for one element; constructed only while it holds one.
+    /// Storage for one element; constructed only while it holds one.
     struct Slot {
         alignas(T) unsigned char bytes[sizeof(T)];
     };
@@ -70,21 +80,21 @@ private:
     unsigned long next(unsigned long index) const {
         return index + 1 == _capacity.load(std::memory_order_relaxed) ? 0 : index + 1;
     }
-    // Builds the first `keep` elements, in queue order, in `to` at place(old index, position),
-    // then destroys every old element. If building throws, `to` is emptied again and the old
-    // elements are left as they were.
+    /// Builds the first `keep` elements, in queue order, in `to` at place(old index, position),
+    /// then destroys every old element. If building throws, `to` is emptied again and the old
+    /// elements are left as they were.
     template <class Place>
     void relocate(Slot* to, unsigned long keep, Place place);
     void growInto(Slot* to, unsigned long newCapacity);
     void shrinkInto(Slot* to, unsigned long newCapacity);
 
-    // Guarded by the queue mutex. _count and _capacity are written only under it, and atomic
-    // because the fast paths and the counters read them without it.
+    /// Guarded by the queue mutex. _count and _capacity are written only under it, and atomic
+    /// because the fast paths and the counters read them without it.
     std::atomic<unsigned long> _count{0};
     unsigned long _tail = 0;
     unsigned long _head = 0;
     unsigned long _dequeueSize;
-    basis::CondThreadMutex _dequeueCond;  // signalled when a put brings the count to _dequeueSize
+    basis::CondThreadMutex _dequeueCond;  ///< signalled when a put brings the count to _dequeueSize
     std::atomic<unsigned long> _capacity;
     std::unique_ptr<Slot[]> _slots;
 };

@@ -64,6 +64,8 @@ const char kUsage[] =
         "                                      (unless -e), and runs until SIGINT or SIGTERM.\n"
         "\n"
         "options:\n"
+        "  -l, --listen       listen mode, as above\n"
+        "  -s, --source HOST  listen mode: the interface to listen on (default all)\n"
         "  -p, --proto NAME   oxl1 (default) | oxl2 | oxl5 | holm | tn3270\n"
         "  -z, --compress     client: compress outgoing bodies (oxl2, holm); a body that does\n"
         "                     not compress into its room is sent plain\n"
