@@ -379,9 +379,9 @@ TEST_P(FramedTLSTest, FailedHandshakesAndEndsCloseWithTheirStatus) {
         EXPECT_EQ((*keep)->handshake(), kVELErr_TLSCertificate);
         return LocalPort(veltest::Fd(**keep));
     };
-    const auto ending = [this](bool notify) {
-        return [this, notify](unsigned short port, std::unique_ptr<VEL_TLSSocket>* keep,
-                              veltest::RawFd*) {
+    const auto ending = [](bool notify) {
+        return [notify](unsigned short port, std::unique_ptr<VEL_TLSSocket>* keep,
+                        veltest::RawFd*) {
             *keep = connect(port);
             EXPECT_EQ(roundTrip(**keep, "last words"), "last words");
             const int fd = veltest::Fd(**keep);
