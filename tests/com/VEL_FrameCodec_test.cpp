@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "CodecSupport.h"
 #include "MemorySocket.h"
@@ -26,6 +25,7 @@
 
 namespace {
 
+using veltest::Be32;
 using veltest::Hex;
 using veltest::MemorySocket;
 
@@ -39,12 +39,14 @@ void ExpectPieces(const DecodeOutcome& outcome) {
     }
 }
 
-// A stream to decode, how many messages it holds before it ends, and how it ends
-// (kVELErr_Incomplete: with every frame whole or with the last one cut).
+// A stream to decode, how many messages it holds before it ends, how it ends
+// (kVELErr_Incomplete: with every frame whole or with the last one cut), and how many of its
+// bytes a failure leaves unread (a refused header: the rest of its frame).
 struct Stream {
     std::string bytes;
     std::size_t messages;
     VELErr_t end;
+    std::size_t unread = 0;
 };
 
 // One wire format: how to make its codec and its blocking transport, and streams to compare.
@@ -78,37 +80,25 @@ std::vector<Stream> OXLv1Streams() {  // maximum 5
             {kHello + kEmpty + Hex("00000011 FFFFFFEE 0020 31 7F") + "world", 3,
              kVELErr_Incomplete},
             {kHello + Hex("00000011 FFFFFFEF 0020 31 00") + "hello", 1,  // bad check
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {kHello + Hex("00000011 FFFFFFEE 0021 31 00") + "hello", 1,  // bad marker
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {kHello + Hex("00000011 FFFFFFEE 0020 32 00") + "hello", 1,  // bad version
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {kEmpty + Hex("00000012 FFFFFFED 0020 31 00") + "hello!", 1,  // over the maximum
-             kVELErr_MessageTooBig},
+             kVELErr_MessageTooBig, 6},
             {kHello + Hex("0000000B FFFFFFF4 0020 31 00"), 1,  // total below the header
              kVELErr_MessageTooBig},
             {kHello + kHello.substr(0, 14), 1, kVELErr_Incomplete},  // cut in the body
     };
 }
 
-// A zlib stream of `plain`, made with zlib itself.
-std::string Deflated(const std::string& plain) {
-    uLongf length = compressBound(plain.size());
-    std::string stream(length, '\0');
-    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                       reinterpret_cast<const Bytef*>(plain.data()), plain.size()),
-              Z_OK);
-    stream.resize(length);
-    return stream;
-}
-
 // A compressed OXLv2 frame: header, RSCV, record announcing `announced` bytes, then `stream`.
 std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
                             const std::string& stream) {
     const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
-    return veltest::Be32(total) + veltest::Be32(~total) +
-           std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" + rscv + Hex("02000000") +
-           veltest::Be32(announced) + stream;
+    return Be32(total) + Be32(~total) + std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" +
+           rscv + Hex("02000000") + Be32(announced) + stream;
 }
 
 std::vector<Stream> OXLv2Streams() {  // maximum 1000
@@ -119,26 +109,26 @@ std::vector<Stream> OXLv2Streams() {  // maximum 1000
     sender.setCompression(true);
     const std::string compressed = Sent(sender, std::string(600, 'z') + "tail", "r") +
                                    Sent(sender, std::string(1000, 'y'));
-    const std::string hello = Deflated("hello");
+    const std::string hello = veltest::Deflated("hello");
     const std::string good = Hex("00000011 FFFFFFEE 0004 32 00") + "hello";
     return {
             {plain + compressed + plain, 10, kVELErr_Incomplete},
             {good + Hex("00000011 FFFFFFEF 0004 32 00") + "hello", 1,  // bad check
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {good + Hex("00000011 FFFFFFEE 0003 32 00") + "hello", 1,  // H 3
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {good + Hex("00000200 FFFFFDFF 0104 32 00") + "hello", 1,  // H 260
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {good + Hex("00000011 FFFFFFEE 0004 31 00") + "hello", 1,  // version
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {good + Hex("0000000B FFFFFFF4 0004 32 00") + "hello", 1,  // total below H + 8
-             kVELErr_BadStreamHeader},
+             kVELErr_BadStreamHeader, 5},
             {good + Hex("00000013 FFFFFFEC 0004 32 43") + "hello", 1,  // no room for the record
-             kVELErr_MessageTooBig},
+             kVELErr_MessageTooBig, 5},
             {good + Hex("000003F5 FFFFFC0A 0004 32 00") + "hello", 1,  // body 1001
-             kVELErr_MessageTooBig},
+             kVELErr_MessageTooBig, 5},
             {compressed + CompressedOXLv2("r", 1001, hello), 2,  // uncompressed 1001
-             kVELErr_MessageTooBig},
+             kVELErr_MessageTooBig, hello.size()},
             {good + CompressedOXLv2("", 4, hello), 1, kVELErr_Uncompression},      // too long
             {good + CompressedOXLv2("", 6, hello), 1, kVELErr_Uncompression},      // too short
             {good + CompressedOXLv2("rs", 5, "hello"), 1, kVELErr_Uncompression},  // not zlib
@@ -169,6 +159,7 @@ std::vector<Stream> HOLMStreams() {  // maximum 1000
     MemorySocket socket;
     VEL_HOLM sender(&socket, 0);
     const std::string hello = Sent(sender, "hello");
+    const std::string atMaximum = Sent(sender, std::string(1000, 'm'));
     const std::string plain = hello + Sent(sender, "", "r", "s") +
                               Sent(sender, "body", std::string(255, 'R'), std::string(255, 'S'));
     sender.setCompression(true, kVELHOLMCompAlgo_Best);
@@ -198,18 +189,28 @@ std::vector<Stream> HOLMStreams() {  // maximum 1000
     return {
             {plain + compressed + plain, 7, kVELErr_Incomplete},
             {secure + plain, 11, kVELErr_Incomplete},
-            {hello + Patched(hello, 13, "\x01", false), 1, kVELErr_BadStreamHeader},  // check
-            {hello + Patched(hello, 2, Hex("0101")), 1, kVELErr_BadStreamHeader},     // version
-            {hello + Patched(hello, 0, "HP"), 1, kVELErr_BadStreamHeader},            // magic
-            {hello + Patched(hello, 8, veltest::Be32(1001)), 1, kVELErr_MessageTooBig},
-            {hello + Patched(hello, 8, veltest::Be32(4)), 1, kVELErr_BadStreamHeader},   // plain
-            {hello + Patched(hello, 4, veltest::Be32(27)), 1, kVELErr_BadStreamHeader},  // total
-            {hello + Patched(hello, 16, "\x40"), 1, kVELErr_BadStreamHeader},     // secure, no key
-            {hello + idFrame, 1, kVELErr_BadStreamHeader},                        // ID, no key
-            {key + otherKey, 1, kVELErr_BadStreamHeader},                         // a second key
-            {hello + Patched(Patched(big, 8, veltest::Be32(10)), 18, "\x40"), 1,  // past the bound
-             kVELErr_BadStreamHeader},
-            {compressed + Patched(compressed, 8, veltest::Be32(901)), 1, kVELErr_Uncompression},
+            {hello + Patched(hello, 13, "\x01", false), 1, kVELErr_BadStreamHeader, 5},  // check
+            {hello + Patched(hello, 2, Hex("0101")), 1, kVELErr_BadStreamHeader, 5},     // version
+            {hello + Patched(hello, 0, "HP"), 1, kVELErr_BadStreamHeader, 5},            // magic
+            {hello + Patched(hello, 8, Be32(1001)), 1, kVELErr_MessageTooBig, 5},
+            {atMaximum, 1, kVELErr_Incomplete},
+            {hello + Patched(hello, 8, Be32(4)), 1, kVELErr_BadStreamHeader, 5},   // plain size
+            {hello + Patched(hello, 4, Be32(27)), 1, kVELErr_BadStreamHeader, 5},  // total
+            {hello + Patched(hello, 16, "\x40"), 1, kVELErr_BadStreamHeader, 5},   // secure, no key
+            {hello + idFrame, 1, kVELErr_BadStreamHeader, idFrame.size() - 28},    // ID, no key
+            {key + otherKey, 1, kVELErr_BadStreamHeader, otherKey.size() - 28},    // a second key
+            {Patched(Patched(hello, 4, Be32(40)), 21, "\x07") + "1234567", 0,      // field of 7
+             kVELErr_BadStreamHeader, 12},
+            // Carrying a key: an encrypted body of 12 bytes, then one of 16 for 5 plain bytes.
+            {Patched(Patched(hello, 4, Be32(56) + Be32(30)), 16, Hex("400040 000010")) +
+                     std::string(23, 'k'),
+             0, kVELErr_BadStreamHeader, 28},
+            {Patched(Patched(hello, 4, Be32(60)), 16, Hex("400000 000010")) + std::string(27, 'k'),
+             0, kVELErr_BadStreamHeader, 32},
+            {hello + Patched(Patched(big, 8, Be32(10)), 18, "\x40"), 1,  // past the bound
+             kVELErr_BadStreamHeader, big.size() - 28},
+            // A body that inflated short of its plain size used to be delivered short.
+            {compressed + Patched(compressed, 8, Be32(901)), 1, kVELErr_Uncompression},
             {secure.substr(0, key.size() + 20), 1, kVELErr_Incomplete},  // cut in a header
             {key.substr(0, 40), 0, kVELErr_Incomplete},                  // cut in the key
             {plain + compressed.substr(0, compressed.size() - 1), 3, kVELErr_Incomplete},
@@ -266,6 +267,7 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
             DecodeOutcome expected = veltest::ReadBlocking(format.transport, stream);
             EXPECT_EQ(expected.messages.size(), format.streams[i].messages);
             EXPECT_EQ(expected.end, format.streams[i].end);
+            EXPECT_EQ(expected.used, stream.size() - format.streams[i].unread);
             if (partial) {
                 ExpectPieces(expected);
                 expected = veltest::Joined(expected);

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <zlib.h>
+
 #include "BufferMgr.h"
 #include "VEL_Message.h"
 
@@ -139,9 +141,22 @@ std::string Hex(const char* digits) {
     return bytes;
 }
 
+std::string Be16(std::uint16_t value) {
+    return std::string{static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
 std::string Be32(std::uint32_t value) {
-    return std::string{static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-                       static_cast<char>(value >> 8), static_cast<char>(value)};
+    return Be16(static_cast<std::uint16_t>(value >> 16)) + Be16(static_cast<std::uint16_t>(value));
+}
+
+std::string Deflated(const std::string& plain, int level) {
+    uLongf length = compressBound(plain.size());
+    std::string stream(length, '\0');
+    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                        reinterpret_cast<const Bytef*>(plain.data()), plain.size(), level),
+              Z_OK);
+    stream.resize(length);
+    return stream;
 }
 
 std::string Body(const VEL_Message& message) {
