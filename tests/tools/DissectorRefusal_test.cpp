@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
@@ -26,36 +25,23 @@
 
 namespace {
 
+using veltest::Be16;
 using veltest::Be32;
 using veltest::DissectedFrame;
 using veltest::ShownBytes;
 
 constexpr unsigned long kMaxSize = 1024;  // the receivers' maximum message size
 
-std::string be16(std::uint32_t value) {
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
-
 // An OXL header: total length, length check, the 16-bit word (marker or extension length),
 // version and flag byte.
-std::string oxl(std::uint32_t total, std::uint32_t check, std::uint32_t word, char version,
+std::string oxl(std::uint32_t total, std::uint32_t check, std::uint16_t word, char version,
                 char flag = 0) {
-    return Be32(total) + Be32(check) + be16(word) + version + flag;
+    return Be32(total) + Be32(check) + Be16(word) + version + flag;
 }
 
 // An OXLv2 compression record: the tag 02 00 00 00 and the uncompressed length.
 std::string record(std::uint32_t uncompressed) {
     return std::string("\x02\x00\x00\x00", 4) + Be32(uncompressed);
-}
-
-std::string deflated(const std::string& text) {
-    std::string stream(compressBound(text.size()), '\0');
-    uLongf length = stream.size();
-    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                        reinterpret_cast<const Bytef*>(text.data()), text.size(), 2),
-              Z_OK);
-    stream.resize(length);
-    return stream;
 }
 
 // A HOLM frame: the check word is computed (then `checkFlip` is XORed into it) and the total
@@ -74,13 +60,13 @@ struct Holm {
     std::string header() const {
         const auto total = static_cast<std::uint32_t>(28 + rscv.size() + field.size() +
                                                       sscv.size() + body.size() + totalAdjust);
-        const std::string words = be16(magic) + be16(version) + Be32(total) + Be32(plain);
+        const std::string words = Be16(magic) + Be16(version) + Be32(total) + Be32(plain);
         std::uint16_t check = 0;
         for (std::size_t i = 0; i < words.size(); i += 2) {
             check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(words[i]) << 8 |
                                                 static_cast<unsigned char>(words[i + 1]));
         }
-        return words + be16(check ^ checkFlip) + std::string(2, '\0') +
+        return words + Be16(static_cast<std::uint16_t>(check ^ checkFlip)) + std::string(2, '\0') +
                static_cast<char>(security) + static_cast<char>(session) +
                static_cast<char>(compression) + '\0' + static_cast<char>(rscv.size()) +
                static_cast<char>(field.size()) + static_cast<char>(sscv.size()) +
@@ -261,7 +247,7 @@ TEST_F(DissectorRefusalTest, OXLv1HeadersAreJudgedAsTheLibraryJudgesThem) {
 
 TEST_F(DissectorRefusalTest, OXLv2HeadersAndBodiesAreJudgedAsTheLibraryJudgesThem) {
     const std::string body = "abcde";
-    const std::string stream = deflated(std::string(10, 'q'));
+    const std::string stream = veltest::Deflated(std::string(10, 'q'), 2);
     const auto size = static_cast<std::uint32_t>(20 + stream.size());
     const std::vector<Case> cases{
             atHeader("length check off by one bit", oxl(17, ~17u ^ 1, 4, '2'), body,
