@@ -20,7 +20,6 @@
 #include "VEL_OXLv2.h"
 #include "VEL_Socket.h"
 #include "VEL_TCPAcceptor.h"
-#include "VEL_TCPConnector.h"
 #include "WireCapture.h"
 
 namespace {
@@ -92,26 +91,13 @@ struct Case {
 // Refused once the header has been read: the rest is never read.
 Case atHeader(const char* what, const std::string& header, const std::string& rest, VELErr_t status,
               const char* expert) {
-    Case each;
-    each.what = what;
-    each.decided = header;
-    each.rest = rest;
-    each.status = status;
-    each.expert = expert;
-    each.unread = rest;
-    return each;
+    return Case{what, header, rest, status, expert, rest, false, "", ""};
 }
 
 // Decided once the whole frame, one segment, has been read.
 Case whole(const char* what, const std::string& frame, VELErr_t status, const char* expert,
            const std::string& unread = "") {
-    Case each;
-    each.what = what;
-    each.decided = frame;
-    each.status = status;
-    each.expert = expert;
-    each.unread = unread;
-    return each;
+    return Case{what, frame, "", status, expert, unread, false, "", ""};
 }
 
 class DissectorRefusalTest : public veltest::DissectorTest {
@@ -155,18 +141,12 @@ private:
     // socket; returns what the library server's second recvMessage returned.
     VELErr_t converse(veltest::RecordingRelay& relay, VEL_TCPAcceptor& acceptor,
                       const MakeTransport& make, const Case& each) {
-        VEL_TCPConnector connector(relay.port(), "127.0.0.1");
-        VEL_Socket* socket = nullptr;
-        EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> client(socket);
-        socket = nullptr;
-        EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> server(socket);
-        if (!client || !server) {
+        const veltest::RelayedSockets sockets = veltest::ConnectThrough(relay, acceptor);
+        if (!sockets.client || !sockets.server) {
             return kVELErr_InvalidSocket;
         }
-        std::unique_ptr<VEL_Transport> sender = make(client.get());
-        std::unique_ptr<VEL_Transport> receiver = make(server.get());
+        std::unique_ptr<VEL_Transport> sender = make(sockets.client.get());
+        std::unique_ptr<VEL_Transport> receiver = make(sockets.server.get());
         if (each.session) {
             EXPECT_EQ(static_cast<VEL_HOLM*>(sender.get())->openSecureSession(), kVELErr_Ok);
         }
@@ -178,8 +158,8 @@ private:
         VEL_Message received;
         EXPECT_EQ(receiver->recvMessage(&received), kVELErr_Ok);
         // Each part waits at the server before the next is written: two segments.
-        const int clientFd = veltest::Fd(*client);
-        const int serverFd = veltest::Fd(*server);
+        const int clientFd = veltest::Fd(*sockets.client);
+        const int serverFd = veltest::Fd(*sockets.server);
         EXPECT_TRUE(veltest::WriteAll(clientFd, each.decided));
         EXPECT_TRUE(veltest::WaitForPending(serverFd, static_cast<int>(each.decided.size())));
         if (!each.rest.empty()) {

@@ -14,7 +14,6 @@
 #include "VEL_Message.h"
 #include "VEL_Socket.h"
 #include "VEL_TCPAcceptor.h"
-#include "VEL_TCPConnector.h"
 #include "VelcatProcess.h"
 #include "WireCapture.h"
 
@@ -306,24 +305,6 @@ TEST_F(DissectorConversationTest, HOLMSecureSessionShowsKeyExchangeRolesAndOpaqu
     }
 }
 
-// A library client and server whose connection runs through `relay`.
-struct RelayedSockets {
-    std::unique_ptr<VEL_Socket> client;
-    std::unique_ptr<VEL_Socket> server;
-};
-
-RelayedSockets connectThrough(const RecordingRelay& relay, VEL_TCPAcceptor& acceptor) {
-    RelayedSockets sockets;
-    VEL_TCPConnector connector(relay.port(), "127.0.0.1");
-    VEL_Socket* socket = nullptr;
-    EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
-    sockets.client.reset(socket);
-    socket = nullptr;
-    EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
-    sockets.server.reset(socket);
-    return sockets;
-}
-
 TEST_F(DissectorConversationTest, HOLMSessionsClosedAndReopenedAreFollowed) {
     VEL_TCPAcceptor acceptor(0, "127.0.0.1");
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
@@ -331,7 +312,7 @@ TEST_F(DissectorConversationTest, HOLMSessionsClosedAndReopenedAreFollowed) {
     CaptureFile capture;
     RecordingRelay relay(capture, port);
     {
-        RelayedSockets sockets = connectThrough(relay, acceptor);
+        veltest::RelayedSockets sockets = veltest::ConnectThrough(relay, acceptor);
         ASSERT_TRUE(sockets.client && sockets.server);
         VEL_HOLM client(sockets.client.get(), 1024);
         VEL_HOLM server(sockets.server.get(), 1024);

@@ -16,6 +16,9 @@
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
+#include "VEL_Socket.h"
+#include "VEL_TCPAcceptor.h"
+#include "VEL_TCPConnector.h"
 
 namespace veltest {
 
@@ -366,6 +369,18 @@ void RecordingRelay::endLink(Link& link) {
         ++_ended;
     }
     _endedChanged.notify_all();
+}
+
+RelayedSockets ConnectThrough(const RecordingRelay& relay, VEL_TCPAcceptor& acceptor) {
+    RelayedSockets sockets;
+    VEL_TCPConnector connector(relay.port(), "127.0.0.1");
+    VEL_Socket* socket = nullptr;
+    EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
+    sockets.client.reset(socket);
+    socket = nullptr;
+    EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
+    sockets.server.reset(socket);
+    return sockets;
 }
 
 }  // namespace veltest
