@@ -17,6 +17,7 @@
 #include "VEL_Err.h"
 
 class VEL_Message;
+class VEL_PartCursor;
 class VEL_Socket;
 
 namespace velcom {
@@ -59,6 +60,11 @@ VELErr_t prepareBody(VEL_Message* message, std::uint32_t length);
 
 // The message's body as one element: {data, size}, or {null, 0} without a body.
 VELIoVec bodyElement(const VEL_Message& message);
+
+// For a codec whose frames are a header and then a body of the length the header gives: after
+// the header was judged `code`, points `cursor` at the body and returns true when one follows;
+// false when the frame ends with the header (refused, or an empty body).
+bool expectBody(VELErr_t code, VEL_Message* target, VEL_PartCursor& cursor);
 
 // Writes the `count` elements of `iov` in one writev. A failure is traced ("COM - <status>",
 // as from `file`) and returned.

@@ -40,23 +40,22 @@ VELErr_t VEL_OXLv5Codec::received(VEL_Message* target, unsigned long received) {
     if (!_cursor.fill(received)) {
         return kVELErr_Incomplete;
     }
+    const VELErr_t code = _inBody ? kVELErr_Ok : judgeHeader(target);
+    _inBody = !_inBody && velcom::expectBody(code, target, _cursor);
     if (_inBody) {
-        reset();
-        return kVELErr_Ok;
+        return kVELErr_Incomplete;
     }
+    reset();
+    return code;
+}
+
+VELErr_t VEL_OXLv5Codec::judgeHeader(VEL_Message* target) {
     const VELErr_t code = velcom::prepareBody(target, velcom::getUint16(_inHeader));
     if (code != kVELErr_Ok) {
         velcom::traceRecvFailure(code, "Error encountered while receiving OXLv5 message",
                                  "Received header:", _inHeader, kVEL_OXLv5HeaderSize);
     }
-    if (code != kVELErr_Ok || target->size() == 0) {
-        reset();
-        return code;
-    }
-    _inBody = true;
-    _cursor.clear();
-    _cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
-    return kVELErr_Incomplete;
+    return code;
 }
 
 void VEL_OXLv5Codec::reset() {
@@ -78,14 +77,7 @@ VEL_OXLv5& VEL_OXLv5::operator=(const VEL_OXLv5& other) {
 VEL_OXLv5::~VEL_OXLv5() = default;
 
 VELErr_t VEL_OXLv5::sendMessage(VEL_Message* message) {
-    VELErr_t code = checkArguments(message);
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    VELIoVec iov[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    code = _codec.encodeParts(message, iov, &count);
-    return code == kVELErr_Ok ? velcom::writeParts(*getSocket(), iov, count) : code;
+    return sendFramed(_codec, message);
 }
 
 VELErr_t VEL_OXLv5::recvMessage(VEL_Message* message) {
