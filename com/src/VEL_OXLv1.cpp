@@ -43,16 +43,9 @@ unsigned long VEL_OXLv1Codec::nextParts(VEL_Message* /*target*/, VELIoVec* parts
 }
 
 VELErr_t VEL_OXLv1Codec::received(VEL_Message* target, unsigned long received) {
-    if (!_cursor.fill(received)) {
-        return kVELErr_Incomplete;
-    }
-    const VELErr_t code = _inBody ? kVELErr_Ok : judgeHeader(target);
-    _inBody = !_inBody && velcom::expectBody(code, target, _cursor);
-    if (_inBody) {
-        return kVELErr_Incomplete;
-    }
-    reset();
-    return code;
+    return velcom::receiveHeaderThenBody(
+            _cursor, _inBody, target, received, [this, target] { return judgeHeader(target); },
+            [this] { reset(); });
 }
 
 VELErr_t VEL_OXLv1Codec::judgeHeader(VEL_Message* target) {
