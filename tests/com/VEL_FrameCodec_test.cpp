@@ -93,14 +93,6 @@ std::vector<Stream> OXLv1Streams() {  // maximum 5
     };
 }
 
-// A compressed OXLv2 frame: header, RSCV, record announcing `announced` bytes, then `stream`.
-std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
-                            const std::string& stream) {
-    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
-    return Be32(total) + Be32(~total) + std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" +
-           rscv + Hex("02000000") + Be32(announced) + stream;
-}
-
 std::vector<Stream> OXLv2Streams() {  // maximum 1000
     MemorySocket socket;
     VEL_OXLv2 sender(&socket, 0);
@@ -127,15 +119,17 @@ std::vector<Stream> OXLv2Streams() {  // maximum 1000
              kVELErr_MessageTooBig, 5},
             {good + Hex("000003F5 FFFFFC0A 0004 32 00") + "hello", 1,  // body 1001
              kVELErr_MessageTooBig, 5},
-            {compressed + CompressedOXLv2("r", 1001, hello), 2,  // uncompressed 1001
+            {compressed + veltest::CompressedOXLv2("r", 1001, hello), 2,  // uncompressed 1001
              kVELErr_MessageTooBig, hello.size()},
-            {good + CompressedOXLv2("", 4, hello), 1, kVELErr_Uncompression},      // too long
-            {good + CompressedOXLv2("", 6, hello), 1, kVELErr_Uncompression},      // too short
-            {good + CompressedOXLv2("rs", 5, "hello"), 1, kVELErr_Uncompression},  // not zlib
-            {good + CompressedOXLv2("rs", 0, ""), 1, kVELErr_Uncompression},       // no body
-            {good + CompressedOXLv2("rscv", 5, hello).substr(0, 14), 1,  // cut in the RSCV
+            {good + veltest::CompressedOXLv2("", 4, hello), 1, kVELErr_Uncompression},  // too long
+            {good + veltest::CompressedOXLv2("", 6, hello), 1, kVELErr_Uncompression},  // too short
+            {good + veltest::CompressedOXLv2("rs", 5, "hello"), 1,
+             kVELErr_Uncompression},                                                   // not zlib
+            {good + veltest::CompressedOXLv2("rs", 0, ""), 1, kVELErr_Uncompression},  // no body
+            {good + veltest::CompressedOXLv2("rscv", 5, hello).substr(0, 14), 1,  // cut in the RSCV
              kVELErr_Incomplete},
-            {good + CompressedOXLv2("rscv", 5, hello).substr(0, 19), 1,  // cut in the record
+            {good + veltest::CompressedOXLv2("rscv", 5, hello).substr(0, 19),
+             1,  // cut in the record
              kVELErr_Incomplete},
             {compressed.substr(0, compressed.size() - 1), 1, kVELErr_Incomplete},  // in the body
     };
@@ -146,13 +140,7 @@ std::vector<Stream> OXLv2Streams() {  // maximum 1000
 std::string Patched(std::string frame, std::size_t offset, const std::string& bytes,
                     bool recheck = true) {
     frame.replace(offset, bytes.size(), bytes);
-    std::uint16_t check = 0;
-    for (std::size_t i = 0; recheck && i < 12; i += 2) {
-        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(frame[i]) << 8 |
-                                            static_cast<unsigned char>(frame[i + 1]));
-    }
-    return recheck ? frame.replace(12, 2, {static_cast<char>(check >> 8), static_cast<char>(check)})
-                   : frame;
+    return recheck ? veltest::WithHOLMCheck(frame) : frame;
 }
 
 std::vector<Stream> HOLMStreams() {  // maximum 1000

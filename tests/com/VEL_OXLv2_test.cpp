@@ -29,14 +29,6 @@ std::string inflated(const std::string& stream, std::size_t size) {
     return plain.substr(0, length);
 }
 
-// A compressed frame: header, RSCV, record (`tag`, then `announced`), then `stream`.
-std::string compressedFrame(const std::string& rscv, std::uint32_t announced,
-                            const std::string& stream, const char* tag = "02000000") {
-    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
-    return Be32(total) + Be32(~total) + std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" +
-           rscv + Hex(tag) + Be32(announced) + stream;
-}
-
 class OXLv2Test : public veltest::BufferLeakTest {
 protected:
     MemorySocket _socket;
@@ -52,7 +44,7 @@ TEST_F(OXLv2Test, CompressedFramesCarryTheRecordAndAStandardZlibStream) {
     ASSERT_EQ(_transport.sendMessage(&message), kVELErr_Ok);
     const std::string stream = Body(message);  // the message keeps the compressed body
     EXPECT_EQ(inflated(stream, plain.size()), plain);
-    EXPECT_EQ(_socket.written(), compressedFrame("r", 0x25C, stream));
+    EXPECT_EQ(_socket.written(), veltest::CompressedOXLv2("r", 0x25C, stream));
 
     _socket.feed(_socket.written());
     VEL_Message received;
@@ -91,7 +83,7 @@ TEST_F(OXLv2Test, CompressionFailsWithoutRoomInTheSixteenBitCapacity) {
 TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
     const std::string compressible(200, 'h');
     // The first word of a received record is not checked, and not sent back.
-    _socket.feed(compressedFrame("", 200, veltest::Deflated(compressible), "7F7F7F7F") +
+    _socket.feed(veltest::CompressedOXLv2("", 200, veltest::Deflated(compressible), "7F7F7F7F") +
                  Hex("00000011 FFFFFFEE 0004 32 00") + "world");
     VEL_Message message;
     ASSERT_EQ(message.setRSCV("old", 3), kVELErr_Ok);  // dropped: the frames carry none
@@ -111,7 +103,7 @@ TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
 // A compressed frame cut inside its RSCV or its record used to be traced as a failed header
 // read, twice, without the header dump.
 TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
-    const std::string frame = compressedFrame("rscv", 5, veltest::Deflated("hello"));
+    const std::string frame = veltest::CompressedOXLv2("rscv", 5, veltest::Deflated("hello"));
     const struct {
         const char* what;
         std::size_t cut;  // input kept; the rest is cut off
@@ -127,7 +119,7 @@ TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
     veltest::ScopedSink installed(&sink);
     for (const auto& c : cases) {
         MemorySocket socket;
-        socket.feed(c.cut == 0 ? compressedFrame("", 5, "hello") : frame.substr(0, c.cut));
+        socket.feed(c.cut == 0 ? veltest::CompressedOXLv2("", 5, "hello") : frame.substr(0, c.cut));
         socket.closeInput();
         sink.clear();
         VEL_Message message;

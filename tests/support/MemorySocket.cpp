@@ -159,6 +159,22 @@ std::string Deflated(const std::string& plain, int level) {
     return stream;
 }
 
+std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
+                            const std::string& stream, const char* tag) {
+    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
+    return Be32(total) + Be32(~total) + Be16(static_cast<std::uint16_t>(rscv.size() + 4)) + "2C" +
+           rscv + Hex(tag) + Be32(announced) + stream;
+}
+
+std::string WithHOLMCheck(std::string frame) {
+    std::uint16_t check = 0;
+    for (std::size_t i = 0; i < 12; i += 2) {
+        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(frame[i]) << 8 |
+                                            static_cast<unsigned char>(frame[i + 1]));
+    }
+    return frame.replace(12, 2, Be16(check));
+}
+
 std::string Body(const VEL_Message& message) {
     return message.data() ? std::string(message.data(), message.size()) : std::string();
 }

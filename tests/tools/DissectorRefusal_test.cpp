@@ -50,7 +50,7 @@ struct Holm {
     std::uint16_t version = 0x0100;
     std::uint32_t plain = 0;
     int totalAdjust = 0;
-    std::uint16_t checkFlip = 0;
+    unsigned char checkFlip = 0;  // XORed into the check word's low byte
     unsigned char security = 0;
     unsigned char session = 0;
     unsigned char compression = 0;
@@ -59,17 +59,14 @@ struct Holm {
     std::string header() const {
         const auto total = static_cast<std::uint32_t>(28 + rscv.size() + field.size() +
                                                       sscv.size() + body.size() + totalAdjust);
-        const std::string words = Be16(magic) + Be16(version) + Be32(total) + Be32(plain);
-        std::uint16_t check = 0;
-        for (std::size_t i = 0; i < words.size(); i += 2) {
-            check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(words[i]) << 8 |
-                                                static_cast<unsigned char>(words[i + 1]));
-        }
-        return words + Be16(static_cast<std::uint16_t>(check ^ checkFlip)) + std::string(2, '\0') +
-               static_cast<char>(security) + static_cast<char>(session) +
-               static_cast<char>(compression) + '\0' + static_cast<char>(rscv.size()) +
-               static_cast<char>(field.size()) + static_cast<char>(sscv.size()) +
-               std::string(5, '\0');
+        std::string bytes = veltest::WithHOLMCheck(
+                Be16(magic) + Be16(version) + Be32(total) + Be32(plain) + std::string(4, '\0') +
+                static_cast<char>(security) + static_cast<char>(session) +
+                static_cast<char>(compression) + '\0' + static_cast<char>(rscv.size()) +
+                static_cast<char>(field.size()) + static_cast<char>(sscv.size()) +
+                std::string(5, '\0'));
+        bytes[13] = static_cast<char>(bytes[13] ^ checkFlip);
+        return bytes;
     }
     std::string rest() const { return rscv + field + sscv + body; }
 };
