@@ -32,6 +32,8 @@ public:
     const char* receivedHeader() const { return _inHeader; }
 
 private:
+    VELErr_t judgeHeader(VEL_Message* target);
+
     char _outHeader[kVEL_OXLv5HeaderSize];
     char _inHeader[kVEL_OXLv5HeaderSize];
     VEL_PartCursor _cursor;  ///< the length field, then the body

@@ -57,6 +57,19 @@ protected:
     /// REQUIRES: the codec is in a frame (after its header).
     VELErr_t readRest(VEL_FrameCodec& codec, VEL_Message* message,
                       bool* fromSocket = nullptr) const;
+    /// Checks the arguments, then sends `message` as `codec` frames it, in one gathered write.
+    /// kVELErr_Ok, the argument check's status, the codec's refusal (traced by the codec) or
+    /// the socket's failure (traced as from `file` at `line`: the transport that calls).
+    VELErr_t sendFramed(VEL_FrameCodec& codec, VEL_Message* message,
+                        const char* file = __builtin_FILE(),
+                        unsigned long line = __builtin_LINE()) const;
+    /// Reads the header `codec` asks for in one recv and hands it to the codec: the codec's
+    /// status (kVELErr_Incomplete when the frame goes on past its header). A failed recv is
+    /// traced as from `file` at `line`, sets *fromSocket and returns the socket's status.
+    /// REQUIRES: the codec is between frames.
+    VELErr_t readFrameHeader(VEL_FrameCodec& codec, VEL_Message* message, bool* fromSocket,
+                             const char* file = __builtin_FILE(),
+                             unsigned long line = __builtin_LINE()) const;
 
 private:
     VEL_Socket* _socket;

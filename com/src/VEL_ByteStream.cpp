@@ -20,6 +20,39 @@ int descriptorOf(const VEL_Socket& socket) {
     return socket.isValid() ? static_cast<int>(socket.getHandle()) : -1;
 }
 
+// One recvmsg (`receiving`) or sendmsg of the elements without blocking, retried when
+// interrupted; *moved gets what it moved. A call that would block moves nothing and is no failure.
+VELErr_t transferAvail(const VEL_Socket& socket, bool receiving, const VELIoVec* elements,
+                       unsigned long count, std::size_t* moved) {
+    *moved = 0;
+    const int fd = descriptorOf(socket);
+    if (fd < 0) {
+        return kVELErr_SockNotConnected;
+    }
+    velcom::IoVecArray staged(count);
+    msghdr message = staged.message(elements, count);
+    ssize_t done = 0;
+    do {
+        // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
+        done = receiving ? ::recvmsg(fd, &message, MSG_DONTWAIT)
+                         : ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (done < 0 && errno == EINTR);
+    if (done > 0 || (done == 0 && !receiving)) {
+        *moved = static_cast<std::size_t>(done);
+        return kVELErr_Ok;
+    }
+    if (done == 0) {
+        return velcom::endOfStream();
+    }
+    const int err = errno;  // before anything else runs
+    if (err == EAGAIN || err == EWOULDBLOCK) {
+        return kVELErr_Ok;
+    }
+    basis::Thread::SetLastSystemErr(err);
+    return receiving ? velcom::mapRecvError(err, velcom::RecvOp::kRecv)
+                     : velcom::mapSendError(err, velcom::SendOp::kSend);
+}
+
 }  // namespace
 
 VEL_ByteStream::~VEL_ByteStream() = default;
@@ -55,60 +88,12 @@ const VEL_SockAddr& VEL_TCPByteStream::getRemoteAddr() const {
 
 VELErr_t VEL_TCPByteStream::readAvail(const VELIoVec* places, unsigned long count,
                                       std::size_t* moved) {
-    *moved = 0;
-    const int fd = descriptorOf(*_socket);
-    if (fd < 0) {
-        return kVELErr_SockNotConnected;
-    }
-    velcom::IoVecArray staged(count);
-    msghdr message{};
-    message.msg_iov = staged.fill(places, count);
-    message.msg_iovlen = staged.size();
-    ssize_t received = 0;
-    do {
-        received = ::recvmsg(fd, &message, MSG_DONTWAIT);
-    } while (received < 0 && errno == EINTR);
-    if (received > 0) {
-        *moved = static_cast<std::size_t>(received);
-        return kVELErr_Ok;
-    }
-    if (received == 0) {
-        return velcom::endOfStream();
-    }
-    const int err = errno;  // before anything else runs
-    if (err == EAGAIN || err == EWOULDBLOCK) {
-        return kVELErr_Ok;
-    }
-    basis::Thread::SetLastSystemErr(err);
-    return velcom::mapRecvError(err, velcom::RecvOp::kRecv);
+    return transferAvail(*_socket, true, places, count, moved);
 }
 
 VELErr_t VEL_TCPByteStream::writeAvail(const VELIoVec* pieces, unsigned long count,
                                        std::size_t* moved) {
-    *moved = 0;
-    const int fd = descriptorOf(*_socket);
-    if (fd < 0) {
-        return kVELErr_SockNotConnected;
-    }
-    velcom::IoVecArray staged(count);
-    msghdr message{};
-    message.msg_iov = staged.fill(pieces, count);
-    message.msg_iovlen = staged.size();
-    ssize_t sent = 0;
-    do {
-        // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
-        sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (sent < 0 && errno == EINTR);
-    if (sent >= 0) {
-        *moved = static_cast<std::size_t>(sent);
-        return kVELErr_Ok;
-    }
-    const int err = errno;  // before anything else runs
-    if (err == EAGAIN || err == EWOULDBLOCK) {
-        return kVELErr_Ok;
-    }
-    basis::Thread::SetLastSystemErr(err);
-    return velcom::mapSendError(err, velcom::SendOp::kSend);
+    return transferAvail(*_socket, false, pieces, count, moved);
 }
 
 void VEL_TCPByteStream::shutdown() {

@@ -2,6 +2,7 @@
 
 #include "BufferMgr.h"
 #include "Tools.h"
+#include "VEL_FrameCodec.h"
 #include "VEL_Message.h"
 #include "VEL_Socket.h"
 #include "VEL_StaticInit.h"
@@ -33,6 +34,15 @@ VELErr_t prepareBody(VEL_Message* message, std::uint32_t length) {
 VELIoVec bodyElement(const VEL_Message& message) {
     // Bodies come from the buffer manager, whose largest buffer fits in 32 bits.
     return VELIoVec{message.data(), static_cast<std::uint32_t>(message.size())};
+}
+
+bool expectBody(VELErr_t code, VEL_Message* target, VEL_PartCursor& cursor) {
+    if (code != kVELErr_Ok || target->size() == 0) {
+        return false;
+    }
+    cursor.clear();
+    cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
+    return true;
 }
 
 VELErr_t writeParts(VEL_Socket& socket, VELIoVec* iov, unsigned long count, const char* file,

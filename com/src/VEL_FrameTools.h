@@ -15,6 +15,7 @@
 
 #include "VELIoVec.h"
 #include "VEL_Err.h"
+#include "VEL_FrameCodec.h"
 
 class VEL_Message;
 class VEL_Socket;
@@ -59,6 +60,28 @@ VELErr_t prepareBody(VEL_Message* message, std::uint32_t length);
 
 // The message's body as one element: {data, size}, or {null, 0} without a body.
 VELIoVec bodyElement(const VEL_Message& message);
+
+// After a header judged `code`: points `cursor` at the body of `target` and returns true when
+// one follows; false when the frame ends with the header (refused, or an empty body).
+bool expectBody(VELErr_t code, VEL_Message* target, VEL_PartCursor& cursor);
+
+// The received() of a codec whose frames are a header and then a body of the length the header
+// gives, with its cursor and its in-body flag: `judge` checks a whole header and prepares the
+// body, `reset` readies the codec for the next frame once one ends.
+template <class Judge, class Reset>
+VELErr_t receiveHeaderThenBody(VEL_PartCursor& cursor, bool& inBody, VEL_Message* target,
+                               unsigned long received, Judge judge, Reset reset) {
+    if (!cursor.fill(received)) {
+        return kVELErr_Incomplete;
+    }
+    const VELErr_t code = inBody ? kVELErr_Ok : judge();
+    inBody = !inBody && expectBody(code, target, cursor);
+    if (inBody) {
+        return kVELErr_Incomplete;
+    }
+    reset();
+    return code;
+}
 
 // Writes the `count` elements of `iov` in one writev. A failure is traced ("COM - <status>",
 // as from `file`) and returned.

@@ -494,14 +494,7 @@ VELErr_t VEL_HOLM::closeSecureSession() {
 }
 
 VELErr_t VEL_HOLM::sendMessage(VEL_Message* message) {
-    VELErr_t code = checkArguments(message);
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    VELIoVec iov[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    code = _codec.encodeParts(message, iov, &count);
-    return code == kVELErr_Ok ? velcom::writeParts(*getSocket(), iov, count) : code;
+    return sendFramed(_codec, message);
 }
 
 VELErr_t VEL_HOLM::recvMessage(VEL_Message* message) {
@@ -529,17 +522,9 @@ VELErr_t VEL_HOLM::recvMessage(VEL_Message* message) {
 }
 
 VELErr_t VEL_HOLM::readHeader(VEL_Message* message, bool* refused) {
-    VELIoVec parts[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    const unsigned long length = _codec.nextParts(message, parts, &count);
-    VELErr_t code = getSocket()->recv(parts[0].iov_base, static_cast<unsigned int>(length));
-    if (code != kVELErr_Ok) {
-        velcom::traceFailure(code);
-        *refused = true;
-        return code;
-    }
-    code = _codec.received(message, length);
-    *refused = _codec.refusedHeader();
+    bool fromSocket = false;
+    const VELErr_t code = readFrameHeader(_codec, message, &fromSocket);
+    *refused = fromSocket || _codec.refusedHeader();
     return code;
 }
 

@@ -43,22 +43,9 @@ unsigned long VEL_OXLv1Codec::nextParts(VEL_Message* /*target*/, VELIoVec* parts
 }
 
 VELErr_t VEL_OXLv1Codec::received(VEL_Message* target, unsigned long received) {
-    if (!_cursor.fill(received)) {
-        return kVELErr_Incomplete;
-    }
-    if (_inBody) {
-        reset();
-        return kVELErr_Ok;
-    }
-    const VELErr_t code = judgeHeader(target);
-    if (code != kVELErr_Ok || target->size() == 0) {
-        reset();
-        return code;
-    }
-    _inBody = true;
-    _cursor.clear();
-    _cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
-    return kVELErr_Incomplete;
+    return velcom::receiveHeaderThenBody(
+            _cursor, _inBody, target, received, [this, target] { return judgeHeader(target); },
+            [this] { reset(); });
 }
 
 VELErr_t VEL_OXLv1Codec::judgeHeader(VEL_Message* target) {
@@ -92,14 +79,7 @@ VEL_OXLv1::VEL_OXLv1(VEL_Socket* socket, unsigned long maxMessageSize)
 VEL_OXLv1::~VEL_OXLv1() = default;
 
 VELErr_t VEL_OXLv1::sendMessage(VEL_Message* message) {
-    VELErr_t code = checkArguments(message);
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    VELIoVec iov[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    (void)_codec.encodeParts(message, iov, &count);  // cannot fail
-    return velcom::writeParts(*getSocket(), iov, count);
+    return sendFramed(_codec, message);
 }
 
 VELErr_t VEL_OXLv1::recvMessage(VEL_Message* message) {
@@ -132,14 +112,7 @@ VELErr_t VEL_OXLv1::buildHeader(VELIoVec* iov, unsigned long& count, VEL_Message
 }
 
 VELErr_t VEL_OXLv1::recvHeader(VELIoVec* /*iov*/, unsigned long& /*count*/, VEL_Message* message) {
-    VELIoVec header[kVEL_MaxFrameParts];
-    unsigned long parts = 0;
-    const unsigned long length = _codec.nextParts(message, header, &parts);
-    VELErr_t code = getSocket()->recv(header[0].iov_base, length);
-    if (code != kVELErr_Ok) {
-        velcom::traceFailure(code);
-        return code;
-    }
-    code = _codec.received(message, length);
+    bool fromSocket = false;
+    const VELErr_t code = readFrameHeader(_codec, message, &fromSocket);
     return code == kVELErr_Incomplete ? kVELErr_Ok : code;  // the body follows
 }

@@ -186,14 +186,7 @@ VEL_OXLv2::VEL_OXLv2(VEL_Socket* socket, unsigned long maxMessageSize)
 VEL_OXLv2::~VEL_OXLv2() = default;
 
 VELErr_t VEL_OXLv2::sendMessage(VEL_Message* message) {
-    VELErr_t code = checkArguments(message);
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    VELIoVec iov[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    code = _codec.encodeParts(message, iov, &count);
-    return code == kVELErr_Ok ? velcom::writeParts(*getSocket(), iov, count) : code;
+    return sendFramed(_codec, message);
 }
 
 VELErr_t VEL_OXLv2::recvMessage(VEL_Message* message) {
@@ -223,18 +216,16 @@ VELErr_t VEL_OXLv2::recvMessage(VEL_Message* message) {
 }
 
 VELErr_t VEL_OXLv2::readHeader(VEL_Message* message, Failure* failure) {
-    VELIoVec parts[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    unsigned long length = _codec.nextParts(message, parts, &count);
-    VELErr_t code = getSocket()->recv(parts[0].iov_base, static_cast<unsigned int>(length));
-    if (code != kVELErr_Ok) {
-        velcom::traceFailure(code);
+    bool fromSocket = false;
+    VELErr_t code = readFrameHeader(_codec, message, &fromSocket);
+    if (fromSocket) {
         *failure = Failure::kHeader;
         return code;
     }
-    code = _codec.received(message, length);
     while (code == kVELErr_Incomplete && _codec.inRecord()) {
-        length = _codec.nextParts(message, parts, &count);
+        VELIoVec parts[kVEL_MaxFrameParts];
+        unsigned long count = 0;
+        const unsigned long length = _codec.nextParts(message, parts, &count);
         code = getSocket()->readv(parts, count);
         if (code != kVELErr_Ok) {
             *failure = Failure::kAfterHeader;

@@ -37,26 +37,18 @@ unsigned long VEL_OXLv5Codec::nextParts(VEL_Message* /*target*/, VELIoVec* parts
 }
 
 VELErr_t VEL_OXLv5Codec::received(VEL_Message* target, unsigned long received) {
-    if (!_cursor.fill(received)) {
-        return kVELErr_Incomplete;
-    }
-    if (_inBody) {
-        reset();
-        return kVELErr_Ok;
-    }
+    return velcom::receiveHeaderThenBody(
+            _cursor, _inBody, target, received, [this, target] { return judgeHeader(target); },
+            [this] { reset(); });
+}
+
+VELErr_t VEL_OXLv5Codec::judgeHeader(VEL_Message* target) {
     const VELErr_t code = velcom::prepareBody(target, velcom::getUint16(_inHeader));
     if (code != kVELErr_Ok) {
         velcom::traceRecvFailure(code, "Error encountered while receiving OXLv5 message",
                                  "Received header:", _inHeader, kVEL_OXLv5HeaderSize);
     }
-    if (code != kVELErr_Ok || target->size() == 0) {
-        reset();
-        return code;
-    }
-    _inBody = true;
-    _cursor.clear();
-    _cursor.add(target->data(), static_cast<std::uint32_t>(target->size()));
-    return kVELErr_Incomplete;
+    return code;
 }
 
 void VEL_OXLv5Codec::reset() {
@@ -78,14 +70,7 @@ VEL_OXLv5& VEL_OXLv5::operator=(const VEL_OXLv5& other) {
 VEL_OXLv5::~VEL_OXLv5() = default;
 
 VELErr_t VEL_OXLv5::sendMessage(VEL_Message* message) {
-    VELErr_t code = checkArguments(message);
-    if (code != kVELErr_Ok) {
-        return code;
-    }
-    VELIoVec iov[kVEL_MaxFrameParts];
-    unsigned long count = 0;
-    code = _codec.encodeParts(message, iov, &count);
-    return code == kVELErr_Ok ? velcom::writeParts(*getSocket(), iov, count) : code;
+    return sendFramed(_codec, message);
 }
 
 VELErr_t VEL_OXLv5::recvMessage(VEL_Message* message) {

@@ -136,11 +136,9 @@ namespace {
 // included), or the errno.
 int sendOnce(int fd, IoVecArray& staged, VELIoVec*& v, unsigned long& n, const sockaddr_in* to,
              int flags) {
-    msghdr message{};
+    msghdr message = staged.message(v, n);
     message.msg_name = const_cast<sockaddr_in*>(to);
     message.msg_namelen = to != nullptr ? sizeof(*to) : 0;
-    message.msg_iov = staged.fill(v, n);
-    message.msg_iovlen = staged.size();
     for (;;) {
         // sendmsg, not writev(2): only sendmsg takes MSG_NOSIGNAL.
         const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | flags);
@@ -223,6 +221,13 @@ iovec* IoVecArray::fill(const VELIoVec* v, unsigned long n) {
         _array[i].iov_len = v[i].iov_len;
     }
     return _array;
+}
+
+msghdr IoVecArray::message(const VELIoVec* v, unsigned long n) {
+    msghdr header{};
+    header.msg_iov = fill(v, n);
+    header.msg_iovlen = _size;
+    return header;
 }
 
 std::size_t advance(VELIoVec*& v, unsigned long& n, std::size_t moved) {

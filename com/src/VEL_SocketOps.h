@@ -16,6 +16,7 @@
 #define COM_SRC_VEL_SOCKETOPS_H
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <cstddef>
@@ -104,6 +105,8 @@ public:
     // Copies up to capacity() elements of `v` (count `n`) and returns the array; size() tells
     // how many were copied.
     iovec* fill(const VELIoVec* v, unsigned long n);
+    // A message header for sendmsg or recvmsg over the elements fill() copies, no address.
+    msghdr message(const VELIoVec* v, unsigned long n);
     std::size_t size() const { return _size; }
     std::size_t capacity() const { return _capacity; }
 

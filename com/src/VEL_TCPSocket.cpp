@@ -21,6 +21,16 @@ VELErr_t sendError(int err, bool vectored) {
     return velcom::mapSendError(err, vectored ? velcom::SendOp::kWritev : velcom::SendOp::kSend);
 }
 
+// A receive of what is waiting that found nothing after all (a native time-out, or a descriptor
+// that polled readable without data): information, not an error.
+VELErr_t foundNothing(int err, const char* operation, const VEL_SockAddr& peer) {
+    basis::Thread::SetLastSystemErr(err);
+    velcom::traceComInfo([&] {
+        return std::string(operation) + " timeout on remote address : " + velcom::toText(peer);
+    });
+    return kVELErr_Incomplete;
+}
+
 }  // namespace
 
 VEL_TCPSocket::VEL_TCPSocket(unsigned short port, const char* host)
@@ -268,9 +278,7 @@ VELErr_t VEL_TCPSocket::readv(VELIoVec* v, unsigned long n) {
     VELIoVec startedAs = *current;
     velcom::IoVecArray staged(left);
     while (left > 0) {
-        msghdr message{};
-        message.msg_iov = staged.fill(current, left);
-        message.msg_iovlen = staged.size();
+        msghdr message = staged.message(current, left);
         const ssize_t got = ::recvmsg(fd, &message, 0);
         if (got > 0) {
             received += static_cast<std::size_t>(got);
@@ -355,12 +363,8 @@ VELErr_t VEL_TCPSocket::recvAvail(char* buf, unsigned int* len) {
         }
         code = velcom::mapRecvError(err, velcom::RecvOp::kRecvAvail);
         if (code == kVELErr_Incomplete) {
-            basis::Thread::SetLastSystemErr(err);
-            velcom::traceComInfo([&] {
-                return "recvAvail timeout on remote address : " + velcom::toText(getRemoteAddr());
-            });
             *len = 0;
-            return kVELErr_Incomplete;
+            return foundNothing(err, "recvAvail", getRemoteAddr());
         }
         return transferFailed(err, code);
     }
@@ -377,9 +381,7 @@ VELErr_t VEL_TCPSocket::writevAvail(VELIoVec*& v, unsigned long& n) {
         return kVELErr_Ok;
     }
     velcom::IoVecArray staged(n);
-    msghdr message{};
-    message.msg_iov = staged.fill(v, n);
-    message.msg_iovlen = staged.size();
+    msghdr message = staged.message(v, n);
     const ssize_t sent = ::sendmsg(use.fd(), &message, MSG_NOSIGNAL);
     if (sent >= 0) {
         velcom::advance(v, n, static_cast<std::size_t>(sent));
@@ -423,9 +425,7 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
         return code == kVELErr_Timeout ? kVELErr_Incomplete : code;
     }
     velcom::IoVecArray staged(n);
-    msghdr message{};
-    message.msg_iov = staged.fill(v, n);
-    message.msg_iovlen = staged.size();
+    msghdr message = staged.message(v, n);
     const ssize_t got = ::recvmsg(use.fd(), &message, 0);
     if (got > 0) {
         velcom::advance(v, n, static_cast<std::size_t>(got));
@@ -437,11 +437,7 @@ VELErr_t VEL_TCPSocket::readvAvail(VELIoVec*& v, unsigned long& n) {
     const int err = errno;
     code = velcom::mapRecvError(err, velcom::RecvOp::kReadvAvail);
     if (code == kVELErr_Incomplete) {
-        basis::Thread::SetLastSystemErr(err);
-        velcom::traceComInfo([&] {
-            return "readvAvail timeout on remote address : " + velcom::toText(getRemoteAddr());
-        });
-        return code;
+        return foundNothing(err, "readvAvail", getRemoteAddr());
     }
     return transferFailed(err, code);
 }

@@ -45,3 +45,30 @@ VELErr_t VEL_Transport::readRest(VEL_FrameCodec& codec, VEL_Message* message,
         }
     }
 }
+
+VELErr_t VEL_Transport::sendFramed(VEL_FrameCodec& codec, VEL_Message* message, const char* file,
+                                   unsigned long line) const {
+    VELErr_t code = checkArguments(message);
+    if (code != kVELErr_Ok) {
+        return code;
+    }
+    VELIoVec iov[kVEL_MaxFrameParts];
+    unsigned long count = 0;
+    code = codec.encodeParts(message, iov, &count);
+    return code == kVELErr_Ok ? velcom::writeParts(*_socket, iov, count, file, line) : code;
+}
+
+VELErr_t VEL_Transport::readFrameHeader(VEL_FrameCodec& codec, VEL_Message* message,
+                                        bool* fromSocket, const char* file,
+                                        unsigned long line) const {
+    VELIoVec parts[kVEL_MaxFrameParts];
+    unsigned long count = 0;
+    const unsigned long length = codec.nextParts(message, parts, &count);
+    const VELErr_t code = _socket->recv(parts[0].iov_base, static_cast<unsigned int>(length));
+    *fromSocket = code != kVELErr_Ok;
+    if (*fromSocket) {
+        velcom::traceFailure(code, file, line);
+        return code;
+    }
+    return codec.received(message, length);
+}

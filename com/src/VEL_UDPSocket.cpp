@@ -220,11 +220,9 @@ VELErr_t VEL_UDPSocket::readvFrom(VELIoVec* v, unsigned long n, VEL_SockAddr* fr
     velcom::IoVecArray staged(left);
     while (left > 0) {
         sockaddr_in sender{};
-        msghdr message{};
+        msghdr message = staged.message(current, left);
         message.msg_name = &sender;
         message.msg_namelen = sizeof(sender);
-        message.msg_iov = staged.fill(current, left);
-        message.msg_iovlen = staged.size();
         const ssize_t got = ::recvmsg(fd, &message, 0);
         if (got < 0) {
             const int err = errno;

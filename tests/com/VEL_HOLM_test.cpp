@@ -9,7 +9,6 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
@@ -44,26 +43,6 @@ std::string castOf(const std::string& key, const std::string& plain) {
     std::free(cipher);
     std::free(schedule);
     return result;
-}
-
-// A header with a correct check word (unless `flip` changes it) and the given fields; `flags`
-// are the security, session and compression bytes.
-std::string header(std::uint32_t total, std::uint32_t plain, const char* flags,
-                   unsigned char rscv = 0, unsigned char field = 0, unsigned char sscv = 0,
-                   const char* magicAndVersion = "484F 0100", std::uint16_t flip = 0) {
-    std::string bytes = Hex(magicAndVersion) + Be32(total) + Be32(plain) + std::string(4, '\0') +
-                        Hex(flags) + std::string(9, '\0');
-    bytes[20] = static_cast<char>(rscv);
-    bytes[21] = static_cast<char>(field);
-    bytes[22] = static_cast<char>(sscv);
-    std::uint16_t check = flip;
-    for (std::size_t i = 0; i < 12; i += 2) {
-        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[i]) << 8 |
-                                            static_cast<unsigned char>(bytes[i + 1]));
-    }
-    bytes[12] = static_cast<char>(check >> 8);
-    bytes[13] = static_cast<char>(check);
-    return bytes;
 }
 
 std::string sscvOf(const VEL_Message& message) {
@@ -128,12 +107,7 @@ TEST_F(HOLMTest, PlainFramesCarryRSCVSessionFieldAndSSCVInOrder) {
     const std::string frame = toB(plain);
     EXPECT_EQ(frame.substr(4, 8), Be32(static_cast<std::uint32_t>(frame.size())) + Be32(600));
     EXPECT_EQ(frame.substr(16, 8), Hex("00 00 49 00 00 00 00 00"));
-    std::string stream(compressBound(600), '\0');
-    uLongf length = stream.size();
-    ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                        reinterpret_cast<const Bytef*>(plain.data()), plain.size(), 9),
-              Z_OK);
-    EXPECT_EQ(frame.substr(28), stream.substr(0, length));
+    EXPECT_EQ(frame.substr(28), veltest::Deflated(plain, 9));
     EXPECT_TRUE(_b.getCompression());  // taken over from the header
 }
 
@@ -197,78 +171,17 @@ TEST_F(HOLMTest, ASessionClosedBehindTheTransportFailsWithoutThrowing) {
     EXPECT_TRUE(sink.contains("Error receiving a HOLM message"));
 }
 
-TEST_F(HOLMTest, BadHeadersAreRefusedBeforeAnythingElseIsRead) {
-    const std::string five = "hello";
-    const struct {
-        const char* what;
-        std::string frame;
-        bool keyHeld;
-        VELErr_t code;
-    } cases[] = {
-            {"check word", header(33, 5, "000000", 0, 0, 0, "484F 0100", 1) + five, false,
-             kVELErr_BadStreamHeader},
-            {"version", header(33, 5, "000000", 0, 0, 0, "484F 0101") + five, false,
-             kVELErr_BadStreamHeader},
-            {"magic", header(33, 5, "000000", 0, 0, 0, "4850 0100") + five, false,
-             kVELErr_BadStreamHeader},
-            {"plain size 100001", header(33, 100001, "000000") + five, false,
-             kVELErr_MessageTooBig},
-            {"plain size not the body", header(33, 4, "000000") + five, false,
-             kVELErr_BadStreamHeader},
-            {"total below the fields", header(30, 0, "000000", 3) + five, false,
-             kVELErr_BadStreamHeader},
-            {"secure without a key", header(36, 5, "400000") + five + "pad", false,
-             kVELErr_BadStreamHeader},
-            {"ID field without a key", header(36, 0, "000000", 0, 4) + "1234" + "5678", false,
-             kVELErr_BadStreamHeader},
-            {"key field with a key", header(44, 0, "000000", 0, 16) + std::string(16, 'k'), true,
-             kVELErr_BadStreamHeader},
-            {"field of 7", header(35, 0, "000000", 0, 7) + "1234567", false,
-             kVELErr_BadStreamHeader},
-            {"secure compressed body of 12", header(56, 30, "400040", 0, 16) + std::string(28, 'k'),
-             false, kVELErr_BadStreamHeader},
-            {"secure body of 16 for 5", header(60, 5, "400000", 0, 16) + std::string(32, 'k'),
-             false, kVELErr_BadStreamHeader},
-            {"compressed body past the bound", header(28 + 100200, 10, "000040"), false,
-             kVELErr_BadStreamHeader},
-    };
+// Which headers are refused, with which status and before what, is checked against the codec
+// (VEL_FrameCodec_test); here the trace of a refusal.
+TEST_F(HOLMTest, RefusedHeaderIsTraced) {
     veltest::RecordingSink sink(kVELTrace_ComError);
     veltest::ScopedSink installed(&sink);
-    for (const auto& c : cases) {
-        MemorySocket socket;
-        VEL_HOLM transport(&socket, 100000);
-        if (c.keyHeld) {
-            ASSERT_EQ(transport.openSecureSession(), kVELErr_Ok);
-        }
-        socket.feed(c.frame);
-        sink.clear();
-        VEL_Message message;
-        EXPECT_EQ(transport.recvMessage(&message), c.code) << c.what;
-        EXPECT_EQ(socket.unread(), c.frame.size() - 28) << c.what;
-        EXPECT_TRUE(sink.contains("Error encountered while receiving H-OLM header")) << c.what;
-    }
-    // The largest plain size is accepted.
-    MemorySocket socket;
-    socket.feed(header(28 + 100000, 100000, "000000") + std::string(100000, 'm'));
+    std::string frame = toB("hello");
+    frame[2] = 'P';  // a version byte changed
+    _bOut.feed(frame);
     VEL_Message message;
-    EXPECT_EQ(VEL_HOLM(&socket, 100000).recvMessage(&message), kVELErr_Ok);
-    EXPECT_EQ(message.size(), 100000u);
-}
-
-// A body that inflated to fewer bytes than the plain size used to be delivered short.
-TEST_F(HOLMTest, CompressedBodyInflatingShortOfThePlainSizeIsRefused) {
-    std::string stream(64, '\0');
-    uLongf length = stream.size();
-    ASSERT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                       reinterpret_cast<const Bytef*>("hello"), 5),
-              Z_OK);
-    stream.resize(length);
-    for (const std::uint32_t plain : {5u, 6u}) {
-        _bOut.feed(header(static_cast<std::uint32_t>(28 + length), plain, "000040") + stream);
-        VEL_Message message;
-        EXPECT_EQ(_b.recvMessage(&message), plain == 5 ? kVELErr_Ok : kVELErr_Uncompression);
-        EXPECT_EQ(Body(message), plain == 5 ? "hello" : "");
-    }
+    EXPECT_EQ(_b.recvMessage(&message), kVELErr_BadStreamHeader);
+    EXPECT_TRUE(sink.contains("Error encountered while receiving H-OLM header"));
 }
 
 TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {

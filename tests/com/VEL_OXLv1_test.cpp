@@ -48,26 +48,16 @@ TEST_F(OXLv1Test, EverySingleBitErrorInTheCheckedHeaderIsRefused) {
     }
 }
 
-TEST_F(OXLv1Test, HeaderLimits) {
-    const struct {
-        const char* header;
-        unsigned long max;
-        VELErr_t code;
-    } cases[] = {
-            {"00000011 FFFFFFEE 0020 31 00", 5, kVELErr_Ok},             // body at the maximum
-            {"00000011 FFFFFFEE 0020 31 7F", 5, kVELErr_Ok},             // reserved not checked
-            {"00000011 FFFFFFEE 0020 31 00", 4, kVELErr_MessageTooBig},  // one byte over
-            {"0000000B FFFFFFF4 0020 31 00", ULONG_MAX, kVELErr_MessageTooBig},  // total 11
-            {"00000000 FFFFFFFF 0020 31 00", ULONG_MAX, kVELErr_MessageTooBig},
-            {"00000011 FFFFFFEE 0020 32 00", 5, kVELErr_BadStreamHeader},  // version 2
-    };
-    for (const auto& c : cases) {
+// Without a maximum to stop it, a total below the header size must not wrap around to a huge
+// body (the other limits are checked against the codec in VEL_FrameCodec_test).
+TEST_F(OXLv1Test, TotalBelowTheHeaderIsRefusedWithoutAMaximum) {
+    for (const char* header : {"0000000B FFFFFFF4 0020 31 00", "00000000 FFFFFFFF 0020 31 00"}) {
         MemorySocket socket;
-        socket.feed(Hex(c.header) + "hello");
+        socket.feed(Hex(header) + "hello");
         VEL_Message message;
-        EXPECT_EQ(VEL_OXLv1(&socket, c.max).recvMessage(&message), c.code) << c.header;
-        EXPECT_EQ(socket.unread(), c.code == kVELErr_Ok ? 0u : 5u) << c.header;
-        EXPECT_EQ(veltest::Body(message), c.code == kVELErr_Ok ? "hello" : "") << c.header;
+        EXPECT_EQ(VEL_OXLv1(&socket, ULONG_MAX).recvMessage(&message), kVELErr_MessageTooBig)
+                << header;
+        EXPECT_EQ(socket.unread(), 5u) << header;
     }
 }
 

@@ -20,17 +20,6 @@ using veltest::Body;
 using veltest::Hex;
 using veltest::MemorySocket;
 
-// zlib used directly, independently of the library.
-std::string deflated(const std::string& plain) {
-    uLongf length = compressBound(plain.size());
-    std::string stream(length, '\0');
-    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                       reinterpret_cast<const Bytef*>(plain.data()), plain.size()),
-              Z_OK);
-    stream.resize(length);
-    return stream;
-}
-
 std::string inflated(const std::string& stream, std::size_t size) {
     std::string plain(size, '\0');
     uLongf length = size;
@@ -38,14 +27,6 @@ std::string inflated(const std::string& stream, std::size_t size) {
                          reinterpret_cast<const Bytef*>(stream.data()), stream.size()),
               Z_OK);
     return plain.substr(0, length);
-}
-
-// A compressed frame: header, RSCV, record (`tag`, then `announced`), then `stream`.
-std::string compressedFrame(const std::string& rscv, std::uint32_t announced,
-                            const std::string& stream, const char* tag = "02000000") {
-    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
-    return Be32(total) + Be32(~total) + std::string{0, static_cast<char>(rscv.size() + 4)} + "2C" +
-           rscv + Hex(tag) + Be32(announced) + stream;
 }
 
 class OXLv2Test : public veltest::BufferLeakTest {
@@ -63,7 +44,7 @@ TEST_F(OXLv2Test, CompressedFramesCarryTheRecordAndAStandardZlibStream) {
     ASSERT_EQ(_transport.sendMessage(&message), kVELErr_Ok);
     const std::string stream = Body(message);  // the message keeps the compressed body
     EXPECT_EQ(inflated(stream, plain.size()), plain);
-    EXPECT_EQ(_socket.written(), compressedFrame("r", 0x25C, stream));
+    EXPECT_EQ(_socket.written(), veltest::CompressedOXLv2("r", 0x25C, stream));
 
     _socket.feed(_socket.written());
     VEL_Message received;
@@ -102,7 +83,7 @@ TEST_F(OXLv2Test, CompressionFailsWithoutRoomInTheSixteenBitCapacity) {
 TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
     const std::string compressible(200, 'h');
     // The first word of a received record is not checked, and not sent back.
-    _socket.feed(compressedFrame("", 200, deflated(compressible), "7F7F7F7F") +
+    _socket.feed(veltest::CompressedOXLv2("", 200, veltest::Deflated(compressible), "7F7F7F7F") +
                  Hex("00000011 FFFFFFEE 0004 32 00") + "world");
     VEL_Message message;
     ASSERT_EQ(message.setRSCV("old", 3), kVELErr_Ok);  // dropped: the frames carry none
@@ -119,46 +100,10 @@ TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
     }
 }
 
-TEST_F(OXLv2Test, BadFramesAreRefusedBeforeTheBodyIsRead) {
-    const std::string stream = deflated("hello");
-    const struct {
-        const char* what;
-        std::string frame;
-        VELErr_t code;
-        std::size_t unread;
-    } cases[] = {
-            {"check", Hex("00000011 FFFFFFEF 0004 32 00") + "hello", kVELErr_BadStreamHeader, 5},
-            {"H 3", Hex("00000011 FFFFFFEE 0003 32 00") + "hello", kVELErr_BadStreamHeader, 5},
-            {"H 260", Hex("00000200 FFFFFDFF 0104 32 00") + "hello", kVELErr_BadStreamHeader, 5},
-            {"version", Hex("00000011 FFFFFFEE 0004 31 00") + "hello", kVELErr_BadStreamHeader, 5},
-            {"total < H + 8", Hex("0000000B FFFFFFF4 0004 32 00") + "hello",
-             kVELErr_BadStreamHeader, 5},
-            {"no room for the record", Hex("00000013 FFFFFFEC 0004 32 43") + "hello",
-             kVELErr_MessageTooBig, 5},
-            {"body 1001", Hex("000003F5 FFFFFC0A 0004 32 00") + "hello", kVELErr_MessageTooBig, 5},
-            {"uncompressed 1001", compressedFrame("", 1001, stream), kVELErr_MessageTooBig,
-             stream.size()},
-            {"announced too short", compressedFrame("", 4, stream), kVELErr_Uncompression, 0},
-            {"announced too long", compressedFrame("", 6, stream), kVELErr_Uncompression, 0},
-            {"not a zlib stream", compressedFrame("", 5, "hello"), kVELErr_Uncompression, 0},
-    };
-    for (const auto& c : cases) {
-        MemorySocket socket;
-        socket.feed(c.frame);
-        VEL_Message message;
-        EXPECT_EQ(VEL_OXLv2(&socket, 1000).recvMessage(&message), c.code) << c.what;
-        EXPECT_EQ(socket.unread(), c.unread) << c.what;
-        if (c.code == kVELErr_Uncompression) {  // the compressed body is kept, unless short
-            const bool inflatedShort = std::string(c.what) == "announced too long";
-            EXPECT_EQ(Body(message), inflatedShort ? "" : c.frame.substr(20)) << c.what;
-        }
-    }
-}
-
 // A compressed frame cut inside its RSCV or its record used to be traced as a failed header
 // read, twice, without the header dump.
 TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
-    const std::string frame = compressedFrame("rscv", 5, deflated("hello"));
+    const std::string frame = veltest::CompressedOXLv2("rscv", 5, veltest::Deflated("hello"));
     const struct {
         const char* what;
         std::size_t cut;  // input kept; the rest is cut off
@@ -174,7 +119,7 @@ TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
     veltest::ScopedSink installed(&sink);
     for (const auto& c : cases) {
         MemorySocket socket;
-        socket.feed(c.cut == 0 ? compressedFrame("", 5, "hello") : frame.substr(0, c.cut));
+        socket.feed(c.cut == 0 ? veltest::CompressedOXLv2("", 5, "hello") : frame.substr(0, c.cut));
         socket.closeInput();
         sink.clear();
         VEL_Message message;

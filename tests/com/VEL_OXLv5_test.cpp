@@ -18,12 +18,6 @@ protected:
     VEL_OXLv5 _transport{&_socket};
 };
 
-TEST_F(OXLv5Test, BodyAbove65535BytesIsNotSent) {
-    VEL_Message message(65536);
-    EXPECT_EQ(_transport.sendMessage(&message), kVELErr_MessageTooBig);
-    EXPECT_EQ(_socket.writeCalls(), 0u);
-}
-
 TEST_F(OXLv5Test, CutBodyIsTracedWithTheLengthField) {
     veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
     veltest::ScopedSink installed(&sink);

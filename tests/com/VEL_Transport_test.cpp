@@ -3,12 +3,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "MemorySocket.h"
-#include "SocketSupport.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
@@ -82,30 +80,6 @@ TEST_F(TransportTest, FramesMatchTheWireBothWaysInMemory) {
 
         EXPECT_EQ(transport->sendMessage(nullptr), kVELErr_InvalidPointer) << frame.what;
         EXPECT_EQ(frame.make(nullptr)->recvMessage(&received), kVELErr_InvalidSocket);
-    }
-}
-
-class TransportLoopbackTest : public veltest::SocketLeakTest {};
-
-TEST_F(TransportLoopbackTest, FramesMatchTheWireBothWays) {
-    for (const Frame& frame : kFrames) {
-        veltest::SocketWithPeer pair = veltest::MakeSocketWithRawPeer();
-        ASSERT_TRUE(pair.socket);
-        std::unique_ptr<VEL_Transport> transport = frame.make(pair.socket.get());
-        VEL_Message message;
-        fill(message, frame);
-        std::thread sender([&] { EXPECT_EQ(transport->sendMessage(&message), kVELErr_Ok); });
-        EXPECT_EQ(veltest::ReadExactly(pair.peer.get(), frame.wire.size()), frame.wire)
-                << frame.what;
-        sender.join();
-        ASSERT_TRUE(veltest::WriteAll(pair.peer.get(), frame.wire));
-        // TN3270 takes what has arrived: wait until all of it has.
-        ASSERT_TRUE(veltest::WaitForPending(veltest::Fd(*pair.socket),
-                                            static_cast<int>(frame.wire.size())));
-        VEL_Message received;
-        ASSERT_EQ(transport->recvMessage(&received), kVELErr_Ok) << frame.what;
-        EXPECT_EQ(veltest::Body(received), frame.body) << frame.what;
-        EXPECT_EQ(veltest::RSCV(received), carriedRSCV(frame)) << frame.what;
     }
 }
 

@@ -48,19 +48,6 @@ void PrintTo(const Protocol& protocol, std::ostream* out) {
     *out << protocol.name;
 }
 
-// The HOLM header of `fields` (28 bytes as hex, check word 0000) with its check word filled in.
-std::string HOLMHeader(const char* fields) {
-    std::string header = Hex(fields);
-    unsigned sum = 0;
-    for (int i = 0; i < 12; i += 2) {
-        sum ^= static_cast<unsigned char>(header[i]) << 8 |
-               static_cast<unsigned char>(header[i + 1]);
-    }
-    header[12] = static_cast<char>(sum >> 8);
-    header[13] = static_cast<char>(sum);
-    return header;
-}
-
 std::vector<Protocol> Protocols() {
     return {
             {"OXLv1", 12,
@@ -83,7 +70,8 @@ std::vector<Protocol> Protocols() {
                  }
                  return t;
              },
-             HOLMHeader("484F 0100 0000001C FFFFFFFF 0000 0000 00000000 0000000000000000")},
+             veltest::WithHOLMCheck(
+                     Hex("484F 0100 0000001C FFFFFFFF 0000 0000 00000000 0000000000000000"))},
     };
 }
 
@@ -302,7 +290,8 @@ TEST(HugeAnnouncementTest, RefusedWithoutAllocatingOrReadingTheBody) {
              Protocols()[3].hugeHeader, kVELErr_MessageTooBig},
             {"HOLM compressed body",
              [](VEL_Socket* s) { return std::make_unique<VEL_HOLM>(s, ULONG_MAX); },
-             HOLMHeader("484F 0100 FFFFFFFF 00000010 0000 0000 00004000 0000000000000000"),
+             veltest::WithHOLMCheck(
+                     Hex("484F 0100 FFFFFFFF 00000010 0000 0000 00004000 0000000000000000")),
              kVELErr_BadStreamHeader},
     };
     for (const Case& c : cases) {

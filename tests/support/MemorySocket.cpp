@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <zlib.h>
+
 #include "BufferMgr.h"
 #include "VEL_Message.h"
 
@@ -139,9 +141,38 @@ std::string Hex(const char* digits) {
     return bytes;
 }
 
+std::string Be16(std::uint16_t value) {
+    return std::string{static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
 std::string Be32(std::uint32_t value) {
-    return std::string{static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-                       static_cast<char>(value >> 8), static_cast<char>(value)};
+    return Be16(static_cast<std::uint16_t>(value >> 16)) + Be16(static_cast<std::uint16_t>(value));
+}
+
+std::string Deflated(const std::string& plain, int level) {
+    uLongf length = compressBound(plain.size());
+    std::string stream(length, '\0');
+    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
+                        reinterpret_cast<const Bytef*>(plain.data()), plain.size(), level),
+              Z_OK);
+    stream.resize(length);
+    return stream;
+}
+
+std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
+                            const std::string& stream, const char* tag) {
+    const auto total = static_cast<std::uint32_t>(12 + rscv.size() + 8 + stream.size());
+    return Be32(total) + Be32(~total) + Be16(static_cast<std::uint16_t>(rscv.size() + 4)) + "2C" +
+           rscv + Hex(tag) + Be32(announced) + stream;
+}
+
+std::string WithHOLMCheck(std::string frame) {
+    std::uint16_t check = 0;
+    for (std::size_t i = 0; i < 12; i += 2) {
+        check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(frame[i]) << 8 |
+                                            static_cast<unsigned char>(frame[i + 1]));
+    }
+    return frame.replace(12, 2, Be16(check));
 }
 
 std::string Body(const VEL_Message& message) {

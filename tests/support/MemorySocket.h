@@ -82,8 +82,19 @@ private:
 
 // Bytes written as hexadecimal digit pairs; blanks are ignored: Hex("0000000C 0020 31").
 std::string Hex(const char* digits);
-// `value` as 4 bytes in network order.
+// `value` as 2 or 4 bytes in network order.
+std::string Be16(std::uint16_t value);
 std::string Be32(std::uint32_t value);
+// A zlib stream of `plain` at `level` (-1: zlib's default), made by zlib itself, independently
+// of the library.
+std::string Deflated(const std::string& plain, int level = -1);
+// A compressed OXLv2 frame built by hand: header, RSCV, the compression record (`tag`, then
+// `announced`), then `stream`.
+std::string CompressedOXLv2(const std::string& rscv, std::uint32_t announced,
+                            const std::string& stream, const char* tag = "02000000");
+// `frame`, a HOLM frame from its header on, with the check word (bytes 12-13) that makes its
+// first seven words XOR to zero.
+std::string WithHOLMCheck(std::string frame);
 // A message's body and RSCV bytes ("" when absent).
 std::string Body(const VEL_Message& message);
 std::string RSCV(const VEL_Message& message);

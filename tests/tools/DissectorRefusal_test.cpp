@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
@@ -21,41 +20,27 @@
 #include "VEL_OXLv2.h"
 #include "VEL_Socket.h"
 #include "VEL_TCPAcceptor.h"
-#include "VEL_TCPConnector.h"
 #include "WireCapture.h"
 
 namespace {
 
+using veltest::Be16;
 using veltest::Be32;
 using veltest::DissectedFrame;
 using veltest::ShownBytes;
 
 constexpr unsigned long kMaxSize = 1024;  // the receivers' maximum message size
 
-std::string be16(std::uint32_t value) {
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
-
 // An OXL header: total length, length check, the 16-bit word (marker or extension length),
 // version and flag byte.
-std::string oxl(std::uint32_t total, std::uint32_t check, std::uint32_t word, char version,
+std::string oxl(std::uint32_t total, std::uint32_t check, std::uint16_t word, char version,
                 char flag = 0) {
-    return Be32(total) + Be32(check) + be16(word) + version + flag;
+    return Be32(total) + Be32(check) + Be16(word) + version + flag;
 }
 
 // An OXLv2 compression record: the tag 02 00 00 00 and the uncompressed length.
 std::string record(std::uint32_t uncompressed) {
     return std::string("\x02\x00\x00\x00", 4) + Be32(uncompressed);
-}
-
-std::string deflated(const std::string& text) {
-    std::string stream(compressBound(text.size()), '\0');
-    uLongf length = stream.size();
-    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                        reinterpret_cast<const Bytef*>(text.data()), text.size(), 2),
-              Z_OK);
-    stream.resize(length);
-    return stream;
 }
 
 // A HOLM frame: the check word is computed (then `checkFlip` is XORed into it) and the total
@@ -65,7 +50,7 @@ struct Holm {
     std::uint16_t version = 0x0100;
     std::uint32_t plain = 0;
     int totalAdjust = 0;
-    std::uint16_t checkFlip = 0;
+    unsigned char checkFlip = 0;  // XORed into the check word's low byte
     unsigned char security = 0;
     unsigned char session = 0;
     unsigned char compression = 0;
@@ -74,17 +59,14 @@ struct Holm {
     std::string header() const {
         const auto total = static_cast<std::uint32_t>(28 + rscv.size() + field.size() +
                                                       sscv.size() + body.size() + totalAdjust);
-        const std::string words = be16(magic) + be16(version) + Be32(total) + Be32(plain);
-        std::uint16_t check = 0;
-        for (std::size_t i = 0; i < words.size(); i += 2) {
-            check ^= static_cast<std::uint16_t>(static_cast<unsigned char>(words[i]) << 8 |
-                                                static_cast<unsigned char>(words[i + 1]));
-        }
-        return words + be16(check ^ checkFlip) + std::string(2, '\0') +
-               static_cast<char>(security) + static_cast<char>(session) +
-               static_cast<char>(compression) + '\0' + static_cast<char>(rscv.size()) +
-               static_cast<char>(field.size()) + static_cast<char>(sscv.size()) +
-               std::string(5, '\0');
+        std::string bytes = veltest::WithHOLMCheck(
+                Be16(magic) + Be16(version) + Be32(total) + Be32(plain) + std::string(4, '\0') +
+                static_cast<char>(security) + static_cast<char>(session) +
+                static_cast<char>(compression) + '\0' + static_cast<char>(rscv.size()) +
+                static_cast<char>(field.size()) + static_cast<char>(sscv.size()) +
+                std::string(5, '\0'));
+        bytes[13] = static_cast<char>(bytes[13] ^ checkFlip);
+        return bytes;
     }
     std::string rest() const { return rscv + field + sscv + body; }
 };
@@ -106,26 +88,13 @@ struct Case {
 // Refused once the header has been read: the rest is never read.
 Case atHeader(const char* what, const std::string& header, const std::string& rest, VELErr_t status,
               const char* expert) {
-    Case each;
-    each.what = what;
-    each.decided = header;
-    each.rest = rest;
-    each.status = status;
-    each.expert = expert;
-    each.unread = rest;
-    return each;
+    return Case{what, header, rest, status, expert, rest, false, "", ""};
 }
 
 // Decided once the whole frame, one segment, has been read.
 Case whole(const char* what, const std::string& frame, VELErr_t status, const char* expert,
            const std::string& unread = "") {
-    Case each;
-    each.what = what;
-    each.decided = frame;
-    each.status = status;
-    each.expert = expert;
-    each.unread = unread;
-    return each;
+    return Case{what, frame, "", status, expert, unread, false, "", ""};
 }
 
 class DissectorRefusalTest : public veltest::DissectorTest {
@@ -169,18 +138,12 @@ private:
     // socket; returns what the library server's second recvMessage returned.
     VELErr_t converse(veltest::RecordingRelay& relay, VEL_TCPAcceptor& acceptor,
                       const MakeTransport& make, const Case& each) {
-        VEL_TCPConnector connector(relay.port(), "127.0.0.1");
-        VEL_Socket* socket = nullptr;
-        EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> client(socket);
-        socket = nullptr;
-        EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> server(socket);
-        if (!client || !server) {
+        const veltest::RelayedSockets sockets = veltest::ConnectThrough(relay, acceptor);
+        if (!sockets.client || !sockets.server) {
             return kVELErr_InvalidSocket;
         }
-        std::unique_ptr<VEL_Transport> sender = make(client.get());
-        std::unique_ptr<VEL_Transport> receiver = make(server.get());
+        std::unique_ptr<VEL_Transport> sender = make(sockets.client.get());
+        std::unique_ptr<VEL_Transport> receiver = make(sockets.server.get());
         if (each.session) {
             EXPECT_EQ(static_cast<VEL_HOLM*>(sender.get())->openSecureSession(), kVELErr_Ok);
         }
@@ -192,8 +155,8 @@ private:
         VEL_Message received;
         EXPECT_EQ(receiver->recvMessage(&received), kVELErr_Ok);
         // Each part waits at the server before the next is written: two segments.
-        const int clientFd = veltest::Fd(*client);
-        const int serverFd = veltest::Fd(*server);
+        const int clientFd = veltest::Fd(*sockets.client);
+        const int serverFd = veltest::Fd(*sockets.server);
         EXPECT_TRUE(veltest::WriteAll(clientFd, each.decided));
         EXPECT_TRUE(veltest::WaitForPending(serverFd, static_cast<int>(each.decided.size())));
         if (!each.rest.empty()) {
@@ -261,7 +224,7 @@ TEST_F(DissectorRefusalTest, OXLv1HeadersAreJudgedAsTheLibraryJudgesThem) {
 
 TEST_F(DissectorRefusalTest, OXLv2HeadersAndBodiesAreJudgedAsTheLibraryJudgesThem) {
     const std::string body = "abcde";
-    const std::string stream = deflated(std::string(10, 'q'));
+    const std::string stream = veltest::Deflated(std::string(10, 'q'), 2);
     const auto size = static_cast<std::uint32_t>(20 + stream.size());
     const std::vector<Case> cases{
             atHeader("length check off by one bit", oxl(17, ~17u ^ 1, 4, '2'), body,

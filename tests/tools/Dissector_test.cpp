@@ -14,7 +14,6 @@
 #include "VEL_Message.h"
 #include "VEL_Socket.h"
 #include "VEL_TCPAcceptor.h"
-#include "VEL_TCPConnector.h"
 #include "VelcatProcess.h"
 #include "WireCapture.h"
 
@@ -28,12 +27,6 @@ using veltest::ShownBytes;
 using veltest::VelcatProcess;
 using Strings = std::vector<std::string>;
 using Frames = std::vector<DissectedFrame>;
-
-// A velcat echo listener on 127.0.0.1 (port chosen by the system).
-std::unique_ptr<VelcatProcess> echoListener(const std::string& protocol) {
-    return std::make_unique<VelcatProcess>(
-            Strings{"-l", "-s", "127.0.0.1", "-e", "-p", protocol, "0"});
-}
 
 // A velcat client with `options` talks to the server behind `relay`: it sends `lines` one at a
 // time, each once the echo of the previous one has come back (so that the capture holds request,
@@ -79,10 +72,28 @@ std::string message(const DissectedFrame& frame) {
 
 class DissectorConversationTest : public veltest::DissectorTest {
 protected:
-    // One echo conversation per protocol, each through its own relay that cuts both directions
-    // as asked, into one capture. Returns each protocol's frames in capture order.
-    std::map<std::string, Frames> echoEveryProtocol(const Strings& lines, bool oneByte,
-                                                    bool together) {
+    // A velcat echo listener of `protocol` on 127.0.0.1 and a velcat client with `options`
+    // converse through a relay that records into `capture`, cutting both directions as asked.
+    // Returns the listener's port.
+    static unsigned short recordEcho(CaptureFile& capture, const std::string& protocol,
+                                     const Strings& options, const Strings& lines,
+                                     Cutting cutting = Cutting(), bool together = false) {
+        VelcatProcess listener({"-l", "-s", "127.0.0.1", "-e", "-p", protocol, "0"});
+        const unsigned short port = listener.listeningPort();
+        EXPECT_NE(port, 0) << listener.errors();
+        RecordingRelay relay(capture, port);
+        relay.setCutting(cutting, cutting);
+        Strings clientOptions{"-p", protocol};
+        clientOptions.insert(clientOptions.end(), options.begin(), options.end());
+        converse(relay, clientOptions, lines, together);
+        EXPECT_TRUE(relay.waitForEnded(1));
+        return port;
+    }
+
+    // One echo conversation per protocol, each through its own relay (one byte per segment,
+    // or each direction's frames joined into one segment when `together`), into one capture.
+    // Returns each protocol's frames in capture order.
+    std::map<std::string, Frames> echoEveryProtocol(const Strings& lines, bool together) {
         struct Run {
             const char* velcat;
             const char* dissector;
@@ -96,26 +107,14 @@ protected:
         CaptureFile capture;
         Strings options;
         for (const Run& run : runs) {
-            auto listener = echoListener(run.velcat);
-            const unsigned short port = listener->listeningPort();
-            EXPECT_NE(port, 0) << listener->errors();
-            RecordingRelay relay(capture, port);
             Cutting cutting;
-            if (oneByte) {
-                cutting.kind = Cutting::kOneByte;
-            } else if (together) {
-                cutting.kind = Cutting::kJoined;
-                for (const std::string& line : lines) {
-                    cutting.joined += run.overhead + line.size();
-                }
+            cutting.kind = together ? Cutting::kJoined : Cutting::kOneByte;
+            for (const std::string& line : lines) {
+                cutting.joined += run.overhead + line.size();
             }
-            relay.setCutting(cutting, cutting);
-            Strings clientOptions{"-p", run.velcat};
-            if (!together) {
-                clientOptions.insert(clientOptions.end(), run.options.begin(), run.options.end());
-            }
-            converse(relay, clientOptions, lines, together);
-            EXPECT_TRUE(relay.waitForEnded(1));
+            const unsigned short port =
+                    recordEcho(capture, run.velcat, together ? Strings{} : run.options, lines,
+                               cutting, together);
             options.insert(options.end(),
                            {"-o", std::string(run.dissector) + ".ports:" + std::to_string(port)});
         }
@@ -128,14 +127,9 @@ protected:
 };
 
 TEST_F(DissectorConversationTest, OXLv1FramesShowEveryFieldUnderPortPreferenceOrDecodeAs) {
-    auto listener = echoListener("oxl1");
-    const unsigned short port = listener->listeningPort();
-    ASSERT_NE(port, 0) << listener->errors();
     CaptureFile capture;
-    RecordingRelay relay(capture, port);
     const Strings lines{"hello", "vel over TCP"};
-    converse(relay, {"-p", "oxl1"}, lines);
-    ASSERT_TRUE(relay.waitForEnded(1));
+    const unsigned short port = recordEcho(capture, "oxl1", {}, lines);
 
     const Frames frames = dissect(capture, {"-o", "oxlv1.ports:" + std::to_string(port)});
     ASSERT_EQ(frames.size(), 4u);
@@ -164,15 +158,10 @@ TEST_F(DissectorConversationTest, OXLv1FramesShowEveryFieldUnderPortPreferenceOr
 }
 
 TEST_F(DissectorConversationTest, OXLv2CompressedBodiesAreInflatedIntoTheirOwnDataSource) {
-    auto listener = echoListener("oxl2");
-    const unsigned short port = listener->listeningPort();
-    ASSERT_NE(port, 0) << listener->errors();
     CaptureFile capture;
-    RecordingRelay relay(capture, port);
     // The short line does not fit its compression room and goes plain; the echo follows.
     const std::string compressible = std::string(300, 'a') + "xyz";
-    converse(relay, {"-p", "oxl2", "-z"}, {compressible, "hi"});
-    ASSERT_TRUE(relay.waitForEnded(1));
+    const unsigned short port = recordEcho(capture, "oxl2", {"-z"}, {compressible, "hi"});
 
     const std::string ports = "oxlv2.ports:" + std::to_string(port);
     const Frames frames = dissect(capture, {"-o", ports});
@@ -207,17 +196,12 @@ TEST_F(DissectorConversationTest, OXLv2CompressedBodiesAreInflatedIntoTheirOwnDa
 }
 
 TEST_F(DissectorConversationTest, OXLv5FrameOverManySegmentsIsShownOnceWhole) {
-    auto listener = echoListener("oxl5");
-    const unsigned short port = listener->listeningPort();
-    ASSERT_NE(port, 0) << listener->errors();
     CaptureFile capture;
-    RecordingRelay relay(capture, port);
     std::string large(60000, ' ');
     for (std::size_t i = 0; i < large.size(); ++i) {
         large[i] = static_cast<char>('a' + i % 26);
     }
-    converse(relay, {"-p", "oxl5"}, {large, "x"});
-    ASSERT_TRUE(relay.waitForEnded(1));
+    const unsigned short port = recordEcho(capture, "oxl5", {}, {large, "x"});
 
     const Frames frames = dissect(capture, {"-o", "oxlv5.ports:" + std::to_string(port)});
     ASSERT_EQ(frames.size(), 4u);
@@ -232,12 +216,10 @@ TEST_F(DissectorConversationTest, OXLv5FrameOverManySegmentsIsShownOnceWhole) {
 
 TEST_F(DissectorConversationTest, EveryProtocolReassemblesOneByteSegmentsBothWays) {
     const Strings lines{std::string(200, 'c') + "!", "ok"};
-    const auto byProtocol = echoEveryProtocol(lines, true, false);
+    auto byProtocol = echoEveryProtocol(lines, false);
     for (const char* protocol : {"oxlv1", "oxlv2", "oxlv5", "holm"}) {
         SCOPED_TRACE(protocol);
-        const auto found = byProtocol.find(protocol);
-        ASSERT_NE(found, byProtocol.end());
-        const Frames& frames = found->second;
+        const Frames& frames = byProtocol[protocol];
         ASSERT_EQ(frames.size(), 4u);
         for (std::size_t i = 0; i < frames.size(); ++i) {
             EXPECT_EQ(message(frames[i]), ShownBytes(lines[i / 2])) << "frame " << i;
@@ -252,12 +234,10 @@ TEST_F(DissectorConversationTest, EveryProtocolReassemblesOneByteSegmentsBothWay
 
 TEST_F(DissectorConversationTest, EveryProtocolShowsEachOfManyFramesInOneSegment) {
     const Strings lines{"one", "two", "three"};
-    const auto byProtocol = echoEveryProtocol(lines, false, true);
+    auto byProtocol = echoEveryProtocol(lines, true);
     for (const char* protocol : {"oxlv1", "oxlv2", "oxlv5", "holm"}) {
         SCOPED_TRACE(protocol);
-        const auto found = byProtocol.find(protocol);
-        ASSERT_NE(found, byProtocol.end());
-        const Frames& frames = found->second;
+        const Frames& frames = byProtocol[protocol];
         ASSERT_EQ(frames.size(), 6u);
         // The requests share one packet, the echoes the next one.
         for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -270,15 +250,10 @@ TEST_F(DissectorConversationTest, EveryProtocolShowsEachOfManyFramesInOneSegment
 }
 
 TEST_F(DissectorConversationTest, HOLMSecureSessionShowsKeyExchangeRolesAndOpaqueBodies) {
-    auto listener = echoListener("holm");
-    const unsigned short port = listener->listeningPort();
-    ASSERT_NE(port, 0) << listener->errors();
     CaptureFile capture;
-    RecordingRelay relay(capture, port);
     // The long line compresses before it is encrypted; the short one goes plain, then encrypted.
     const std::string compressible = std::string(200, 'k');
-    converse(relay, {"-p", "holm", "-S", "-z"}, {compressible, "short"});
-    ASSERT_TRUE(relay.waitForEnded(1));
+    const unsigned short port = recordEcho(capture, "holm", {"-S", "-z"}, {compressible, "short"});
 
     const std::string ports = "holm.ports:" + std::to_string(port);
     const Frames frames = dissect(capture, {"-o", ports});
@@ -330,24 +305,6 @@ TEST_F(DissectorConversationTest, HOLMSecureSessionShowsKeyExchangeRolesAndOpaqu
     }
 }
 
-// A library client and server whose connection runs through `relay`.
-struct RelayedSockets {
-    std::unique_ptr<VEL_Socket> client;
-    std::unique_ptr<VEL_Socket> server;
-};
-
-RelayedSockets connectThrough(const RecordingRelay& relay, VEL_TCPAcceptor& acceptor) {
-    RelayedSockets sockets;
-    VEL_TCPConnector connector(relay.port(), "127.0.0.1");
-    VEL_Socket* socket = nullptr;
-    EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
-    sockets.client.reset(socket);
-    socket = nullptr;
-    EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
-    sockets.server.reset(socket);
-    return sockets;
-}
-
 TEST_F(DissectorConversationTest, HOLMSessionsClosedAndReopenedAreFollowed) {
     VEL_TCPAcceptor acceptor(0, "127.0.0.1");
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
@@ -355,7 +312,7 @@ TEST_F(DissectorConversationTest, HOLMSessionsClosedAndReopenedAreFollowed) {
     CaptureFile capture;
     RecordingRelay relay(capture, port);
     {
-        RelayedSockets sockets = connectThrough(relay, acceptor);
+        veltest::RelayedSockets sockets = veltest::ConnectThrough(relay, acceptor);
         ASSERT_TRUE(sockets.client && sockets.server);
         VEL_HOLM client(sockets.client.get(), 1024);
         VEL_HOLM server(sockets.server.get(), 1024);

@@ -1,28 +1,22 @@
 #include "Tshark.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <gtest/gtest.h>
 
+#include "ChildProcess.h"
 #include "WireCapture.h"
-
-extern char** environ;
 
 namespace veltest {
 
@@ -31,31 +25,6 @@ namespace {
 using boost::property_tree::ptree;
 
 const char* const kProtocols[] = {"oxlv1", "oxlv2", "oxlv5", "holm"};
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// Waits for the child within `seconds`; kills it after that. Its exit status, -1 otherwise.
-int waitBounded(pid_t pid, int seconds) {
-    const int handle = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-    if (handle >= 0) {
-        pollfd exited{handle, POLLIN, 0};
-        if (::poll(&exited, 1, seconds * 1000) == 0) {
-            ADD_FAILURE() << "tshark still runs after " << seconds << " s: killed";
-            ::kill(pid, SIGKILL);
-        }
-        ::close(handle);
-    }
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
-}
 
 // Appends every item under `node`, depth first: a field's value, then its subtree.
 void flatten(const ptree& node, std::vector<std::pair<std::string, std::string>>& fields) {
@@ -74,21 +43,14 @@ unsigned toNumber(const std::string& text) {
 }  // namespace
 
 bool DissectedFrame::has(const std::string& field) const {
-    for (const auto& item : fields) {
-        if (item.first == field) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(fields.begin(), fields.end(),
+                       [&field](const auto& item) { return item.first == field; });
 }
 
 std::string DissectedFrame::operator[](const std::string& field) const {
-    for (const auto& item : fields) {
-        if (item.first == field) {
-            return item.second;
-        }
-    }
-    return "";
+    const auto found = std::find_if(fields.begin(), fields.end(),
+                                    [&field](const auto& item) { return item.first == field; });
+    return found != fields.end() ? found->second : "";
 }
 
 unsigned long DissectedFrame::number(const std::string& field) const {
@@ -122,47 +84,17 @@ std::string FindTshark() {
 TsharkResult RunTshark(const std::string& tshark, const std::string& workDir,
                        const std::vector<std::string>& arguments) {
     const std::string config = workDir + "/wireshark-config";
-    const std::string outputPath = workDir + "/tshark.out";
-    const std::string errorPath = workDir + "/tshark.err";
     (void)::mkdir(config.c_str(), 0700);  // it may exist from an earlier run
-
-    std::vector<std::string> words{tshark, "-X", std::string("lua_script:") + VEL_DISSECTOR_PATH};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(&word[0]);
-    }
-    argv.push_back(nullptr);
-    std::vector<std::string> variables{"WIRESHARK_CONFIG_DIR=" + config};
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        if (std::strncmp(*variable, "WIRESHARK_CONFIG_DIR=", 21) != 0) {
-            variables.emplace_back(*variable);
-        }
-    }
-    std::vector<char*> envp;
-    for (std::string& variable : variables) {
-        envp.push_back(&variable[0]);
-    }
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    pid_t pid = -1;
-    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
+    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, tshark, "-X",
+                                  std::string("lua_script:") + VEL_DISSECTOR_PATH};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    ChildProcess child(argv);
+    child.closeInput();
     TsharkResult result;
-    if (spawned != 0) {
-        ADD_FAILURE() << "cannot start " << tshark << ": " << std::strerror(spawned);
-        return result;
-    }
-    result.status = waitBounded(pid, 30);
-    result.output = readFile(outputPath);
-    result.errors = readFile(errorPath);
+    result.status = child.wait(std::chrono::seconds(30));
+    EXPECT_NE(result.status, -1) << "tshark still runs after 30 s: killed";
+    result.output = child.output();
+    result.errors = child.errors();
     return result;
 }
 

@@ -14,6 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include "MemorySocket.h"
+#include "SocketSupport.h"
+#include "VEL_Socket.h"
+#include "VEL_TCPAcceptor.h"
+#include "VEL_TCPConnector.h"
+
 namespace veltest {
 
 namespace {
@@ -24,16 +30,6 @@ constexpr std::uint8_t kRst = 0x04;
 constexpr std::uint8_t kPsh = 0x08;
 constexpr std::uint8_t kAck = 0x10;
 constexpr std::size_t kLargestSegment = 8192;
-
-void put16(std::string& out, std::uint32_t value) {
-    out += static_cast<char>(value >> 8);
-    out += static_cast<char>(value);
-}
-
-void put32(std::string& out, std::uint32_t value) {
-    put16(out, value >> 16);
-    put16(out, value);
-}
 
 // pcap's own header and record fields are in the writer's byte order; this writes little-endian.
 void putLittle32(std::string& out, std::uint32_t value) {
@@ -59,21 +55,6 @@ std::uint16_t checksum(const std::string& bytes, std::uint32_t sum = 0) {
 
 Endpoint endpointOf(const sockaddr_in& address) {
     return Endpoint{ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
-}
-
-bool sendAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) {
-            continue;
-        }
-        if (sent <= 0) {
-            return false;
-        }
-        data += sent;
-        size -= static_cast<std::size_t>(sent);
-    }
-    return true;
 }
 
 void noDelay(int fd) {
@@ -133,37 +114,20 @@ void CaptureFile::frame(Connection& connection, bool fromClient, std::uint8_t fl
     std::uint32_t& seq = fromClient ? connection.clientSeq : connection.serverSeq;
     const std::uint32_t ack =
             (flags & kAck) != 0 ? (fromClient ? connection.serverSeq : connection.clientSeq) : 0;
-    std::string tcp;
-    put16(tcp, source.port);
-    put16(tcp, destination.port);
-    put32(tcp, seq);
-    put32(tcp, ack);
-    tcp += static_cast<char>(5 << 4);  // 20-byte header, no options
-    tcp += static_cast<char>(flags);
-    put16(tcp, 65535);  // window
-    put16(tcp, 0);      // checksum, filled below
-    put16(tcp, 0);      // urgent pointer
-    tcp += payload;
-    std::string pseudo;
-    put32(pseudo, source.address);
-    put32(pseudo, destination.address);
-    put16(pseudo, IPPROTO_TCP);
-    put16(pseudo, static_cast<std::uint32_t>(tcp.size()));
-    const std::uint16_t tcpSum = checksum(pseudo + tcp);
+    // A 20-byte header without options; window 65535, checksum (filled below), urgent pointer 0.
+    std::string tcp = Be16(source.port) + Be16(destination.port) + Be32(seq) + Be32(ack) +
+                      static_cast<char>(5 << 4) + static_cast<char>(flags) + Be16(65535) +
+                      std::string(4, '\0') + payload;
+    const std::uint16_t tcpSum =
+            checksum(Be32(source.address) + Be32(destination.address) + Be16(IPPROTO_TCP) +
+                     Be16(static_cast<std::uint16_t>(tcp.size())) + tcp);
     tcp[16] = static_cast<char>(tcpSum >> 8);
     tcp[17] = static_cast<char>(tcpSum);
-
-    std::string ip;
-    ip += static_cast<char>(0x45);  // IPv4, 20-byte header
-    ip += '\0';
-    put16(ip, static_cast<std::uint32_t>(20 + tcp.size()));
-    put16(ip, _ipId++);
-    put16(ip, 0x4000);  // don't fragment
-    ip += static_cast<char>(64);
-    ip += static_cast<char>(IPPROTO_TCP);
-    put16(ip, 0);
-    put32(ip, source.address);
-    put32(ip, destination.address);
+    // IPv4 with a 20-byte header, don't fragment, TTL 64; checksum filled below.
+    std::string ip = "\x45" + std::string(1, '\0') +
+                     Be16(static_cast<std::uint16_t>(20 + tcp.size())) + Be16(_ipId++) +
+                     Be16(0x4000) + static_cast<char>(64) + static_cast<char>(IPPROTO_TCP) +
+                     Be16(0) + Be32(source.address) + Be32(destination.address);
     const std::uint16_t ipSum = checksum(ip);
     ip[10] = static_cast<char>(ipSum >> 8);
     ip[11] = static_cast<char>(ipSum);
@@ -365,7 +329,7 @@ void RecordingRelay::forward(Link& link, bool fromClient, const std::string& byt
     Cutting& cutting = link.cutting[from];
     // A segment is recorded once it is sent: the peer can only answer what it has been sent.
     auto segment = [&](const char* data, std::size_t size) {
-        if (sendAll(to, data, size)) {
+        if (WriteAll(to, data, size)) {
             _capture.segment(link.connection, fromClient, std::string(data, size));
         }
     };
@@ -405,6 +369,18 @@ void RecordingRelay::endLink(Link& link) {
         ++_ended;
     }
     _endedChanged.notify_all();
+}
+
+RelayedSockets ConnectThrough(const RecordingRelay& relay, VEL_TCPAcceptor& acceptor) {
+    RelayedSockets sockets;
+    VEL_TCPConnector connector(relay.port(), "127.0.0.1");
+    VEL_Socket* socket = nullptr;
+    EXPECT_EQ(connector.connect(socket), kVELErr_Ok);
+    sockets.client.reset(socket);
+    socket = nullptr;
+    EXPECT_EQ(acceptor.accept(socket), kVELErr_Ok);
+    sockets.server.reset(socket);
+    return sockets;
 }
 
 }  // namespace veltest

@@ -13,10 +13,14 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+class VEL_Socket;
+class VEL_TCPAcceptor;
 
 namespace veltest {
 
@@ -112,6 +116,14 @@ private:
 
     std::thread _thread;
 };
+
+// A library client and server (from `acceptor`) whose connection runs through `relay`; empty
+// pointers, and a failure of the calling test, when they cannot be had.
+struct RelayedSockets {
+    std::unique_ptr<VEL_Socket> client;
+    std::unique_ptr<VEL_Socket> server;
+};
+RelayedSockets ConnectThrough(const RecordingRelay& relay, VEL_TCPAcceptor& acceptor);
 
 }  // namespace veltest
 

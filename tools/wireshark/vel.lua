@@ -68,6 +68,21 @@ local function refuse(code, expert, text)
                 statusText(code)}
 end
 
+-- The expert infos of a protocol named `name`: "Body cannot be inflated" when `inflates`, then
+-- one warning per reason a header is refused, each under its reason as key.
+local function refusalExperts(name, inflates, reasons)
+    local e = {}
+    if inflates then
+        e.not_inflated = ProtoExpert.new(name .. ".not_inflated", "Body cannot be inflated",
+                                         expert.group.PROTOCOL, expert.severity.WARN)
+    end
+    for _, reason in ipairs(reasons) do
+        e[reason] = ProtoExpert.new(name .. "." .. reason, "Refused header (" .. reason .. ")",
+                                    expert.group.PROTOCOL, expert.severity.WARN)
+    end
+    return e
+end
+
 -- Creates one protocol. `def` gives:
 --   name, title, headerSize   the filter name, the display name, the bytes that hold the length
 --   fields, experts           its ProtoFields and ProtoExperts, by key
@@ -271,12 +286,8 @@ do
         body_length = ProtoField.uint32(name .. ".body_length", "Body length", base.DEC),
         body = ProtoField.bytes(name .. ".body", "Body"),
     }
-    local e = {}
-    for _, reason in ipairs({"bad_check", "bad_marker", "bad_version", "short_total", "too_big",
-                             "no_buffer"}) do
-        e[reason] = ProtoExpert.new(name .. "." .. reason, "Refused header (" .. reason .. ")",
-                                    expert.group.PROTOCOL, expert.severity.WARN)
-    end
+    local e = refusalExperts(name, false, {"bad_check", "bad_marker", "bad_version",
+                                            "short_total", "too_big", "no_buffer"})
 
     newFraming({
         name = name, title = "OXLv1", headerSize = 12, fields = f, experts = e,
@@ -353,15 +364,8 @@ do
         inflated_length = ProtoField.uint32(name .. ".inflated_length", "Inflated length",
                                             base.DEC),
     }
-    local e = {
-        not_inflated = ProtoExpert.new(name .. ".not_inflated", "Body cannot be inflated",
-                                       expert.group.PROTOCOL, expert.severity.WARN),
-    }
-    for _, reason in ipairs({"bad_check", "bad_extension", "bad_version", "short_total",
-                             "too_big", "record_too_big", "no_buffer"}) do
-        e[reason] = ProtoExpert.new(name .. "." .. reason, "Refused header (" .. reason .. ")",
-                                    expert.group.PROTOCOL, expert.severity.WARN)
-    end
+    local e = refusalExperts(name, true, {"bad_check", "bad_extension", "bad_version",
+                                          "short_total", "too_big", "record_too_big", "no_buffer"})
 
     newFraming({
         name = name, title = "OXLv2", headerSize = 12, fields = f, experts = e,
@@ -517,20 +521,13 @@ do
                                            "Session of this connection", base.DEC),
         key_frame = ProtoField.framenum(name .. ".key_frame", "Session key sent in frame"),
     }
-    local e = {
-        not_inflated = ProtoExpert.new(name .. ".not_inflated", "Body cannot be inflated",
-                                       expert.group.PROTOCOL, expert.severity.WARN),
-        key_exchange = ProtoExpert.new(name .. ".key_exchange", "Key exchange",
-                                       expert.group.SECURITY, expert.severity.CHAT),
-        session_reset = ProtoExpert.new(name .. ".session_reset", "Session closed",
-                                        expert.group.SECURITY, expert.severity.CHAT),
-    }
-    for _, reason in ipairs({"bad_check", "bad_version", "bad_magic", "too_big", "bad_field",
-                             "no_key", "short_total", "bad_padding", "length_mismatch",
-                             "too_long"}) do
-        e[reason] = ProtoExpert.new(name .. "." .. reason, "Refused header (" .. reason .. ")",
-                                    expert.group.PROTOCOL, expert.severity.WARN)
-    end
+    local e = refusalExperts(name, true, {"bad_check", "bad_version", "bad_magic", "too_big",
+                                          "bad_field", "no_key", "short_total", "bad_padding",
+                                          "length_mismatch", "too_long"})
+    e.key_exchange = ProtoExpert.new(name .. ".key_exchange", "Key exchange",
+                                     expert.group.SECURITY, expert.severity.CHAT)
+    e.session_reset = ProtoExpert.new(name .. ".session_reset", "Session closed",
+                                      expert.group.SECURITY, expert.severity.CHAT)
 
     local function header(tvb)
         local h = {}
