@@ -9,11 +9,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -22,32 +20,25 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include "BufferMgr.h"
-#include "FramedSupport.h"
-#include "ReactorSupport.h"
-#include "SocketSupport.h"
+#include "FramedTestSupport.h"
 #include "TestSupport.h"
 #include "VEL_ByteStream.h"
 #include "VEL_Encryptor.h"
-#include "VEL_FrameCodec.h"
-#include "VEL_FramedAcceptor.h"
 #include "VEL_HOLM.h"
-#include "VEL_IOReactor.h"
-#include "VEL_Message.h"
-#include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
 #include "VEL_OXLv5.h"
-#include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
 #include "VEL_TN3270.h"
-#include "VEL_TimerManager.h"
 
 namespace {
 
+using frametest::CloseOf;
+using frametest::Encode;
+using frametest::Frame;
+using frametest::Oxl1;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using veltest::EventLog;
 using veltest::Recorder;
 
 constexpr unsigned long kMaxBody = 32 << 20;
@@ -111,19 +102,6 @@ std::string Text(std::size_t size, unsigned int seed) {
     return text;
 }
 
-std::unique_ptr<VEL_FrameCodec> Oxl1() {
-    return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxBody));
-}
-
-// The frame of `body` as `codec` encodes it.
-std::string Encode(VEL_FrameCodec& codec, const std::string& body) {
-    VEL_Message message;
-    EXPECT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
-    std::string frame;
-    EXPECT_EQ(codec.encode(&message, frame), kVELErr_Ok);
-    return frame;
-}
-
 // Reads frames from a raw descriptor and decodes them with a client codec.
 class FrameReader {
 public:
@@ -135,36 +113,16 @@ public:
     std::vector<std::string> read(std::size_t count, milliseconds limit = seconds(20)) {
         std::vector<std::string> bodies;
         const auto deadline = steady_clock::now() + limit;
-        while (bodies.size() < count) {
-            if (!decodeWaiting(&bodies, count)) {
-                return bodies;
-            }
-            if (bodies.size() >= count) {
-                break;
-            }
-            if (!fill(deadline)) {
-                return bodies;
-            }
+        while (decodeWaiting(&bodies, count) && bodies.size() < count && fill(deadline)) {
         }
         return bodies;
     }
     // The bodies of the next messages joined, once they hold `size` bytes (fewer when the
-    // stream ends, a frame is bad or `limit` passes).
-    std::string readBytes(std::size_t size, milliseconds limit = seconds(20)) {
+    // stream ends, a frame is bad or 20 s pass without a message).
+    std::string readBytes(std::size_t size) {
         std::string joined;
-        const auto deadline = steady_clock::now() + limit;
-        std::vector<std::string> bodies;
-        while (joined.size() < size) {
-            bodies.clear();
-            if (!decodeWaiting(&bodies, SIZE_MAX)) {
-                break;
-            }
-            for (const std::string& body : bodies) {
-                joined += body;
-            }
-            if (joined.size() < size && !fill(deadline)) {
-                break;
-            }
+        for (std::vector<std::string> next; joined.size() < size && !(next = read(1)).empty();) {
+            joined += next[0];
         }
         return joined;
     }
@@ -223,27 +181,8 @@ private:
     bool _ended = false;
 };
 
-// A running reactor of the back end under test and the process's timer manager. After each
-// test the reactor is stopped and cleaned (closing what is still open), and every socket,
-// descriptor and message buffer must be back.
-class FramedConnectionTest : public veltest::SocketLeakTest,
-                             public ::testing::WithParamInterface<veltest::ReactorFactory> {
+class FramedConnectionTest : public frametest::FramedReactorTest {
 protected:
-    void SetUp() override {
-        (void)VEL_TimerManager::GetInstance();  // its thread outlives the test
-        SocketLeakTest::SetUp();
-        _buffers = basis::BufferMgr::Default()->getOutstanding();
-        _reactor = GetParam()(256, basis::TimeValue(1, 0));
-        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
-        ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
-    }
-    void TearDown() override {
-        veltest::StopAndClean(*_reactor);
-        _reactor.reset();
-        EXPECT_EQ(basis::BufferMgr::Default()->getOutstanding(), _buffers) << "buffers leaked";
-        SocketLeakTest::TearDown();
-    }
-
     // A started connection on the server end of a fresh loopback pair; the client end (with
     // no-delay) goes to `client`.
     boost::shared_ptr<VEL_FramedConnection> serve(
@@ -262,10 +201,6 @@ protected:
         EXPECT_EQ(connection->start(), kVELErr_Ok);
         return connection;
     }
-
-    std::unique_ptr<VEL_IOReactor> _reactor;
-    EventLog _log;
-    unsigned long _buffers = 0;
 };
 
 // A thread playing a peer on `fd`. If the test ends early it is freed (its descriptor shut
@@ -314,11 +249,11 @@ TEST_P(FramedConnectionTest, EveryCodecEchoesFramesHoweverTheBytesArrive) {
             const auto n = static_cast<unsigned int>(bodies.size());
             bodies.push_back(tested.text ? Text(size, n) : veltest::Pattern(size, n));
         };
-        for (std::size_t size : {0, 1, 11, 12, 13, 1000, 70000, 300000}) {
-            add(size);
-        }
         for (unsigned int i = 0; i < 200; ++i) {
             add(1 + i * 7 % 1500);
+        }
+        for (std::size_t size : {0, 1, 11, 12, 13, 1000, 70000, 300000}) {  // the largest last
+            add(size);
         }
         const std::unique_ptr<VEL_FrameCodec> encoder = tested.client();
         std::string stream, sent;
@@ -348,6 +283,10 @@ TEST_P(FramedConnectionTest, EveryCodecEchoesFramesHoweverTheBytesArrive) {
         }
         reader.release();
         EXPECT_EQ(handler->queueFull.load(), 0u);
+        // Idle again, the connection gives back the storage of its largest body and output.
+        EXPECT_TRUE(
+                veltest::WaitFor([&] { return connection->heldBytes() <= 64u << 10; }, seconds(2)))
+                << connection->heldBytes();
         for (const std::string& event : _log.events()) {
             EXPECT_NE(event.compare(0, tag.size(), tag), 0) << "a send failed, or it closed";
         }
@@ -413,7 +352,7 @@ std::string Oxl1Header(std::uint32_t total, std::uint32_t check, std::uint16_t m
 }
 
 TEST_P(FramedConnectionTest, ABadPeerIsClosedWithItsReasonAndTheOthersAreServed) {
-    const std::string good = Encode(*Oxl1(), "fine");
+    const std::string good = Frame("fine");
     const std::vector<BadPeer> peers = {
             {"bad marker", Oxl1Header(20, ~20u, 33, '1') + "12345678", false,
              kVELErr_BadStreamHeader},
@@ -456,104 +395,43 @@ TEST_P(FramedConnectionTest, ABadPeerIsClosedWithItsReasonAndTheOthersAreServed)
     EXPECT_EQ(_log.events().size(), peers.size()) << "one close each, nothing else";
 }
 
-// Makes the connections of a VEL_FramedAcceptor: each echoes, with a Recorder tagged by the
-// peer's port ("peer <port>"); refusals and pauses are logged as "refused <reason>", "paused".
-class TestFactory : public VEL_ConnectionFactory {
-public:
-    TestFactory(EventLog& log, const VELFramedLimits_t& limits) : _log(log), _limits(limits) {}
-
-    boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
-        const std::string tag = "peer " + std::to_string(stream->getRemoteAddr().getPort());
-        auto connection =
-                VEL_FramedConnection::Create(reactor, std::move(stream), Oxl1(),
-                                             boost::make_shared<Recorder>(_log, tag), _limits);
-        ++made;
-        return connection;
-    }
-    void connectionRefused(const VEL_SockAddr& /*peer*/, VELErr_t reason) override {
-        _log.add("refused " + std::to_string(reason));
-    }
-    void acceptPaused(int /*err*/) override { _log.add("paused"); }
-
-    std::atomic<unsigned long> made{0};
-
-private:
-    EventLog& _log;
-    const VELFramedLimits_t _limits;
-};
-
-// The local port of a raw descriptor: the port its server sees as the peer's.
-unsigned short LocalPort(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
-std::string CloseOf(int fd, VELErr_t reason) {
-    return "peer " + std::to_string(LocalPort(fd)) + " close " + std::to_string(reason);
-}
-
-// Writes one byte of `frame` to each peer every 100 ms, cycling through the frame, until stopped
-// or the server has closed every one.
-class Dripper {
-public:
-    Dripper(const std::vector<veltest::RawFd>& peers, std::string frame)
-        : _thread([this, &peers, frame] {
-              for (std::size_t at = 0; !_stop.load(); at = (at + 1) % frame.size()) {
-                  for (const veltest::RawFd& peer : peers) {
-                      (void)::send(peer.get(), &frame[at], 1, MSG_NOSIGNAL);  // may be closed
-                  }
-                  std::unique_lock<std::mutex> hold(_lock);
-                  _changed.wait_for(hold, milliseconds(100), [this] { return _stop.load(); });
-              }
-          }) {}
-    ~Dripper() {
-        {
-            std::lock_guard<std::mutex> hold(_lock);
-            _stop = true;
-        }
-        _changed.notify_all();
-        _thread.join();
-    }
-
-private:
-    std::atomic<bool> _stop{false};
-    std::mutex _lock;
-    std::condition_variable _changed;
-    std::thread _thread;
-};
-
 // The listener's worst peers: three that stop in the middle of a frame, five that drip a frame
-// one byte at a time, one that sends a large frame and never reads the echo. A client that
+// one byte every 100 ms, one that sends a large frame and never reads the echo. A client that
 // connects after them all is served at once, before any of them reaches its deadline; then each
-// is closed for it.
+// is closed for it, no sooner than its deadline (less the timers' granularity) and within it
+// plus 2 s.
 TEST_P(FramedConnectionTest, BadPeersDoNotDelayAWellBehavedClient) {
     VELFramedLimits_t limits;
     limits.frameDeadline = 2;
     limits.outputDeadline = 2;
     limits.highWater = 64 << 10;
     limits.lowWater = 16 << 10;
-    auto factory = boost::make_shared<TestFactory>(_log, limits);
-    const auto acceptor =
-            VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"), factory);
-    ASSERT_EQ(acceptor->open(), kVELErr_Ok);
-    const unsigned short port = acceptor->getLocalAddr().getPort();
-    const std::string frame = Encode(*Oxl1(), veltest::Pattern(100, 1));
-
-    std::vector<veltest::RawFd> stalled, drippers;
+    auto factory = boost::make_shared<frametest::EchoFactory>(_log, limits);
+    _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"), factory);
+    ASSERT_EQ(_acceptor->open(), kVELErr_Ok);
+    const unsigned short port = _acceptor->getLocalAddr().getPort();
+    const std::string frame = Frame(veltest::Pattern(100, 1));
+    const auto started = steady_clock::now();
+    const auto until = [&started](milliseconds after) {
+        return std::chrono::duration_cast<milliseconds>(started + after - steady_clock::now());
+    };
+    std::vector<veltest::RawFd> bad;  // 0-2 stalled, 3-7 dripping, 8 deaf
+    for (int i = 0; i < 9; ++i) {
+        bad.push_back(veltest::RawConnect(port));
+    }
     for (int i = 0; i < 3; ++i) {
-        stalled.push_back(veltest::RawConnect(port));
-        ASSERT_TRUE(veltest::WriteAll(stalled.back().get(), frame.substr(0, 13)));
+        ASSERT_TRUE(veltest::WriteAll(bad[i].get(), frame.substr(0, 13)));
     }
-    for (int i = 0; i < 5; ++i) {
-        drippers.push_back(veltest::RawConnect(port));
-    }
-    const Dripper dripper(drippers, frame);
-    veltest::RawFd deaf = veltest::RawConnect(port);
-    PeerThread deafWriter(deaf.get(), [&deaf] {
-        (void)veltest::WriteAll(deaf.get(), Encode(*Oxl1(), veltest::Pattern(4 << 20, 2)));
+    std::size_t at = 0;
+    const veltest::Paced dripping(milliseconds(100), seconds(10), [&bad, &frame, &at] {
+        for (int i = 3; i < 8; ++i) {
+            (void)::send(bad[i].get(), &frame[at], 1, MSG_NOSIGNAL);  // may be closed
+        }
+        at = (at + 1) % frame.size();
+        return true;
+    });
+    PeerThread deafWriter(bad[8].get(), [&bad] {
+        (void)veltest::WriteAll(bad[8].get(), Frame(veltest::Pattern(4 << 20, 2)));
     });
     ASSERT_TRUE(veltest::WaitFor([&] { return factory->made.load() == 9; }));
 
@@ -561,28 +439,20 @@ TEST_P(FramedConnectionTest, BadPeersDoNotDelayAWellBehavedClient) {
     FrameReader reader(good.get(), Oxl1());
     for (int i = 0; i < 20; ++i) {
         const std::string body = "round trip " + std::to_string(i);
-        ASSERT_TRUE(veltest::WriteAll(good.get(), Encode(*Oxl1(), body)));
+        ASSERT_TRUE(veltest::WriteAll(good.get(), Frame(body)));
         ASSERT_EQ(reader.read(1), std::vector<std::string>{body});
     }
     _log.add("good client served");
-
-    std::vector<int> bad;
-    for (const auto* group : {&stalled, &drippers}) {
-        for (const veltest::RawFd& peer : *group) {
-            bad.push_back(peer.get());
-        }
-    }
-    bad.push_back(deaf.get());
-    (void)veltest::WaitFor(
-            [&] {
-                return std::all_of(bad.begin(), bad.end(), [&](int fd) {
-                    return _log.count(CloseOf(fd, kVELErr_Timeout)) == 1;
-                });
-            },
-            seconds(8));
-    for (int fd : bad) {
-        EXPECT_EQ(_log.count(CloseOf(fd, kVELErr_Timeout)), 1u)
-                << "peer " << LocalPort(fd) << " was not closed for its deadline";
+    const auto closed = [this](const veltest::RawFd& peer) {
+        return _log.count(CloseOf(peer.get(), kVELErr_Timeout)) == 1;
+    };
+    EXPECT_FALSE(veltest::WaitFor([this] { return _log.events().size() > 1; },
+                                  until(milliseconds(1750))))
+            << "closed before its deadline";
+    (void)veltest::WaitFor([&] { return std::all_of(bad.begin(), bad.end(), closed); },
+                           until(seconds(4)));
+    for (std::size_t i = 0; i < bad.size(); ++i) {
+        EXPECT_TRUE(closed(bad[i])) << "peer " << i << " was not closed for its deadline";
     }
     deafWriter.join();
     const std::vector<std::string> events = _log.events();
@@ -590,7 +460,7 @@ TEST_P(FramedConnectionTest, BadPeersDoNotDelayAWellBehavedClient) {
     for (auto event = events.begin(); event != served; ++event) {
         ADD_FAILURE() << "before the good client was served: " << *event;
     }
-    EXPECT_EQ(good.get() >= 0 && factory->made.load() == 10, true);
+    EXPECT_EQ(factory->made.load(), 10u);
 }
 
 // A peer that sends without reading: once pending output reaches the high-water mark the
@@ -616,7 +486,7 @@ TEST_P(FramedConnectionTest, BackPressureStopsReadingUntilThePeerReads) {
     PeerThread writer(fd, [&] {
         writerTid = veltest::CurrentTid();
         for (const std::string& body : bodies) {
-            ASSERT_TRUE(veltest::WriteAll(fd, Encode(*Oxl1(), body)));
+            ASSERT_TRUE(veltest::WriteAll(fd, Frame(body)));
         }
     });
     ASSERT_TRUE(veltest::WaitFor([&] { return writerTid.load() != 0; }));
@@ -690,7 +560,7 @@ TEST_P(FramedConnectionTest, InputHeldByTheStreamIsReadWithoutTheDescriptor) {
     std::vector<std::string> bodies;
     for (unsigned int i = 0; i < 256; ++i) {
         bodies.push_back(veltest::Pattern(8 << 10, i));
-        frames += Encode(*Oxl1(), bodies.back());
+        frames += Frame(bodies.back());
     }
     VELFramedLimits_t budget;
     budget.readBudget = 1;  // one read per dispatch
@@ -722,8 +592,10 @@ TEST_P(FramedConnectionTest, InputHeldByTheStreamIsReadWithoutTheDescriptor) {
     }
 }
 
-// Each time limit closes the connection with kVELErr_Timeout, no sooner than the limit (less the
-// timers' granularity) and within it plus 2 s; a peer that keeps the traffic going is not closed.
+// The output deadline and the idle time-out close the connection with kVELErr_Timeout, no sooner
+// than the limit (less the timers' granularity) and within it plus 2 s (the frame deadline closes
+// the bad peers of BadPeersDoNotDelayAWellBehavedClient); a peer that keeps the traffic going is
+// not closed.
 struct LimitCase {
     const char* name;
     unsigned long frameDeadline, outputDeadline, idleTimeout;
@@ -733,24 +605,10 @@ struct LimitCase {
 };
 
 TEST_P(FramedConnectionTest, TimeLimitsCloseWithTimeout) {
-    const std::string frame = Encode(*Oxl1(), veltest::Pattern(100, 3));
+    const std::string frame = Frame(veltest::Pattern(100, 3));
     const std::vector<LimitCase> cases = {
-            {"frame stalls", 1, 0, 0,
-             [&](int fd) { ASSERT_TRUE(veltest::WriteAll(fd, frame.substr(0, 13))); }, true},
-            {"frame drips", 1, 0, 0,
-             [&](int fd) {
-                 for (std::size_t i = 0; i < 25; ++i) {
-                     if (!veltest::WriteAll(fd, frame.substr(i, 1))) {
-                         return;  // closed
-                     }
-                     std::this_thread::sleep_for(milliseconds(100));
-                 }
-             },
-             true},
             {"output stalls", 0, 1, 0,
-             [&](int fd) {
-                 (void)veltest::WriteAll(fd, Encode(*Oxl1(), veltest::Pattern(4 << 20, 4)));
-             },
+             [&](int fd) { (void)veltest::WriteAll(fd, Frame(veltest::Pattern(4 << 20, 4))); },
              true},
             {"silence", 0, 0, 1, [](int /*fd*/) {}, true},
             {"steady traffic", 1, 1, 1,
@@ -850,9 +708,8 @@ TEST_P(FramedConnectionTest, ClosingRunsOnCloseOnceWhateverClosesIt) {
     };
     std::unique_ptr<VEL_TCPSocket> client;
     auto connection = serve(fromCallback, &client);
-    ASSERT_TRUE(veltest::WriteAll(
-            veltest::Fd(*client),
-            Encode(*Oxl1(), "one") + Encode(*Oxl1(), "close") + Encode(*Oxl1(), "three")));
+    ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client),
+                                  Frame("one") + Frame("close") + Frame("three")));
     FrameReader reader(veltest::Fd(*client), Oxl1());
     EXPECT_EQ(reader.read(1), std::vector<std::string>{"one"});
     EXPECT_TRUE(reader.ended());
@@ -885,54 +742,30 @@ TEST_P(FramedConnectionTest, ClosingRunsOnCloseOnceWhateverClosesIt) {
     EXPECT_EQ(_log.events().size(), 3u) << "one close each; none for the connection never started";
 }
 
-// The memory figure of a server's idle connections: after a 16 MiB message went through, the
-// connection gives back its large body and output storage.
-TEST_P(FramedConnectionTest, AnIdleConnectionHoldsNoLargeBufferAfterA16MiBEcho) {
-    auto handler = boost::make_shared<Recorder>(_log, "x");
-    std::unique_ptr<VEL_TCPSocket> client;
-    const auto connection = serve(handler, &client);
-    const std::string body = veltest::Pattern(16 << 20, 5);
-    PeerThread writer(veltest::Fd(*client), [&] {
-        ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*client), Encode(*Oxl1(), body)));
-    });
-    FrameReader reader(veltest::Fd(*client), Oxl1());
-    const std::vector<std::string> echoed = reader.read(1);
-    writer.join();
-    ASSERT_EQ(echoed.size(), 1u);
-    EXPECT_TRUE(echoed[0] == body);
-    ASSERT_TRUE(veltest::WaitFor([&] { return connection->pendingOutput() == 0; }));
-    EXPECT_LE(connection->heldBytes(), 64u << 10);
-}
-
 // The acceptor takes every connection that comes; those beyond the reactor's size are closed at
 // once and reported as refused, and the others are served.
 TEST_P(FramedConnectionTest, TheAcceptorRefusesConnectionsBeyondTheReactorSize) {
-    std::unique_ptr<VEL_IOReactor> reactor = GetParam()(8, basis::TimeValue(1, 0));
-    ASSERT_EQ(reactor->init(), kVELErr_Ok);
-    ASSERT_EQ(reactor->open(), basis::kErr_Ok);
-    auto factory = boost::make_shared<TestFactory>(_log, VELFramedLimits_t());
-    auto acceptor = VEL_FramedAcceptor::Create(*reactor, VEL_SockAddr(0, "127.0.0.1"), factory);
-    ASSERT_EQ(acceptor->open(), kVELErr_Ok);
+    ASSERT_EQ(_reactor->setSize(8), kVELErr_Ok);
+    _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"),
+                                           boost::make_shared<frametest::EchoFactory>(_log));
+    ASSERT_EQ(_acceptor->open(), kVELErr_Ok);
     std::vector<veltest::RawFd> clients;
     for (int i = 0; i < 10; ++i) {
-        clients.push_back(veltest::RawConnect(acceptor->getLocalAddr().getPort()));
+        clients.push_back(veltest::RawConnect(_acceptor->getLocalAddr().getPort()));
     }
     ASSERT_TRUE(veltest::WaitFor(
-            [&] { return acceptor->getAccepted() + acceptor->getRefused() == 10; }));
-    EXPECT_EQ(acceptor->getAccepted(), 6u);  // 8 less the wake-up socket and the acceptor
+            [&] { return _acceptor->getAccepted() + _acceptor->getRefused() == 10; }));
+    EXPECT_EQ(_acceptor->getAccepted(), 6u);  // 8 less the wake-up socket and the acceptor
     EXPECT_EQ(_log.count("refused " + std::to_string(kVELErr_ReactorFull)), 4u);
     int served = 0;
     for (const veltest::RawFd& client : clients) {
         FrameReader reader(client.get(), Oxl1());
-        ASSERT_TRUE(veltest::WriteAll(client.get(), Encode(*Oxl1(), "hi")));
+        ASSERT_TRUE(veltest::WriteAll(client.get(), Frame("hi")));
         const std::vector<std::string> reply = reader.read(1, seconds(2));
         served += reply.size() == 1 ? 1 : 0;
         EXPECT_TRUE(reply.size() == 1 || reader.ended()) << "a refused peer was kept";
     }
     EXPECT_EQ(served, 6);
-    EXPECT_EQ(acceptor->close(), kVELErr_Ok);
-    acceptor.reset();
-    veltest::StopAndClean(*reactor);
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, FramedConnectionTest,

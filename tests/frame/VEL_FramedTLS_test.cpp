@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -15,111 +13,47 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include "BufferMgr.h"
-#include "FramedSupport.h"
+#include "FramedTestSupport.h"
 #include "MemorySocket.h"
-#include "ReactorSupport.h"
-#include "SocketSupport.h"
 #include "TLSSupport.h"
 #include "TestSupport.h"
-#include "VEL_FrameCodec.h"
-#include "VEL_FramedAcceptor.h"
-#include "VEL_FramedConnection.h"
-#include "VEL_IOReactor.h"
-#include "VEL_Message.h"
-#include "VEL_OXLv1.h"
 #include "VEL_TCPConnector.h"
 #include "VEL_TCPSocket.h"
 #include "VEL_TLSByteStream.h"
 #include "VEL_TLSConnector.h"
 #include "VEL_TLSContext.h"
 #include "VEL_TLSSocket.h"
-#include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
 namespace {
 
+using frametest::CloseOf;
+using frametest::Frame;
+using frametest::LocalPort;
+using frametest::Oxl1;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using veltest::EventLog;
 using veltest::Recorder;
 using veltest::TLSFiles;
 
 constexpr unsigned long kMaxBody = 4 << 20;
 
-std::unique_ptr<VEL_FrameCodec> Oxl1() {
-    return std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(kMaxBody));
-}
-
-std::string Frame(const std::string& body) {
-    VEL_Message message;
-    EXPECT_EQ(message.setData(body.data(), body.size()), kVELErr_Ok);
-    std::string frame;
-    EXPECT_EQ(VEL_OXLv1Codec(kMaxBody).encode(&message, frame), kVELErr_Ok);
-    return frame;
-}
-
-// The local port of a descriptor: the port its server sees as the peer's.
-unsigned short LocalPort(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
-// The event of the server's connection to the client at `port` closing for `reason`.
-std::string CloseOf(unsigned short port, VELErr_t reason) {
-    return "peer " + std::to_string(port) + " close " + std::to_string(reason);
-}
-
-// The server side: every connection echoes, with a Recorder tagged "peer <client port>".
-class EchoFactory : public VEL_ConnectionFactory {
-public:
-    EchoFactory(EventLog& log, const VELFramedLimits_t& limits) : _log(log), _limits(limits) {}
-
-    boost::shared_ptr<VEL_FramedConnection> makeConnection(
-            VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
-        const std::string tag = "peer " + std::to_string(stream->getRemoteAddr().getPort());
-        return VEL_FramedConnection::Create(reactor, std::move(stream), Oxl1(),
-                                            boost::make_shared<Recorder>(_log, tag), _limits);
-    }
-    void connectionRefused(const VEL_SockAddr& /*peer*/, VELErr_t reason) override {
-        _log.add("refused " + std::to_string(reason));
-    }
-
-private:
-    EventLog& _log;
-    const VELFramedLimits_t _limits;
-};
-
 // A TLS echo server on a running reactor of the back end under test, and blocking TLS clients.
 // After each test the reactor is stopped and cleaned, and every socket, descriptor and message
 // buffer must be back.
-class FramedTLSTest : public veltest::SocketLeakTest,
-                      public ::testing::WithParamInterface<veltest::ReactorFactory> {
+class FramedTLSTest : public frametest::FramedReactorTest {
 protected:
     void SetUp() override {
-        (void)VEL_TimerManager::GetInstance();  // its thread outlives the test
-        SocketLeakTest::SetUp();
         ASSERT_TRUE(TLSFiles::Get().made);
-        _buffers = basis::BufferMgr::Default()->getOutstanding();
-        _reactor = GetParam()(256, basis::TimeValue(1, 0));
-        ASSERT_EQ(_reactor->init(), kVELErr_Ok);
-        ASSERT_EQ(_reactor->open(), basis::kErr_Ok);
-    }
-    void TearDown() override {
-        veltest::StopAndClean(*_reactor);
-        _acceptor.reset();
-        _reactor.reset();
-        EXPECT_EQ(basis::BufferMgr::Default()->getOutstanding(), _buffers) << "buffers leaked";
-        SocketLeakTest::TearDown();
+        FramedReactorTest::SetUp();
     }
 
     // Starts the TLS echo server; its port.
     unsigned short listen(const VELFramedLimits_t& limits = VELFramedLimits_t()) {
-        _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"),
-                                               boost::make_shared<EchoFactory>(_log, limits));
+        _acceptor = VEL_FramedAcceptor::Create(
+                *_reactor, VEL_SockAddr(0, "127.0.0.1"),
+                boost::make_shared<frametest::EchoFactory>(_log, limits));
         EXPECT_EQ(_acceptor->useTLS(veltest::ServerContext()), kVELErr_Ok);
         EXPECT_EQ(_acceptor->open(), kVELErr_Ok);
         return _acceptor->getLocalAddr().getPort();
@@ -146,11 +80,6 @@ protected:
         }
         return message.data() == nullptr ? "" : std::string(message.data(), message.size());
     }
-
-    std::unique_ptr<VEL_IOReactor> _reactor;
-    boost::shared_ptr<VEL_FramedAcceptor> _acceptor;
-    EventLog _log;
-    unsigned long _buffers = 0;
 };
 
 // Holds the reactor thread in a call-back until released, so that a peer's bytes pile up on the
@@ -321,10 +250,10 @@ TEST_P(FramedTLSTest, StalledTLSPeersHoldNobodyElse) {
     std::vector<std::string> closes;
     for (const auto* group : {&silent, &halfHello}) {
         for (const veltest::RawFd& peer : *group) {
-            closes.push_back(CloseOf(LocalPort(peer.get()), kVELErr_Timeout));
+            closes.push_back(CloseOf(peer.get(), kVELErr_Timeout));
         }
     }
-    closes.push_back(CloseOf(LocalPort(veltest::Fd(*halfFrame)), kVELErr_Timeout));
+    closes.push_back(CloseOf(veltest::Fd(*halfFrame), kVELErr_Timeout));
     (void)veltest::WaitFor(
             [&] {
                 return std::all_of(closes.begin(), closes.end(),
@@ -409,7 +338,8 @@ TEST_P(FramedTLSTest, FailedHandshakesAndEndsCloseWithTheirStatus) {
         veltest::ScopedSink installed(&sink);
         std::unique_ptr<VEL_TLSSocket> kept;
         veltest::RawFd raw;
-        const std::string close = CloseOf(tested.peer(port, &kept, &raw), tested.reason);
+        const std::string close =
+                frametest::PeerClose(tested.peer(port, &kept, &raw), tested.reason);
         EXPECT_TRUE(_log.waitCount(close, 1)) << close;
         const std::string text = VEL_Tools::GetErrStr(tested.reason);
         EXPECT_TRUE(sink.contains("FRAME - " + text.substr(0, text.rfind(" {"))));

@@ -20,25 +20,16 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include "FramedSupport.h"
-#include "ReactorSupport.h"
-#include "SocketSupport.h"
+#include "FramedTestSupport.h"
 #include "TLSSupport.h"
 #include "TestSupport.h"
-#include "VEL_ByteStream.h"
-#include "VEL_FrameCodec.h"
-#include "VEL_FramedAcceptor.h"
-#include "VEL_FramedConnection.h"
 #include "VEL_HOLM.h"
-#include "VEL_Message.h"
-#include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
 #include "VEL_TCPAcceptor.h"
 #include "VEL_TCPPipe.h"
 #include "VEL_TLSContext.h"
 #include "VEL_TLSSocket.h"
 #include "VEL_TN3270.h"
-#include "VEL_TimerManager.h"
 #include "VEL_Tools.h"
 
 namespace {
@@ -636,7 +627,7 @@ public:
         EXPECT_EQ(_reactor->init(), kVELErr_Ok);
         EXPECT_EQ(_reactor->open(), basis::kErr_Ok);
         _acceptor = VEL_FramedAcceptor::Create(*_reactor, VEL_SockAddr(0, "127.0.0.1"),
-                                               boost::make_shared<Factory>(_log));
+                                               boost::make_shared<frametest::EchoFactory>(_log));
         EXPECT_EQ(_acceptor->useTLS(veltest::ServerContext()), kVELErr_Ok);
         EXPECT_EQ(_acceptor->open(), kVELErr_Ok);
     }
@@ -647,21 +638,6 @@ public:
     unsigned short port() const { return _acceptor->getLocalAddr().getPort(); }
 
 private:
-    class Factory : public VEL_ConnectionFactory {
-    public:
-        explicit Factory(veltest::EventLog& log) : _log(log) {}
-        boost::shared_ptr<VEL_FramedConnection> makeConnection(
-                VEL_IOReactor& reactor, std::unique_ptr<VEL_ByteStream> stream) override {
-            return VEL_FramedConnection::Create(
-                    reactor, std::move(stream),
-                    std::unique_ptr<VEL_FrameCodec>(new VEL_OXLv1Codec(1 << 20)),
-                    boost::make_shared<veltest::Recorder>(_log, "echo"));
-        }
-
-    private:
-        veltest::EventLog& _log;
-    };
-
     veltest::EventLog _log;
     std::unique_ptr<VEL_IOReactor> _reactor;
     boost::shared_ptr<VEL_FramedAcceptor> _acceptor;
