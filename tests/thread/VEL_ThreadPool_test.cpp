@@ -116,23 +116,6 @@ protected:
     std::unique_ptr<VEL_ThreadPool> pool;  // destroyed first
 };
 
-TEST_F(BusyPoolTest, StopReleasesAProducerBlockedOnAFullQueue) {
-    occupy(1);
-    RecordingItem queued(journal, 1);
-    RecordingItem refused(journal, 2);
-    ASSERT_EQ(pool->exec(&queued), kVELErr_Ok);  // fills the queue of one
-    std::future<VELErr_t> blocked =
-            std::async(std::launch::async, [&] { return pool->exec(&refused); });
-    EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_EQ(pool->stop(), kVELErr_Ok);
-    ASSERT_EQ(blocked.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(blocked.get(), kVELErr_QueueNotActive);
-    release();
-    EXPECT_EQ(pool->wait(), basis::kErr_Ok);
-    EXPECT_EQ(journal.ranCount(), 0u);  // the worker ended after its current item
-    EXPECT_EQ(pool->getNbElement(), 1u);
-}
-
 TEST_F(BusyPoolTest, CleanDeletesWhatAStoppedPoolLeftWithoutRunningIt) {
     occupy(8);
     for (int id = 1; id <= 3; ++id) {
