@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -21,12 +23,37 @@ using std::chrono::milliseconds;
 
 const basis::TimeValue kDefault;  // zero: the reactor's inactivity time-out
 
+// A hook answering true (T) or false (F), or throwing std::runtime_error (R), std::bad_alloc (A)
+// or an int (I).
+std::function<bool()> answer(char result) {
+    return [result]() -> bool {
+        switch (result) {
+            case 'R':
+                throw std::runtime_error("boom");
+            case 'A':
+                throw std::bad_alloc();
+            case 'I':
+                throw 42;
+            default:
+                return result == 'T';
+        }
+    };
+}
+
 // The core over the in-memory back end, driven from the test thread.
 class ReactorCoreTest : public ::testing::Test {
 protected:
     void SetUp() override { _reactor.start(); }
     VELErr_t add(const boost::shared_ptr<VEL_EventHandler>& handler, unsigned short ops = 1) {
         return _reactor.addEventHandler(handler, kDefault, ops);
+    }
+    // Registers `handler` (handle 5), reports `ops` ready for it and dispatches once.
+    VELErr_t dispatch(const boost::shared_ptr<ScriptedHandler>& handler, unsigned short ops) {
+        EXPECT_EQ(add(handler), kVELErr_Ok);
+        EXPECT_EQ(_reactor.processEvents(), kVELErr_Ok);
+        _reactor.script(5, ops);
+        EXPECT_EQ(_reactor.waitEvents(), kVELErr_Ok);
+        return _reactor.processEvents();
     }
 
     veltest::FakeIOReactor _reactor{4};
@@ -259,6 +286,78 @@ TEST_F(ReactorCoreTest, CleanClosesEveryHandlerOnceAndLetsThemGo) {
               (Calls{"add 5 1", "add 6 1", "add 7 1", "remove 6", "remove 7", "remove 5"}));
     EXPECT_EQ(_reactor.getNbElement(), 0u);
     EXPECT_EQ(_h5.use_count() + _h6.use_count() + _h7.use_count(), 3);
+}
+
+TEST_F(ReactorCoreTest, DispatchOrderAndFailedCallBacks) {
+    struct Row {
+        unsigned short ready;
+        const char* answers;  // of handleInput, handleOutput, handleInactivity, handleClose
+        const char* calls;
+        VELErr_t status;
+        const char* trace;
+    };
+    const Row rows[] = {
+            {15, "TTTT", "in out ito close", kVELErr_Ok, ""},
+            {3, "FTTT", "in close out", kVELErr_Ok, ""},
+            {1, "FTTF", "in close", kVELErr_UserCode,
+             "An error occurred in user implemented code {"},
+            {8, "TTTF", "close", kVELErr_UserCode, "} ; <FD = 5>"},
+            {6, "TRTT", "out close ito", kVELErr_Ok, "FRAME - A STL exception has been caught {"},
+            {4, "TTAT", "ito close", kVELErr_Ok, "FRAME - Allocation of data failed {"},
+            {1, "ITTF", "in close", kVELErr_UserCode,
+             "FRAME - An unknown exception has been caught"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.answers);
+        veltest::RecordingSink sink(kVELTrace_FrameError);
+        veltest::ScopedSink installed(&sink);
+        const boost::shared_ptr<ScriptedHandler> handler = ScriptedHandler::Make(5);
+        handler->onInput = answer(row.answers[0]);
+        handler->onOutput = answer(row.answers[1]);
+        handler->onInactivity = answer(row.answers[2]);
+        handler->onClose = answer(row.answers[3]);
+        EXPECT_EQ(dispatch(handler, row.ready), row.status);
+        std::string calls;
+        for (const std::string& call : handler->calls()) {
+            calls += (calls.empty() ? "" : " ") + call;
+        }
+        EXPECT_EQ(calls, row.calls);
+        EXPECT_EQ(sink.texts().empty(), *row.trace == '\0');
+        EXPECT_TRUE(*row.trace == '\0' || sink.contains(row.trace));
+        EXPECT_EQ(_reactor.removeEventHandler(handler), kVELErr_Ok);
+        EXPECT_EQ(_reactor.processEvents(), kVELErr_Ok);
+    }
+}
+
+TEST_F(ReactorCoreTest, OwnCallBackChangesAndRemovalsTakeEffectAtOnce) {
+    _h5->onInput = [this] {
+        EXPECT_EQ(_reactor.addEventHandler(_h5, basis::TimeValue(), 1), kVELErr_FdRegistered);
+        EXPECT_EQ(_reactor.changeEventHandlerOps(_h5, 3), kVELErr_Ok);
+        EXPECT_EQ(_reactor.changeEventHandlerOps(_h5, 3), kVELErr_Ok);  // no back-end call
+        EXPECT_EQ(_reactor.changeEventHandlerOps(_h5, 1), kVELErr_Ok);  // the mask was kept
+        EXPECT_EQ(_reactor.removeEventHandler(_h5), kVELErr_Ok);
+        EXPECT_EQ(_reactor.removeEventHandler(_h5), kVELErr_Ok);  // already removed
+        EXPECT_EQ(_reactor.changeEventHandlerOps(_h5, 2), kVELErr_HandlerNotRegistered);
+        EXPECT_EQ(_reactor.backEndCalls().back(), "remove 5");  // before the call-back returns
+        return true;
+    };
+    EXPECT_EQ(dispatch(_h5, kVELOp_Read | kVELOp_Write | kVELOp_Close), kVELErr_Ok);
+    EXPECT_EQ(_h5->calls(), Calls{"in"});  // removed: output and close are not called
+    EXPECT_EQ(_h5.use_count(), 1);         // let go by the modification pass
+    EXPECT_EQ(_reactor.getNbElement(), 0u);
+
+    // Removed and registered again from the same call-back: the entry is taken again.
+    _h5->onInput = [this] {
+        EXPECT_EQ(_reactor.removeEventHandler(_h5), kVELErr_Ok);
+        EXPECT_EQ(_reactor.addEventHandler(_h5, basis::TimeValue(), 2), kVELErr_Ok);
+        return true;
+    };
+    EXPECT_EQ(dispatch(_h5, kVELOp_Read | kVELOp_Write), kVELErr_Ok);
+    EXPECT_EQ(_h5->calls(), (Calls{"in", "in"}));
+    EXPECT_EQ(_reactor.backEndCalls(), (Calls{"add 5 1", "change 5 3", "change 5 1", "remove 5",
+                                              "add 5 1", "remove 5", "add 5 2"}));
+    EXPECT_EQ(_reactor.getNbElement(), 1u);
+    EXPECT_EQ(_reactor.wakeUps(), 2);  // the test's own registrations only
 }
 
 }  // namespace
