@@ -190,36 +190,6 @@ TEST_F(TLSSocketTest, EveryFramingRunsOverTLSNothingTravelsInClearAndNothingChan
     EXPECT_EQ(client->recv(buf, sizeof(buf)), kVELErr_TLSProtocol);
 }
 
-TEST_F(TLSSocketTest, InputAlreadyDecryptedCountsAsWaitingThoughTheDescriptorHasNone) {
-    TLSSocketPair pair = veltest::MakeTLSSocketPair();
-    ASSERT_TRUE(pair.client && pair.server);
-    // Two frames in one send, so in one record: reading the first decrypts both.
-    const std::string frames = veltest::Hex("00000011 FFFFFFEE 0020 31 00") + "first" +
-                               veltest::Hex("00000012 FFFFFFED 0020 31 00") + "second";
-    ASSERT_EQ(pair.server->send(frames.data(), static_cast<unsigned int>(frames.size())),
-              kVELErr_Ok);
-    VEL_OXLv1 transport(pair.client.get(), 1024);
-    VEL_Message message;
-    ASSERT_EQ(transport.recvMessage(&message), kVELErr_Ok);
-    EXPECT_EQ(bodyOf(message), "first");
-    pollfd descriptor{Fd(*pair.client), POLLIN, 0};
-    ASSERT_EQ(::poll(&descriptor, 1, 0), 0) << "the second frame should sit inside the session";
-    const basis::TimeValue none(0, 0);
-    EXPECT_EQ(pair.client->waitForRead(&none), kVELErr_Ok);
-    EXPECT_EQ(pair.client->hasRecv(), kVELErr_Ok);
-    char rest[32] = {};
-    unsigned int length = sizeof(rest);
-    EXPECT_EQ(pair.client->recvAvail(rest, &length), kVELErr_Incomplete);
-    EXPECT_EQ(std::string(rest, length), frames.substr(17));
-    // Now nothing is left anywhere.
-    EXPECT_EQ(pair.client->hasRecv(), kVELErr_Timeout);
-    const basis::TimeValue brief(0, 100000);
-    EXPECT_EQ(pair.client->waitForRead(&brief), kVELErr_Timeout);
-    length = sizeof(rest);
-    EXPECT_EQ(pair.client->recvAvail(rest, &length), kVELErr_Incomplete);
-    EXPECT_EQ(length, 0u);
-}
-
 TEST_F(TLSSocketTest, CloseSendsCloseNotifyWhileACutConnectionReadsAsTruncated) {
     veltest::RecordingSink sink(kVELTrace_Error);
     veltest::ScopedSink installed(&sink);
