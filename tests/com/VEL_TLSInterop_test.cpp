@@ -40,10 +40,6 @@ protected:
     veltest::ScopedSink installed{&sink};
 };
 
-std::string bodyOf(const VEL_Message& message) {
-    return std::string(message.data(), message.size());
-}
-
 // Accepts one connection on `acceptor` and exchanges a frame each way with s_client.
 void exchangeWithOpensslClient(VEL_TLSAcceptor& acceptor) {
     const std::unique_ptr<ChildProcess> peer =
@@ -56,7 +52,7 @@ void exchangeWithOpensslClient(VEL_TLSAcceptor& acceptor) {
     ASSERT_TRUE(peer->write(kOpensslFrame));
     VEL_Message message;
     ASSERT_EQ(transport.recvMessage(&message), kVELErr_Ok);
-    EXPECT_EQ(bodyOf(message), "from openssl");
+    EXPECT_EQ(veltest::Body(message), "from openssl");
     ASSERT_EQ(message.setData("from vel", 8), kVELErr_Ok);
     ASSERT_EQ(transport.sendMessage(&message), kVELErr_Ok);
     EXPECT_TRUE(peer->waitForOutput(kVelFrame)) << peer->output();

@@ -118,10 +118,6 @@ struct Framing {
     std::function<std::unique_ptr<VEL_Transport>(VEL_Socket*)> make;
 };
 
-std::string bodyOf(const VEL_Message& message) {
-    return std::string(message.data(), message.size());
-}
-
 // Receives one message, waiting first for a framing that only takes what is there (TN3270).
 VELErr_t receive(VEL_Transport& transport, VEL_Socket& socket, VEL_Message& message) {
     const basis::TimeValue limit(10, 0);
@@ -171,11 +167,11 @@ TEST_F(TLSSocketTest, EveryFramingRunsOverTLSNothingTravelsInClearAndNothingChan
         ASSERT_EQ(out.setData(question.data(), question.size()), kVELErr_Ok);
         ASSERT_EQ(near->sendMessage(&out), kVELErr_Ok);
         ASSERT_EQ(receive(*far, *server, in), kVELErr_Ok);
-        EXPECT_EQ(bodyOf(in), question);
+        EXPECT_EQ(veltest::Body(in), question);
         ASSERT_EQ(out.setData(answer.data(), answer.size()), kVELErr_Ok);
         ASSERT_EQ(far->sendMessage(&out), kVELErr_Ok);
         ASSERT_EQ(receive(*near, *client, in), kVELErr_Ok);
-        EXPECT_EQ(bodyOf(in), answer);
+        EXPECT_EQ(veltest::Body(in), answer);
     }
     const std::string wire = relay.captured();
     ASSERT_GT(wire.size(), secrets.size());
