@@ -1,5 +1,6 @@
 #include "VEL_Transport.h"
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "MemorySocket.h"
 #include "TestSupport.h"
+#include "VEL_HOLM.h"
 #include "VEL_Message.h"
 #include "VEL_OXLv1.h"
 #include "VEL_OXLv2.h"
@@ -24,6 +26,7 @@ using Factory = std::function<std::unique_ptr<VEL_Transport>(VEL_Socket*)>;
 const Factory kOXLv1 = [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, 100); };
 const Factory kOXLv2 = [](VEL_Socket* s) { return std::make_unique<VEL_OXLv2>(s, 100); };
 const Factory kOXLv5 = [](VEL_Socket* s) { return std::make_unique<VEL_OXLv5>(s); };
+const Factory kHOLM = [](VEL_Socket* s) { return std::make_unique<VEL_HOLM>(s, 100); };
 const Factory kTN3270 = [](VEL_Socket* s) { return std::make_unique<VEL_TN3270>(s); };
 
 // Frames built by hand, and the message each carries.
@@ -123,6 +126,11 @@ TEST_F(TransportTest, FailedReceivesAreTracedWithTheirHeaderDump) {
             {"OXLv2 not a zlib stream", kOXLv2, veltest::CompressedOXLv2("", 5, "hello"),
              kVELErr_Uncompression, 10, " ; Error receiving an OXLv2 message",
              " ; Received header :", "00000019 FFFFFFE6 00043243", 12, 5},
+            {"HOLM version", kHOLM,
+             veltest::WithHOLMCheck(
+                     Hex("484F 0101 0000001C 00000000 0000 0000 00000000 000000 0000000000")),
+             kVELErr_BadStreamHeader, 8, " ; Error encountered while receiving H-OLM header",
+             " ; Received header:", "484F0101 0000001C 00000000 49520000", 28, 0},
             {"OXLv5 cut in the body", kOXLv5, Hex("0005") + "hel", kVELErr_SockHalfClosed, 6,
              " ; Error encountered while receiving OXLv5 message", " ; Received header:", "0005 ",
              2, 0},
@@ -132,6 +140,7 @@ TEST_F(TransportTest, FailedReceivesAreTracedWithTheirHeaderDump) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
+        const std::string format(c.what, std::strchr(c.what, ' '));
         veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
         veltest::ScopedSink installed(&sink);
         veltest::MemorySocket socket;
@@ -145,7 +154,7 @@ TEST_F(TransportTest, FailedReceivesAreTracedWithTheirHeaderDump) {
         EXPECT_EQ(texts.back(), status);
         for (const veltest::RecordingSink::Line& line : sink.lines()) {
             EXPECT_EQ(line.level, kVELLevel_Error);
-            EXPECT_EQ(line.file, "VEL_" + std::string(c.what, 5) + ".cpp");
+            EXPECT_EQ(line.file, "VEL_" + format + ".cpp");
         }
         if (c.first == nullptr) {
             continue;
