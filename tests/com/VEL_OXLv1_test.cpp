@@ -46,17 +46,4 @@ TEST_F(OXLv1Test, EverySingleBitErrorInTheCheckedHeaderIsRefused) {
     }
 }
 
-// Without a maximum to stop it, a total below the header size must not wrap around to a huge
-// body (the other limits are checked against the codec in VEL_FrameCodec_test).
-TEST_F(OXLv1Test, TotalBelowTheHeaderIsRefusedWithoutAMaximum) {
-    for (const char* header : {"0000000B FFFFFFF4 0020 31 00", "00000000 FFFFFFFF 0020 31 00"}) {
-        MemorySocket socket;
-        socket.feed(Hex(header) + "hello");
-        VEL_Message message;
-        EXPECT_EQ(VEL_OXLv1(&socket, ULONG_MAX).recvMessage(&message), kVELErr_MessageTooBig)
-                << header;
-        EXPECT_EQ(socket.unread(), 5u) << header;
-    }
-}
-
 }  // namespace

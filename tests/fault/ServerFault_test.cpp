@@ -127,7 +127,8 @@ TEST_F(ConnectionChurnTest, ThousandConnectionsOpenedAndClosedLeaveNothingBehind
 }
 
 // A peer announces 4 GiB to a receiver without a limit of its own: the buffer manager's largest
-// buffer bounds it. Nothing is allocated, and nothing after the header is read.
+// buffer bounds it. A total below the header size must not wrap around to a huge body either.
+// Nothing is allocated, and nothing after the header is read.
 TEST(HugeAnnouncementTest, RefusedWithoutAllocatingOrReadingTheBody) {
     struct Case {
         const char* name;
@@ -138,6 +139,12 @@ TEST(HugeAnnouncementTest, RefusedWithoutAllocatingOrReadingTheBody) {
     const Case cases[] = {
             {"OXLv1 body", [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); },
              kHugeOXLv1, kVELErr_Alloc},
+            {"OXLv1 total 11",
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); },
+             Hex("0000000B FFFFFFF4 0020 31 00"), kVELErr_MessageTooBig},
+            {"OXLv1 total 0",
+             [](VEL_Socket* s) { return std::make_unique<VEL_OXLv1>(s, ULONG_MAX); },
+             Hex("00000000 FFFFFFFF 0020 31 00"), kVELErr_MessageTooBig},
             {"OXLv2 body", [](VEL_Socket* s) { return std::make_unique<VEL_OXLv2>(s, ULONG_MAX); },
              Hex("FFFFFFFF 00000000 0004 32 00"), kVELErr_Alloc},
             {"HOLM plain size",
