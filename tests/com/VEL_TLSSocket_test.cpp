@@ -205,12 +205,6 @@ TEST_F(TLSSocketTest, CloseSendsCloseNotifyWhileACutConnectionReadsAsTruncated) 
     EXPECT_EQ(cut.client->recv(&byte, 1), kVELErr_TLSTruncated);  // the session stays failed
 }
 
-// A raw listener that accepts one connection and keeps it without ever answering.
-struct SilentServer {
-    unsigned short port = 0;
-    RawFd listener = veltest::RawListener(&port);
-};
-
 TEST_F(TLSSocketTest, HandshakeEndsWithinItsTimeOutWhenThePeerStaysSilent) {
     // A client that connects and never speaks holds accept for the handshake time-out only.
     VEL_TLSAcceptor acceptor(0, "127.0.0.1", veltest::ServerContext());
@@ -225,9 +219,10 @@ TEST_F(TLSSocketTest, HandshakeEndsWithinItsTimeOutWhenThePeerStaysSilent) {
     EXPECT_GE(took, milliseconds(900));
     EXPECT_LT(took, seconds(3));
 
-    // A server that accepts and never speaks: the connect time-out bounds the handshake.
-    SilentServer server;
-    VEL_TLSConnector connector(server.port, "localhost", veltest::ClientContext());
+    // A listener whose connection is never answered: the connect time-out bounds the handshake.
+    unsigned short port = 0;
+    const RawFd listener = veltest::RawListener(&port);
+    VEL_TLSConnector connector(port, "localhost", veltest::ClientContext());
     connector.setCnctTimeOut(1);
     VEL_Socket* connected = nullptr;
     start = Clock::now();
