@@ -208,6 +208,11 @@ protected:
     VELErr_t checkUse(bool ready, VELErr_t notReady) const;
     /// checkUse for stream transfers: kVELErr_SockNotConnected without a descriptor or connection.
     VELErr_t checkTransfer() const;
+    /// Whether the peer of the connected descriptor `fd` has ended its side, asked without
+    /// waiting (POLLRDHUP reports the end even while input sent before it is unread): Ok when it
+    /// has not, kVELErr_SockHalfClosed when it has, with the thread's last system error set to
+    /// the pending error of a reset, 0 after an orderly end.
+    VELErr_t peerEndStatus(int fd);
     /// Creates the descriptor (socket(AF_INET, type, 0)) and takes it over. On failure the error
     /// is stored, the socket closed and kVELErr_SocketCreate traced with `label` and the local
     /// address.

@@ -506,6 +506,23 @@ VELErr_t VEL_Socket::checkTransfer() const {
     return checkUse(isValid() && _connected.load(), kVELErr_SockNotConnected);
 }
 
+VELErr_t VEL_Socket::peerEndStatus(int fd) {
+    short revents = 0;
+    int err = 0;
+    const int ready = velcom::pollOne(fd, POLLRDHUP, &basis::TimeValue::kZero, &revents, &err);
+    if (ready == 0) {
+        return kVELErr_Ok;
+    }
+    if (ready < 0) {
+        basis::Thread::SetLastSystemErr(err);
+        return kVELErr_SockHalfClosed;
+    }
+    if ((revents & POLLERR) == 0 || getOptError() != kVELErr_SoError) {
+        basis::Thread::SetLastSystemErr(0);  // an orderly end, or a hang-up without error
+    }
+    return kVELErr_SockHalfClosed;
+}
+
 VELErr_t VEL_Socket::createHandle(int type, const char* label) {
     velcom::ScopedFd fd(::socket(AF_INET, type, 0));
     if (!fd.valid()) {

@@ -476,22 +476,7 @@ VELErr_t VEL_TCPSocket::checkPeer() {
     if (code != kVELErr_Ok) {
         return code;
     }
-    short revents = 0;
-    int err = 0;
-    // POLLRDHUP reports the peer's end of stream even while input it sent before is unread.
-    const int ready =
-            velcom::pollOne(use.fd(), POLLRDHUP, &basis::TimeValue::kZero, &revents, &err);
-    if (ready == 0) {
-        return kVELErr_Ok;
-    }
-    if (ready < 0) {
-        basis::Thread::SetLastSystemErr(err);
-        return kVELErr_SockHalfClosed;
-    }
-    if ((revents & POLLERR) == 0 || getOptError() != kVELErr_SoError) {
-        basis::Thread::SetLastSystemErr(0);  // an orderly end, or a hang-up without error
-    }
-    return kVELErr_SockHalfClosed;
+    return peerEndStatus(use.fd());
 }
 
 // One poll without waiting. A readable descriptor (input, end of stream, or a pending error that

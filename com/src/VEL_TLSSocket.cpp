@@ -429,22 +429,7 @@ VELErr_t VEL_TLSSocket::checkPeer() {
             return kVELErr_SockHalfClosed;  // close_notify read, or the session failed
         }
     }
-    short revents = 0;
-    int err = 0;
-    // POLLRDHUP reports the peer's end of stream even while records it sent before are unread.
-    const int ready =
-            velcom::pollOne(use.fd(), POLLRDHUP, &basis::TimeValue::kZero, &revents, &err);
-    if (ready == 0) {
-        return kVELErr_Ok;
-    }
-    if (ready < 0) {
-        basis::Thread::SetLastSystemErr(err);
-        return kVELErr_SockHalfClosed;
-    }
-    if ((revents & POLLERR) == 0 || getOptError() != kVELErr_SoError) {
-        basis::Thread::SetLastSystemErr(0);  // an orderly end, or a hang-up without error
-    }
-    return kVELErr_SockHalfClosed;
+    return peerEndStatus(use.fd());
 }
 
 bool VEL_TLSSocket::isEstablished() const {

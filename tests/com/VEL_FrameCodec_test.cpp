@@ -233,10 +233,13 @@ std::vector<Format> Formats() {
     };
 }
 
+// Every message buffer taken by a codec or a transport, failing or not, is given back.
+class FrameCodecTest : public veltest::BufferLeakTest {};
+
 // Every format's codec, fed whole, byte by byte and in random splits, gives what its blocking
 // transport gives for the same bytes: the same messages, then the same failure after the same
 // number of bytes (or the need for more).
-TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
+TEST_F(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
     std::mt19937 random(static_cast<unsigned>(::testing::UnitTest::GetInstance()->random_seed()));
     for (const Format& format : Formats()) {
         const bool partial = format.codec()->takesPartial();
@@ -275,7 +278,7 @@ TEST(FrameCodecTest, SplitsDecodeAsTheBlockingTransportReads) {
 // holding all but the last byte of the initiator's key frame still answers in plain (it used to
 // take the header's settings at once and refuse to send, secure without a session), and joins
 // the session once the frame is whole.
-TEST(FrameCodecTest, HOLMEncodesByTheFramesDeliveredWhileOneArrives) {
+TEST_F(FrameCodecTest, HOLMEncodesByTheFramesDeliveredWhileOneArrives) {
     MemorySocket socket;
     VEL_HOLM initiator(&socket, 1000);
     ASSERT_EQ(initiator.openSecureSession(), kVELErr_Ok);
@@ -311,7 +314,7 @@ TEST(FrameCodecTest, HOLMEncodesByTheFramesDeliveredWhileOneArrives) {
 // encode() appends what the transport writes for the same message, or nothing when the format
 // refuses it, with the transport's status: frames of no part, one part and several parts (a
 // compressed body with its record, a HOLM frame with RSCV), and a refusal.
-TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
+TEST_F(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
     const struct {
         const char* what;
         std::function<std::unique_ptr<VEL_FrameCodec>()> codec;
@@ -360,11 +363,6 @@ TEST(FrameCodecTest, EncodeAppendsTheTransportsFrame) {
         EXPECT_EQ(out, "x" + socket.written()) << c.what;
         EXPECT_EQ(veltest::Body(encoded), veltest::Body(sent)) << c.what;
     }
-    VEL_Message message;
-    ASSERT_EQ(message.setData("hello", 5), kVELErr_Ok);
-    std::string out;
-    ASSERT_EQ(VEL_OXLv1Codec(5).encode(&message, out), kVELErr_Ok);
-    EXPECT_EQ(out, kHello);  // the transport's own frame, checked by hand once
 }
 
 }  // namespace

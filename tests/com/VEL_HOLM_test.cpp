@@ -171,19 +171,6 @@ TEST_F(HOLMTest, ASessionClosedBehindTheTransportFailsWithoutThrowing) {
     EXPECT_TRUE(sink.contains("Error receiving a HOLM message"));
 }
 
-// Which headers are refused, with which status and before what, is checked against the codec
-// (VEL_FrameCodec_test); here the trace of a refusal.
-TEST_F(HOLMTest, RefusedHeaderIsTraced) {
-    veltest::RecordingSink sink(kVELTrace_ComError);
-    veltest::ScopedSink installed(&sink);
-    std::string frame = toB("hello");
-    frame[2] = 'P';  // a version byte changed
-    _bOut.feed(frame);
-    VEL_Message message;
-    EXPECT_EQ(_b.recvMessage(&message), kVELErr_BadStreamHeader);
-    EXPECT_TRUE(sink.contains("Error encountered while receiving H-OLM header"));
-}
-
 TEST_F(HOLMTest, SecureAndCompressedRoundTripsInBothDirections) {
     const struct {
         bool secure, compressed;

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <random>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -11,7 +10,6 @@
 #include "MemorySocket.h"
 #include "TestSupport.h"
 #include "VEL_Message.h"
-#include "VEL_Tools.h"
 
 namespace {
 
@@ -97,44 +95,6 @@ TEST_F(OXLv2Test, EachReceivedFrameSetsCompressionForBothDirections) {
         ASSERT_EQ(_transport.sendMessage(&message), kVELErr_Ok);
         EXPECT_EQ(_socket.written().substr(11, 5),
                   compressed ? Hex("43 02000000") : std::string("\0worl", 5));
-    }
-}
-
-// A compressed frame cut inside its RSCV or its record used to be traced as a failed header
-// read, twice, without the header dump.
-TEST_F(OXLv2Test, FailuresAfterAGoodHeaderAreTracedWithTheHeaderDump) {
-    const std::string frame = veltest::CompressedOXLv2("rscv", 5, veltest::Deflated("hello"));
-    const struct {
-        const char* what;
-        std::size_t cut;  // input kept; the rest is cut off
-        VELErr_t code;
-        std::size_t lines;  // line, labelled header dump, [labelled body dump,] status
-    } cases[] = {
-            {"cut in the RSCV", 14, kVELErr_SockHalfClosed, 6},
-            {"cut in the record", 19, kVELErr_SockHalfClosed, 6},
-            {"cut in the body", frame.size() - 1, kVELErr_SockHalfClosed, 6},
-            {"not a zlib stream", 0, kVELErr_Uncompression, 10},
-    };
-    veltest::RecordingSink sink(kVELTrace_ComError | kVELTrace_MsgDump);
-    veltest::ScopedSink installed(&sink);
-    for (const auto& c : cases) {
-        MemorySocket socket;
-        socket.feed(c.cut == 0 ? veltest::CompressedOXLv2("", 5, "hello") : frame.substr(0, c.cut));
-        socket.closeInput();
-        sink.clear();
-        VEL_Message message;
-        EXPECT_EQ(VEL_OXLv2(&socket, 1000).recvMessage(&message), c.code) << c.what;
-        const std::string status = "COM - " + VEL_Tools::GetErrStr(c.code);
-        const std::vector<std::string> texts = sink.texts();
-        ASSERT_EQ(texts.size(), c.lines) << c.what;
-        EXPECT_EQ(texts[0], status + " ; Error receiving an OXLv2 message") << c.what;
-        EXPECT_EQ(texts[1], status + " ; Received header :") << c.what;
-        EXPECT_EQ(texts[2], "MSGDUMP - Dumping buffer number 0, containing 12 bytes") << c.what;
-        if (c.lines == 10) {
-            EXPECT_EQ(texts[5], status + " ; Received message :");
-            EXPECT_EQ(texts[6], "MSGDUMP - Dumping buffer number 0, containing 5 bytes");
-        }
-        EXPECT_EQ(texts.back(), status) << c.what;
     }
 }
 

@@ -29,19 +29,6 @@ TEST(SockAddrTest, NullHostMeansAnyInterface) {
     EXPECT_EQ(printed(address), "<host = 0.0.0.0, port = 0>");
 }
 
-TEST(SockAddrTest, StructureHoldsFamilyPortAndAddressInNetworkOrder) {
-    const VEL_SockAddr address(0x1234, "10.1.2.3");
-    const sockaddr_in* raw = address;
-    EXPECT_EQ(raw->sin_family, AF_INET);
-    const unsigned char* port = reinterpret_cast<const unsigned char*>(&raw->sin_port);
-    EXPECT_EQ(port[0], 0x12);
-    EXPECT_EQ(port[1], 0x34);
-    const unsigned char* host = reinterpret_cast<const unsigned char*>(&raw->sin_addr);
-    EXPECT_EQ(host[0], 10);
-    EXPECT_EQ(host[3], 3);
-    EXPECT_EQ(VEL_SockAddr::GetSize(), 16u);
-}
-
 TEST(SockAddrTest, UnresolvableHostLeavesTheAddressNotSetAndTraces) {
     veltest::RecordingSink sink(kVELTrace_ComError);
     veltest::ScopedSink installed(&sink);

@@ -133,35 +133,6 @@ TEST_F(TLSByteStreamTest, HandshakeRunsStepByStepInBothRolesThenDataAndTheEnd) {
     EXPECT_EQ(moved, 0u);
 }
 
-// What a read leaves inside the session is reported, although the descriptor has nothing left
-// to read: a caller that waited for readability would wait for input that has already come.
-TEST_F(TLSByteStreamTest, InputLeftInsideTheSessionIsReportedUntilRead) {
-    makePair();
-    handshake();
-    const std::string sent = veltest::Pattern(3000, 1);
-    for (int record = 0; record < 3; ++record) {
-        VELIoVec piece{const_cast<char*>(sent.data()) + record * 1000, 1000};
-        std::size_t moved = 0;
-        ASSERT_EQ(client->writeAvail(&piece, 1, &moved), kVELErr_Ok);
-        ASSERT_EQ(moved, 1000u);
-    }
-    const int fd = static_cast<int>(server->getHandle());
-    ASSERT_TRUE(veltest::WaitForPending(fd, 3000));  // the three records, at least
-    char buffer[4000];
-    VELIoVec small{buffer, 10};
-    std::size_t moved = 0;
-    ASSERT_EQ(server->readAvail(&small, 1, &moved), kVELErr_Ok);
-    EXPECT_EQ(moved, 10u);
-    pollfd entry{fd, POLLIN, 0};
-    EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the session took every record off the descriptor";
-    EXPECT_TRUE(server->hasBufferedInput());
-    VELIoVec large{buffer + 10, sizeof(buffer) - 10};
-    ASSERT_EQ(server->readAvail(&large, 1, &moved), kVELErr_Ok);
-    EXPECT_EQ(moved, 2990u);
-    EXPECT_EQ(std::string(buffer, 3000), sent);
-    EXPECT_FALSE(server->hasBufferedInput());
-}
-
 // A sender whose descriptor fills takes what fits, in whole records, and is offered the rest
 // again, small pieces gathered with large ones: every byte arrives once, in order, whatever the
 // records were cut into.
