@@ -77,44 +77,6 @@ private:
     unsigned short _port = 0;
 };
 
-// Records the notifications as "up", "use", "fail", "drop" followed by the port.
-class Recorder : public VEL_PipeNotifier {
-public:
-    void connectionEstablished(const std::string&, unsigned short port) override {
-        add("up", port);
-    }
-    void connectionUsed(const std::string&, unsigned short port) override { add("use", port); }
-    void connectionFailed(const std::string&, unsigned short port) override { add("fail", port); }
-    void connectionDiscarded(const std::string&, unsigned short port) override {
-        add("drop", port);
-    }
-    // Events equal to `event`, or of that kind when it names no port.
-    int count(const std::string& event) const {
-        std::lock_guard<std::mutex> hold(_lock);
-        int n = 0;
-        for (const std::string& each : _events) {
-            n += each == event || each.compare(0, event.size() + 1, event + " ") == 0 ? 1 : 0;
-        }
-        return n;
-    }
-    std::string last() const {
-        std::lock_guard<std::mutex> hold(_lock);
-        return _events.empty() ? "" : _events.back();
-    }
-    std::vector<std::string> events() const {
-        std::lock_guard<std::mutex> hold(_lock);
-        return _events;
-    }
-
-private:
-    void add(const char* event, unsigned short port) {
-        std::lock_guard<std::mutex> hold(_lock);
-        _events.push_back(event + (" " + std::to_string(port)));
-    }
-    mutable std::mutex _lock;
-    std::vector<std::string> _events;
-};
-
 std::string on(const char* event, unsigned short port) {
     return event + (" " + std::to_string(port));
 }
@@ -122,6 +84,32 @@ std::string on(const char* event, unsigned short port) {
 std::string on(const char* event, const Server& server) {
     return on(event, server.port());
 }
+
+// Records the notifications as "up", "use", "fail", "drop" followed by the port.
+class Recorder : public VEL_PipeNotifier, public veltest::EventLog {
+public:
+    void connectionEstablished(const std::string&, unsigned short port) override {
+        add(on("up", port));
+    }
+    void connectionUsed(const std::string&, unsigned short port) override { add(on("use", port)); }
+    void connectionFailed(const std::string&, unsigned short port) override {
+        add(on("fail", port));
+    }
+    void connectionDiscarded(const std::string&, unsigned short port) override {
+        add(on("drop", port));
+    }
+    // Events equal to `event`, or of that kind when it names no port.
+    int count(const std::string& event) const {
+        const std::vector<std::string> all = events();
+        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& each) {
+            return each == event || each.compare(0, event.size() + 1, event + " ") == 0;
+        }));
+    }
+    std::string last() const {
+        const std::vector<std::string> all = events();
+        return all.empty() ? "" : all.back();
+    }
+};
 
 // A TCP pipe whose sends can be made to fail, with its protected operations at hand.
 class TestPipe : public VEL_TCPPipe {
