@@ -13,7 +13,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "MemorySocket.h"
 #include "SocketSupport.h"
@@ -25,15 +24,12 @@
 
 namespace {
 
+using veltest::Be16;
 using veltest::Be32;
 using veltest::VelcatProcess;
 using Strings = std::vector<std::string>;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-std::string be16(std::uint32_t value) {
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
 
 // Words of `line`, split at blanks: a command line.
 Strings words(const std::string& line) {
@@ -44,39 +40,26 @@ Strings words(const std::string& line) {
 // An OXLv1 ('1', flag word 32) or uncompressed OXLv2 ('2', flag word 4) frame.
 std::string oxlFrame(char version, const std::string& body) {
     const auto total = static_cast<std::uint32_t>(body.size() + 12);
-    return Be32(total) + Be32(~total) + be16(version == '1' ? 32 : 4) + version +
+    return Be32(total) + Be32(~total) + Be16(version == '1' ? 32 : 4) + version +
            std::string(1, '\0') + body;
 }
 
 std::string oxl5Frame(const std::string& body) {
-    return be16(static_cast<std::uint32_t>(body.size())) + body;
+    return Be16(static_cast<std::uint16_t>(body.size())) + body;
 }
 
-// A plain HOLM frame: magic, version, lengths, the check word that makes the first seven words
-// XOR to 0, and nothing else set.
+// A plain HOLM frame: magic, version, lengths, the check word and nothing else set.
 std::string holmFrame(const std::string& body) {
     const auto size = static_cast<std::uint32_t>(body.size());
-    const std::string words = be16(0x484F) + be16(0x0100) + Be32(28 + size) + Be32(size);
-    std::uint32_t check = 0;
-    for (std::size_t i = 0; i < words.size(); i += 2) {
-        check ^= static_cast<unsigned char>(words[i]) << 8 |
-                 static_cast<unsigned char>(words[i + 1]);
-    }
-    return words + be16(check) + std::string(14, '\0') + body;
+    return veltest::WithHOLMCheck(Be16(0x484F) + Be16(0x0100) + Be32(28 + size) + Be32(size) +
+                                  std::string(16, '\0')) +
+           body;
 }
 
-// A compressed OXLv2 frame: the 'C' flag, the record 02 00 00 00 + plain length, then the body
-// compressed by zlib at level 2, as the compressing protocols do.
+// A compressed OXLv2 frame whose body zlib compressed at level 2, as the compressing protocols do.
 std::string oxl2CompressedFrame(const std::string& body) {
-    std::string stream(compressBound(body.size()), '\0');
-    uLongf length = stream.size();
-    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                        reinterpret_cast<const Bytef*>(body.data()), body.size(), 2),
-              Z_OK);
-    stream.resize(length);
-    const auto total = static_cast<std::uint32_t>(stream.size() + 20);
-    return Be32(total) + Be32(~total) + be16(4) + "2C" + Be32(0x02000000) +
-           Be32(static_cast<std::uint32_t>(body.size())) + stream;
+    return veltest::CompressedOXLv2("", static_cast<std::uint32_t>(body.size()),
+                                    veltest::Deflated(body, 2));
 }
 
 // A body that compresses well.
@@ -234,13 +217,13 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
         bool cut;  // the peer closes after its bytes; otherwise it waits to be closed
         VELErr_t traced;
     } cases[] = {
-            {"bad marker", header + be16(33) + "1" + std::string(1, '\0'), false,
+            {"bad marker", header + Be16(33) + "1" + std::string(1, '\0'), false,
              kVELErr_BadStreamHeader},
-            {"bad check", Be32(16) + Be32(16) + be16(32) + "1" + std::string(5, '\0'), false,
+            {"bad check", Be32(16) + Be32(16) + Be16(32) + "1" + std::string(5, '\0'), false,
              kVELErr_BadStreamHeader},
             {"body above -m", oxlFrame('1', std::string(1001, 'x')), false, kVELErr_MessageTooBig},
             {"total below the header",
-             Be32(11) + Be32(~11u) + be16(32) + "1" + std::string(1, '\0'), false,
+             Be32(11) + Be32(~11u) + Be16(32) + "1" + std::string(1, '\0'), false,
              kVELErr_MessageTooBig},
             {"cut mid-frame", oxlFrame('1', std::string(100, 'c')).substr(0, 40), true,
              kVELErr_SockHalfClosed},
