@@ -55,28 +55,9 @@ TEST(VelcatTLSTest, ClientAndPipeExchangeFramesWithOpensslServer) {
     }
 }
 
-// The listener (-e) and s_client: a frame each way.
-TEST(VelcatTLSTest, ListenerExchangesFramesWithOpensslClient) {
-    const TLSFiles& files = TLSFiles::Get();
-    ASSERT_TRUE(files.made);
-    VelcatProcess listener({"--tls", "--cert", files.serverCert, "--key", files.serverKey, "-l",
-                            "-e", "-s", "127.0.0.1", "0"});
-    const unsigned short port = listener.listeningPort();
-    ASSERT_NE(port, 0) << listener.errors();
-    EXPECT_NE(listener.errors().find("(oxl1 over TLS, epoll)"), std::string::npos);
-    const std::unique_ptr<ChildProcess> peer = veltest::OpensslClient(port);
-    ASSERT_TRUE(peer->write(kHello));
-    EXPECT_TRUE(peer->waitForOutput(kHello)) << peer->errors();
-    listener.terminate();
-    EXPECT_EQ(listener.wait(), 0);
-    EXPECT_NE(listener.errors().find("stopped: 1 connections, 1 messages, 0 closed on errors"),
-              std::string::npos)
-            << listener.errors();
-}
-
 // A listener that requires client certificates (--ca), and the peers it must refuse: each one's
-// handshake fails with its status and reason, said on stderr, and a good client is served after
-// them all by the same listener.
+// handshake fails with its status and reason, said on stderr, and good clients (s_client and
+// velcat) are served after them all by the same listener.
 TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
@@ -84,6 +65,7 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
                             files.caCert, "-l", "-e", "-s", "127.0.0.1", "0"});
     const unsigned short port = listener.listeningPort();
     ASSERT_NE(port, 0) << listener.errors();
+    EXPECT_NE(listener.errors().find("(oxl1 over TLS, epoll)"), std::string::npos);
     const Strings certified = {"-cert", files.clientCert, "-key", files.clientKey};
     using Kept = std::shared_ptr<void>;
     const auto openssl = [port](const Strings& options) {
@@ -127,6 +109,9 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
                 << listener.errors();
         EXPECT_TRUE(listener.waitForError("> closed: " + bad.said)) << listener.errors();
     }
+    const std::unique_ptr<ChildProcess> peer = veltest::OpensslClient(port, certified);
+    ASSERT_TRUE(peer->write(kHello));
+    EXPECT_TRUE(peer->waitForOutput(kHello)) << peer->errors();
     VelcatProcess good({"--tls", "--ca", files.caCert, "--cert", files.clientCert, "--key",
                         files.clientKey, "-c", "1", "127.0.0.1", std::to_string(port)});
     ASSERT_TRUE(good.write("still served\n"));
@@ -134,7 +119,7 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
     EXPECT_EQ(good.wait(), 0) << good.errors();
     listener.terminate();
     EXPECT_EQ(listener.wait(), 0);
-    EXPECT_NE(listener.errors().find("stopped: 7 connections, 1 messages, 6 closed on errors"),
+    EXPECT_NE(listener.errors().find("stopped: 8 connections, 2 messages, 6 closed on errors"),
               std::string::npos)
             << listener.errors();
 }
