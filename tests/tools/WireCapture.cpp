@@ -176,17 +176,11 @@ struct RecordingRelay::Link {
 
 RecordingRelay::RecordingRelay(CaptureFile& capture, std::uint16_t serverPort)
     : _capture(capture), _serverPort(serverPort) {
-    _listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (_listener < 0 ||
-        ::bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(_listener, 16) != 0 || ::pipe2(_wake, O_CLOEXEC) != 0) {
+    _listener = RawListener(&_port).release();
+    if (_listener < 0 || ::pipe2(_wake, O_CLOEXEC) != 0) {
         ADD_FAILURE() << "relay: cannot listen, errno " << errno;
         return;
     }
-    _port = LocalEndpoint(_listener).port;
     _thread = std::thread([this] { run(); });
 }
 
@@ -261,18 +255,9 @@ void RecordingRelay::accept() {
     if (client < 0) {
         return;
     }
-    const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(_serverPort);
-    if (server < 0 ||
-        ::connect(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        ADD_FAILURE() << "relay: cannot reach the server, errno " << errno;
+    const int server = RawConnect(_serverPort).release();
+    if (server < 0) {
         ::close(client);
-        if (server >= 0) {
-            ::close(server);
-        }
         return;
     }
     noDelay(client);
