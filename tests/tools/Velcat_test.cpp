@@ -1,4 +1,3 @@
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "MemorySocket.h"
+#include "ReactorSupport.h"
 #include "SocketSupport.h"
 #include "TLSSupport.h"
 #include "TestSupport.h"
@@ -74,15 +74,7 @@ std::string statusText(VELErr_t code) {
 // True once the peer has closed `fd` (end of stream or reset) within 10 s; what arrives before
 // is read away.
 bool closedByPeer(int fd) {
-    const auto deadline = std::chrono::steady_clock::now() + seconds(10);
-    char chunk[4096];
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, 50) == 1 && ::recv(fd, chunk, sizeof(chunk), 0) <= 0) {
-            return true;
-        }
-    }
-    return false;
+    return veltest::WaitFor([fd] { return !veltest::Drain(fd); });
 }
 
 // A listener on 127.0.0.1 with `options`, on the given port or one chosen by the system.
