@@ -77,6 +77,24 @@ bool closedByPeer(int fd) {
     return veltest::WaitFor([fd] { return !veltest::Drain(fd); });
 }
 
+// How many times `part` occurs in `text`.
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
+        ++found;
+    }
+    return found;
+}
+
+// The next connection to `acceptor`, waited for at most 10 s (empty when none came).
+std::unique_ptr<VEL_Socket> acceptOne(VEL_TCPAcceptor& acceptor) {
+    const basis::TimeValue limit(10, 0);
+    VEL_Socket* accepted = nullptr;
+    EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
+    EXPECT_EQ(acceptor.accept(accepted), kVELErr_Ok);
+    return std::unique_ptr<VEL_Socket>(accepted);
+}
+
 // A listener on 127.0.0.1 with `options`, on the given port or one chosen by the system.
 std::unique_ptr<VelcatProcess> startListener(const std::string& options, unsigned short port = 0) {
     std::unique_ptr<VelcatProcess> listener(
@@ -173,11 +191,8 @@ TEST(VelcatTest, ClientSendsAndReadsFramesAsBuiltByHand) {
                                    " 127.0.0.1 " +
                                    std::to_string(acceptor.getLocalAddr().getPort())));
         ASSERT_TRUE(client.write(kLine + "\n"));
-        const basis::TimeValue limit(10, 0);
-        VEL_Socket* accepted = nullptr;
-        ASSERT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok) << client.errors();
-        ASSERT_EQ(acceptor.accept(accepted), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> peer(accepted);
+        const std::unique_ptr<VEL_Socket> peer = acceptOne(acceptor);
+        ASSERT_TRUE(peer) << client.errors();
         const std::string sent = veltest::ReadExactly(veltest::Fd(*peer), each.sent.size());
         EXPECT_TRUE(each.reply.empty() ? sent.compare(0, 4, each.sent, 0, 4) == 0 &&
                                                  sent.compare(16, 8, each.sent, 16, 8) == 0
@@ -304,12 +319,8 @@ TEST(VelcatTest, AFullSelectListenerSaysItRefusesConnections) {
         EXPECT_EQ(veltest::ReadExactly(clients[i].get(), 16), oxlFrame('1', "held"));
     }
     const std::string errors = listener->errors();
-    std::size_t lines = 0;
-    for (std::size_t at = 0; (at = errors.find("refused a connection", at)) != std::string::npos;
-         ++at) {
-        ++lines;
-    }
-    EXPECT_LT(lines, 20u) << "one line per refusal: " << errors;
+    EXPECT_LT(occurrences(errors, "refused a connection"), 20u)
+            << "one line per refusal: " << errors;
     EXPECT_NE(errors.find("select back end holds 2048 handlers, its own 2 sockets included"),
               std::string::npos)
             << errors;
@@ -346,14 +357,7 @@ TEST(VelcatTest, PipeModeMovesBetweenListenersAtOnce) {
             return client.waitForError("Discard a connection = 127.0.0.1:" +
                                        std::to_string(port)) &&
                    (!failover || veltest::WaitFor([&] {
-                       std::size_t found = 0;
-                       const std::string errors = client.errors();
-                       for (std::size_t at = 0;
-                            (at = errors.find("New connection = ", at)) != std::string::npos;
-                            ++at) {
-                           ++found;
-                       }
-                       return found >= count;
+                       return occurrences(client.errors(), "New connection = ") >= count;
                    }));
         };
         ASSERT_TRUE(client.write("one\n"));
@@ -446,15 +450,8 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
     VEL_TCPAcceptor acceptor(0, "127.0.0.1");
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
     const std::string port = std::to_string(acceptor.getLocalAddr().getPort());
-    const auto acceptClient = [&acceptor] {
-        const basis::TimeValue limit(10, 0);
-        VEL_Socket* accepted = nullptr;
-        EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
-        EXPECT_EQ(acceptor.accept(accepted), kVELErr_Ok);
-        return std::unique_ptr<VEL_Socket>(accepted);
-    };
     VelcatProcess tooBig(words("-p oxl5 -m 1000 -c 1 127.0.0.1 " + port));
-    std::unique_ptr<VEL_Socket> peer = acceptClient();
+    std::unique_ptr<VEL_Socket> peer = acceptOne(acceptor);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*peer), oxl5Frame(std::string(2000, 'b'))));
     EXPECT_EQ(tooBig.wait(), 1);
@@ -462,7 +459,7 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
               std::string::npos)
             << tooBig.errors();
     VelcatProcess unanswered(words("-w 1 -c 2 127.0.0.1 " + port));
-    peer = acceptClient();
+    peer = acceptOne(acceptor);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(unanswered.write("one\n"));
     EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peer), 15), oxlFrame('1', "one"));
