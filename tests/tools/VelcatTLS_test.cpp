@@ -124,15 +124,18 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
             << listener.errors();
 }
 
-// The servers the client must refuse, the mistakes on its command line, and what velcat says.
-struct Refusal {
-    const char* name;
-    std::function<std::unique_ptr<OpensslServer>()> server;  // null: none needed
-    Strings options;                                         // before HOST PORT, or "--pipe"
-    int status;
-    Strings said;  // parts of standard error
-};
+// velcat with `args` after --tls, its input closed: it exits with `status` and says each of `said`.
+void expectExit(const Strings& args, int status, const Strings& said) {
+    VelcatProcess velcat(Strings{"--tls"} + args);
+    velcat.closeInput();
+    EXPECT_EQ(velcat.wait(), status);
+    for (const std::string& part : said) {
+        EXPECT_NE(velcat.errors().find(part), std::string::npos) << velcat.errors();
+    }
+}
 
+// The servers the client must refuse (it exits 1 and says why), then the mistakes on its command
+// line.
 TEST(VelcatTLSTest, ClientRefusalsAndMistakesAreSaidClearly) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
@@ -140,79 +143,53 @@ TEST(VelcatTLSTest, ClientRefusalsAndMistakesAreSaidClearly) {
                             const Strings& extra = {}) {
         return [cert, key, extra] { return std::make_unique<OpensslServer>(cert, key, extra); };
     };
-    const Strings trusting = {"--ca", files.caCert};
-    const Refusal cases[] = {
+    const struct {
+        const char* name;
+        std::function<std::unique_ptr<OpensslServer>()> server;
+        bool pipe;
+        Strings said;  // parts of standard error
+    } refusals[] = {
             {"expired",
              serving(files.expiredCert, files.serverKey),
-             trusting,
-             1,
+             false,
              {"cannot connect to localhost port ",
               ": TLS certificate refused {0} [402] (certificate verify failed: certificate has "
               "expired)"}},
             {"untrusted",
              serving(files.selfSignedCert, files.selfSignedKey),
-             trusting,
-             1,
+             false,
              {"TLS certificate refused {0} [402] (certificate verify failed: self-signed "
               "certificate)"}},
             {"wrong host name",
              serving(files.otherNameCert, files.serverKey),
-             trusting,
-             1,
+             false,
              {"TLS certificate refused {0} [402] (certificate verify failed: hostname mismatch)"}},
             {"TLS 1.0 offered",
              serving(files.serverCert, files.serverKey, veltest::kOfferTLS10Only),
-             trusting,
-             1,
+             false,
              {"TLS handshake failed {0} [401] (", "protocol version)"}},
             {"pipe to an untrusted server",
              serving(files.selfSignedCert, files.selfSignedKey),
-             trusting + Strings{"--pipe"},
-             1,
+             true,
              {"no endpoint of the pipe answers: No connection available within the pipe",
               "; the last attempt: TLS certificate refused {0} [402] (certificate verify "
               "failed: self-signed certificate)"}},
-            {"unreadable CA file",
-             nullptr,
-             {"--ca", files.dir + "/absent.pem"},
-             1,
-             {"cannot use " + files.dir + "/absent.pem: Cannot open file"}},
-            {"key without certificate",
-             nullptr,
-             {"--key", files.clientKey},
-             2,
-             {"--cert and --key go together"}},
-            {"listener without certificate",
-             nullptr,
-             {"-l"},
-             2,
-             {"a TLS listener needs --cert and --key"}},
-            {"insecure listener",
-             nullptr,
-             {"-l", "--insecure", "--cert", files.serverCert, "--key", files.serverKey},
-             2,
-             {"--insecure is for clients"}},
     };
-    for (const Refusal& c : cases) {
+    for (const auto& c : refusals) {
         SCOPED_TRACE(c.name);
-        const std::unique_ptr<OpensslServer> server = c.server ? c.server() : nullptr;
-        ASSERT_TRUE(!server || server->port != 0) << server->process().errors();
-        const std::string port = server ? std::to_string(server->port) : "1";
-        Strings args = Strings{"--tls"} + c.options;
-        if (c.options.back() == "--pipe") {
-            args.push_back("localhost:" + port);
-        } else if (c.options.front() == "-l") {
-            args.push_back("0");
-        } else {
-            args.insert(args.end(), {"localhost", port});
-        }
-        VelcatProcess velcat(args);
-        velcat.closeInput();
-        EXPECT_EQ(velcat.wait(), c.status);
-        for (const std::string& part : c.said) {
-            EXPECT_NE(velcat.errors().find(part), std::string::npos) << velcat.errors();
-        }
+        const std::unique_ptr<OpensslServer> server = c.server();
+        ASSERT_NE(server->port, 0) << server->process().errors();
+        const std::string port = std::to_string(server->port);
+        expectExit(Strings{"--ca", files.caCert} + (c.pipe ? Strings{"--pipe", "localhost:" + port}
+                                                           : Strings{"localhost", port}),
+                   1, c.said);
     }
+    expectExit({"--ca", files.dir + "/absent.pem", "localhost", "1"}, 1,
+               {"cannot use " + files.dir + "/absent.pem: Cannot open file"});
+    expectExit({"--key", files.clientKey, "localhost", "1"}, 2, {"--cert and --key go together"});
+    expectExit({"-l", "0"}, 2, {"a TLS listener needs --cert and --key"});
+    expectExit({"-l", "--insecure", "--cert", files.serverCert, "--key", files.serverKey, "0"}, 2,
+               {"--insecure is for clients"});
 }
 
 TEST(VelcatTLSTest, InsecureClientWarnsAndTalksToAnyServer) {
