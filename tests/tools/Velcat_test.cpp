@@ -1,7 +1,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <iterator>
@@ -272,12 +271,10 @@ TEST(VelcatTest, StopsAtOnceOnSIGTERMWhateverItsPeersDo) {
     veltest::RawFd stalled = veltest::RawConnect(port);
     ASSERT_TRUE(veltest::WriteAll(stalled.get(), frame.substr(0, 20)));
     veltest::RawFd dripping = veltest::RawConnect(port);
-    std::atomic<bool> stop{false};
-    std::thread dripper([&] {
-        for (std::size_t at = 0; !stop.load() && at < frame.size(); ++at) {
-            (void)::send(dripping.get(), &frame[at], 1, MSG_NOSIGNAL);
-            std::this_thread::sleep_for(milliseconds(50));
-        }
+    std::size_t dripped = 0;  // one byte every 50 ms until the listener stops
+    veltest::Paced dripper(milliseconds(50), seconds(60), [&] {
+        return ::send(dripping.get(), &frame[dripped], 1, MSG_NOSIGNAL) == 1 &&
+               ++dripped < frame.size();
     });
     veltest::RawFd deaf = veltest::RawConnect(port);
     const std::string large = oxlFrame('1', std::string(8 << 20, 'z'));
@@ -294,8 +291,6 @@ TEST(VelcatTest, StopsAtOnceOnSIGTERMWhateverItsPeersDo) {
     EXPECT_LE(took, milliseconds(1500));
     EXPECT_NE(listener->errors().find("velcat: stopped: 5 connections, "), std::string::npos)
             << listener->errors();
-    stop = true;
-    dripper.join();
     (void)::shutdown(deaf.get(), SHUT_RDWR);
     deafWriter.join();
 }
