@@ -1,7 +1,6 @@
 #include "Tshark.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -40,20 +39,6 @@ void flatten(const ptree& node, std::vector<std::pair<std::string, std::string>>
 unsigned numberIn(const ptree& layer, const char* field, const char* absent = "0") {
     const std::string text = layer.get<std::string>(ptree::path_type(field, '/'), absent);
     return static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 0));
-}
-
-// The tshark program on the PATH, "" when it is not installed.
-std::string findTshark() {
-    const char* path = std::getenv("PATH");
-    std::istringstream folders(path != nullptr ? path : "/usr/bin:/bin");
-    std::string folder;
-    while (std::getline(folders, folder, ':')) {
-        const std::string candidate = folder + "/tshark";
-        if (!folder.empty() && ::access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
-        }
-    }
-    return "";
 }
 
 }  // namespace
@@ -105,8 +90,7 @@ std::vector<DissectedFrame> OfStream(const std::vector<DissectedFrame>& frames, 
 }
 
 void DissectorTest::SetUp() {
-    _tshark = findTshark();
-    if (_tshark.empty()) {
+    if (RunCommand({"sh", "-c", "command -v tshark"}) != 0) {
         GTEST_SKIP() << "tshark is not installed (apt-get install tshark): the Wireshark "
                         "dissector is not checked";
     }
@@ -174,7 +158,7 @@ std::vector<DissectedFrame> DissectorTest::dissect(const CaptureFile& capture,
 TsharkResult DissectorTest::run(const std::vector<std::string>& arguments) {
     const std::string config = _work + "/wireshark-config";
     (void)::mkdir(config.c_str(), 0700);  // it may exist from an earlier run
-    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, _tshark, "-X",
+    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, "tshark", "-X",
                                   std::string("lua_script:") + VEL_DISSECTOR_PATH};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     ChildProcess child(argv);

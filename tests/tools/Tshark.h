@@ -66,7 +66,6 @@ protected:
     std::string capturePath() const { return _work + "/capture.pcap"; }
 
 private:
-    std::string _tshark;
     std::string _work;
 };
 
