@@ -116,10 +116,9 @@ void ChildProcess::pump(std::chrono::milliseconds limit) {
     }
 }
 
-bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
-                           std::chrono::milliseconds limit) {
+bool ChildProcess::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    while (buffer.find(part) == std::string::npos) {
+    while (!done()) {
         if (Clock::now() >= deadline) {
             return false;
         }
@@ -129,19 +128,16 @@ bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
 }
 
 std::string ChildProcess::readOutput(std::size_t size, std::chrono::milliseconds limit) {
-    const auto deadline = Clock::now() + limit;
-    while (_output.size() < size && Clock::now() < deadline) {
-        pump(std::chrono::milliseconds(20));
-    }
+    (void)pumpUntil([&] { return _output.size() >= size; }, limit);  // what came, if less
     return _output;
 }
 
 bool ChildProcess::waitForOutput(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _output, limit);
+    return pumpUntil([&] { return _output.find(part) != std::string::npos; }, limit);
 }
 
 bool ChildProcess::waitForError(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _errors, limit);
+    return pumpUntil([&] { return _errors.find(part) != std::string::npos; }, limit);
 }
 
 std::string ChildProcess::output() {

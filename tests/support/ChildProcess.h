@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,8 @@ public:
     pid_t pid() const { return _pid; }
 
 private:
-    bool waitFor(const std::string& part, const std::string& buffer,
-                 std::chrono::milliseconds limit);
+    // Moves what its pipes hold into the buffers until `done` holds; false after `limit`.
+    bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
     // Moves what its pipes hold into the buffers, waiting at most `limit` for something.
     void pump(std::chrono::milliseconds limit);
 
