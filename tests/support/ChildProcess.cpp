@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@ void closeFd(int& fd) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, unsigned long fileLimit) {
     int in[2], out[2], err[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
         ::pipe2(err, O_CLOEXEC) != 0) {
@@ -49,6 +50,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
             for (int fd = 3; fd < 4096; ++fd) {
                 ::close(fd);
             }
+        }
+        if (fileLimit > 0) {
+            const rlimit limit{fileLimit, fileLimit};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
         }
         ::execvp(args[0], args.data());
         ::_exit(127);
@@ -111,10 +116,9 @@ void ChildProcess::pump(std::chrono::milliseconds limit) {
     }
 }
 
-bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
-                           std::chrono::milliseconds limit) {
+bool ChildProcess::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    while (buffer.find(part) == std::string::npos) {
+    while (!done()) {
         if (Clock::now() >= deadline) {
             return false;
         }
@@ -123,12 +127,17 @@ bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
     return true;
 }
 
+std::string ChildProcess::readOutput(std::size_t size, std::chrono::milliseconds limit) {
+    (void)pumpUntil([&] { return _output.size() >= size; }, limit);  // what came, if less
+    return _output;
+}
+
 bool ChildProcess::waitForOutput(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _output, limit);
+    return pumpUntil([&] { return _output.find(part) != std::string::npos; }, limit);
 }
 
 bool ChildProcess::waitForError(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _errors, limit);
+    return pumpUntil([&] { return _errors.find(part) != std::string::npos; }, limit);
 }
 
 std::string ChildProcess::output() {
@@ -139,6 +148,12 @@ std::string ChildProcess::output() {
 std::string ChildProcess::errors() {
     pump(std::chrono::milliseconds(0));
     return _errors;
+}
+
+void ChildProcess::terminate() {
+    if (_pid > 0 && _status == -1) {
+        ::kill(_pid, SIGTERM);
+    }
 }
 
 int ChildProcess::wait(std::chrono::milliseconds limit) {
