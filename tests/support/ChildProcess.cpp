@@ -80,7 +80,23 @@ ChildProcess::~ChildProcess() {
     closeFd(_errorPipe);
 }
 
+// A child that has exited leaves its input pipe without a reader: the write fails with EPIPE.
+// SIGPIPE is blocked on this thread for the write and a pending one is taken back, so that the
+// test process is not killed and keeps its signal dispositions.
 bool ChildProcess::write(const std::string& data) {
+    sigset_t pipeSignal, previous;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
+    const bool written = writeAll(data);
+    const timespec now{0, 0};
+    while (sigtimedwait(&pipeSignal, nullptr, &now) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return written;
+}
+
+bool ChildProcess::writeAll(const std::string& data) {
     std::size_t done = 0;
     while (done < data.size()) {
         const ssize_t written = ::write(_input, data.data() + done, data.size() - done);

@@ -22,7 +22,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Writes to its standard input; closeInput() ends it.
+    // Writes to its standard input; false once it has stopped reading it. closeInput() ends it.
     bool write(const std::string& data);
     void closeInput();
     // Waits until its standard output (error) holds `part`; false after `limit`.
@@ -45,6 +45,7 @@ public:
     pid_t pid() const { return _pid; }
 
 private:
+    bool writeAll(const std::string& data);
     // Moves what its pipes hold into the buffers until `done` holds; false after `limit`.
     bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
     // Moves what its pipes hold into the buffers, waiting at most `limit` for something.
