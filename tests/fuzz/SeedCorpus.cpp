@@ -125,8 +125,7 @@ int main(int argc, char** argv) {
     const char* const addresses[] = {"127.0.0.1", "10.1.2.3", "255.255.255.255", "999.1.1.1",
                                      "1.2.3",     "0x7f.1",   " 1.2.3.4 x"};
     for (std::size_t i = 0; i < sizeof(addresses) / sizeof(addresses[0]); ++i) {
-        std::FILE* file = std::fopen((dir + "/comtools/" + std::to_string(i)).c_str(), "wb");
-        ok &= file != nullptr && std::fputs(addresses[i], file) >= 0 && std::fclose(file) == 0;
+        ok &= WriteFile(dir + "/comtools/" + std::to_string(i), addresses[i]);
     }
     return ok ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@ void closeFd(int& fd) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, unsigned long fileLimit) {
     int in[2], out[2], err[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
         ::pipe2(err, O_CLOEXEC) != 0) {
@@ -49,6 +50,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
             for (int fd = 3; fd < 4096; ++fd) {
                 ::close(fd);
             }
+        }
+        if (fileLimit > 0) {
+            const rlimit limit{fileLimit, fileLimit};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
         }
         ::execvp(args[0], args.data());
         ::_exit(127);
@@ -75,7 +80,23 @@ ChildProcess::~ChildProcess() {
     closeFd(_errorPipe);
 }
 
+// A child that has exited leaves its input pipe without a reader: the write fails with EPIPE.
+// SIGPIPE is blocked on this thread for the write and a pending one is taken back, so that the
+// test process is not killed and keeps its signal dispositions.
 bool ChildProcess::write(const std::string& data) {
+    sigset_t pipeSignal, previous;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
+    const bool written = writeAll(data);
+    const timespec now{0, 0};
+    while (sigtimedwait(&pipeSignal, nullptr, &now) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return written;
+}
+
+bool ChildProcess::writeAll(const std::string& data) {
     std::size_t done = 0;
     while (done < data.size()) {
         const ssize_t written = ::write(_input, data.data() + done, data.size() - done);
@@ -111,10 +132,9 @@ void ChildProcess::pump(std::chrono::milliseconds limit) {
     }
 }
 
-bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
-                           std::chrono::milliseconds limit) {
+bool ChildProcess::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    while (buffer.find(part) == std::string::npos) {
+    while (!done()) {
         if (Clock::now() >= deadline) {
             return false;
         }
@@ -123,12 +143,17 @@ bool ChildProcess::waitFor(const std::string& part, const std::string& buffer,
     return true;
 }
 
+std::string ChildProcess::readOutput(std::size_t size, std::chrono::milliseconds limit) {
+    (void)pumpUntil([&] { return _output.size() >= size; }, limit);  // what came, if less
+    return _output;
+}
+
 bool ChildProcess::waitForOutput(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _output, limit);
+    return pumpUntil([&] { return _output.find(part) != std::string::npos; }, limit);
 }
 
 bool ChildProcess::waitForError(const std::string& part, std::chrono::milliseconds limit) {
-    return waitFor(part, _errors, limit);
+    return pumpUntil([&] { return _errors.find(part) != std::string::npos; }, limit);
 }
 
 std::string ChildProcess::output() {
@@ -139,6 +164,12 @@ std::string ChildProcess::output() {
 std::string ChildProcess::errors() {
     pump(std::chrono::milliseconds(0));
     return _errors;
+}
+
+void ChildProcess::terminate() {
+    if (_pid > 0 && _status == -1) {
+        ::kill(_pid, SIGTERM);
+    }
 }
 
 int ChildProcess::wait(std::chrono::milliseconds limit) {

@@ -39,8 +39,9 @@ unsigned short boundPort(int fd) {
     return ntohs(address.sin_port);
 }
 
-// A raw listening socket on 127.0.0.1 with a port chosen by the system.
-RawFd rawListener(int backlog, unsigned short* port) {
+}  // namespace
+
+RawFd RawListener(unsigned short* port, int backlog) {
     RawFd listener(socket(AF_INET, SOCK_STREAM, 0));
     const sockaddr_in address = loopback(0);
     if (listener.get() < 0 ||
@@ -51,12 +52,6 @@ RawFd rawListener(int backlog, unsigned short* port) {
     }
     *port = boundPort(listener.get());
     return listener;
-}
-
-}  // namespace
-
-RawFd RawListener(unsigned short* port, int backlog) {
-    return rawListener(backlog, port);
 }
 
 RawFd RawConnect(unsigned short port) {
@@ -108,7 +103,7 @@ TCPSocketPair MakeTCPSocketPair(const VEL_SockOptions& clientOptions) {
 RawPair MakeRawPair() {
     RawPair pair;
     unsigned short port = 0;
-    RawFd listener = rawListener(1, &port);
+    RawFd listener = RawListener(&port, 1);
     if (listener.get() < 0) {
         return pair;
     }
@@ -123,7 +118,7 @@ RawPair MakeRawPair() {
 SocketWithPeer MakeSocketWithRawPeer(const VEL_SockOptions& options) {
     SocketWithPeer result;
     unsigned short port = 0;
-    RawFd listener = rawListener(1, &port);
+    RawFd listener = RawListener(&port, 1);
     if (listener.get() < 0) {
         return result;
     }
@@ -156,7 +151,7 @@ unsigned short ClosedPort(int type) {
 StalledListener::StalledListener() {
     // A backlog of 0 admits one finished connection; the filler takes it, and the system drops
     // the handshakes that follow.
-    _listener = rawListener(0, &_port);
+    _listener = RawListener(&_port, 0);
     if (_listener.get() >= 0) {
         _filler = RawConnect(_port);
     }

@@ -188,18 +188,10 @@ OpensslServer::OpensslServer(const std::string& cert, const std::string& key,
 
 std::unique_ptr<ChildProcess> OpensslClient(unsigned short port,
                                             const std::vector<std::string>& extra) {
-    std::vector<std::string> argv = {"openssl",
-                                     "s_client",
-                                     "-connect",
-                                     "127.0.0.1:" + std::to_string(port),
-                                     "-CAfile",
-                                     TLSFiles::Get().caCert,
-                                     "-servername",
-                                     "localhost",
-                                     "-verify_hostname",
-                                     "localhost",
-                                     "-verify_return_error",
-                                     "-quiet"};
+    std::vector<std::string> argv = {"openssl", "s_client", "-connect",
+                                     "127.0.0.1:" + std::to_string(port)};
+    argv.insert(argv.end(), {"-CAfile", TLSFiles::Get().caCert, "-servername", "localhost",
+                             "-verify_hostname", "localhost", "-verify_return_error", "-quiet"});
     argv.insert(argv.end(), extra.begin(), extra.end());
     return std::make_unique<ChildProcess>(argv);
 }

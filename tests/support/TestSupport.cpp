@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace veltest {
@@ -114,13 +115,10 @@ std::vector<std::string> RecordingSink::texts() const {
 }
 
 bool RecordingSink::contains(const std::string& part) const {
-    std::lock_guard<std::mutex> hold(_lock);
-    for (const Line& line : _lines) {
-        if (line.text.find(part) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<std::string> all = texts();
+    return std::any_of(all.begin(), all.end(), [&part](const std::string& text) {
+        return text.find(part) != std::string::npos;
+    });
 }
 
 void RecordingSink::clear() {

@@ -38,11 +38,6 @@ std::string oxl(std::uint32_t total, std::uint32_t check, std::uint16_t word, ch
     return Be32(total) + Be32(check) + Be16(word) + version + flag;
 }
 
-// An OXLv2 compression record: the tag 02 00 00 00 and the uncompressed length.
-std::string record(std::uint32_t uncompressed) {
-    return std::string("\x02\x00\x00\x00", 4) + Be32(uncompressed);
-}
-
 // A HOLM frame: the check word is computed (then `checkFlip` is XORed into it) and the total
 // length counts the parts (then `totalAdjust` is added).
 struct Holm {
@@ -225,7 +220,6 @@ TEST_F(DissectorRefusalTest, OXLv1HeadersAreJudgedAsTheLibraryJudgesThem) {
 TEST_F(DissectorRefusalTest, OXLv2HeadersAndBodiesAreJudgedAsTheLibraryJudgesThem) {
     const std::string body = "abcde";
     const std::string stream = veltest::Deflated(std::string(10, 'q'), 2);
-    const auto size = static_cast<std::uint32_t>(20 + stream.size());
     const std::vector<Case> cases{
             atHeader("length check off by one bit", oxl(17, ~17u ^ 1, 4, '2'), body,
                      kVELErr_BadStreamHeader, "oxlv2.bad_check"),
@@ -242,14 +236,12 @@ TEST_F(DissectorRefusalTest, OXLv2HeadersAndBodiesAreJudgedAsTheLibraryJudgesThe
             atHeader("body one byte above the maximum", oxl(1037, ~1037u, 4, '2'),
                      std::string(1025, 'x'), kVELErr_MessageTooBig, "oxlv2.too_big"),
             whole("uncompressed length above the maximum",
-                  oxl(size, ~size, 4, '2', 'C') + record(1025) + stream, kVELErr_MessageTooBig,
+                  veltest::CompressedOXLv2("", 1025, stream), kVELErr_MessageTooBig,
                   "oxlv2.record_too_big", stream),
-            whole("compressed body that is not zlib",
-                  oxl(28, ~28u, 4, '2', 'C') + record(10) + "not zlib", kVELErr_Uncompression,
-                  "oxlv2.not_inflated"),
-            whole("compressed body larger than announced",
-                  oxl(size, ~size, 4, '2', 'C') + record(3) + stream, kVELErr_Uncompression,
-                  "oxlv2.not_inflated"),
+            whole("compressed body that is not zlib", veltest::CompressedOXLv2("", 10, "not zlib"),
+                  kVELErr_Uncompression, "oxlv2.not_inflated"),
+            whole("compressed body larger than announced", veltest::CompressedOXLv2("", 3, stream),
+                  kVELErr_Uncompression, "oxlv2.not_inflated"),
             whole("body at the maximum", oxl(1036, ~1036u, 4, '2') + std::string(1024, 'x'),
                   kVELErr_Ok, ""),
     };

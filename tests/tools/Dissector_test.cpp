@@ -1,7 +1,6 @@
 // The Wireshark dissector (tools/wireshark/vel.lua) on conversations that velcat and the library
 // really held over loopback, recorded by a relay (see WireCapture.h) and read back from tshark's
 // JSON, frame by frame.
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -28,34 +27,6 @@ using veltest::VelcatProcess;
 using Strings = std::vector<std::string>;
 using Frames = std::vector<DissectedFrame>;
 
-// A velcat client with `options` talks to the server behind `relay`: it sends `lines` one at a
-// time, each once the echo of the previous one has come back (so that the capture holds request,
-// echo, request, echo...), or all at once when `together`.
-void converse(const RecordingRelay& relay, const Strings& options, const Strings& lines,
-              bool together = false) {
-    Strings args(options);
-    args.insert(args.end(),
-                {"-c", std::to_string(lines.size()), "127.0.0.1", std::to_string(relay.port())});
-    VelcatProcess client(args);
-    std::string echoed;
-    for (const std::string& line : lines) {
-        ASSERT_TRUE(client.write(line + "\n"));
-        echoed += line + "\n";
-        if (!together) {
-            ASSERT_EQ(client.readOutput(echoed.size()), echoed) << client.errors();
-        }
-    }
-    ASSERT_EQ(client.readOutput(echoed.size()), echoed) << client.errors();
-    client.closeInput();
-    EXPECT_EQ(client.wait(), 0) << client.errors();
-}
-
-std::string hex32(unsigned long value) {
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08lx", value & 0xFFFFFFFFul);
-    return text;
-}
-
 // The bytes a frame takes on the wire, from its own header.
 unsigned long frameSize(const DissectedFrame& frame) {
     if (frame.protocol == "oxlv5") {
@@ -73,8 +44,10 @@ std::string message(const DissectedFrame& frame) {
 class DissectorConversationTest : public veltest::DissectorTest {
 protected:
     // A velcat echo listener of `protocol` on 127.0.0.1 and a velcat client with `options`
-    // converse through a relay that records into `capture`, cutting both directions as asked.
-    // Returns the listener's port.
+    // converse through a relay that records into `capture`, cutting both directions as asked:
+    // the client sends `lines` one at a time, each once the echo of the previous one has come
+    // back (so that the capture holds request, echo, request, echo...), or all at once when
+    // `together`. Returns the listener's port.
     static unsigned short recordEcho(CaptureFile& capture, const std::string& protocol,
                                      const Strings& options, const Strings& lines,
                                      Cutting cutting = Cutting(), bool together = false) {
@@ -83,9 +56,21 @@ protected:
         EXPECT_NE(port, 0) << listener.errors();
         RecordingRelay relay(capture, port);
         relay.setCutting(cutting, cutting);
-        Strings clientOptions{"-p", protocol};
-        clientOptions.insert(clientOptions.end(), options.begin(), options.end());
-        converse(relay, clientOptions, lines, together);
+        Strings args{"-p", protocol, "-c", std::to_string(lines.size())};
+        args.insert(args.end(), options.begin(), options.end());
+        args.insert(args.end(), {"127.0.0.1", std::to_string(relay.port())});
+        VelcatProcess client(args);
+        std::string echoed;
+        for (const std::string& line : lines) {
+            EXPECT_TRUE(client.write(line + "\n"));
+            echoed += line + "\n";
+            if (!together) {
+                EXPECT_EQ(client.readOutput(echoed.size()), echoed) << client.errors();
+            }
+        }
+        EXPECT_EQ(client.readOutput(echoed.size()), echoed) << client.errors();
+        client.closeInput();
+        EXPECT_EQ(client.wait(), 0) << client.errors();
         EXPECT_TRUE(relay.waitForEnded(1));
         return port;
     }
@@ -139,7 +124,7 @@ TEST_F(DissectorConversationTest, OXLv1FramesShowEveryFieldUnderPortPreferenceOr
         const std::string& body = lines[i / 2];
         EXPECT_EQ(frame.sourcePort == port, i % 2 == 1);  // request, then its echo
         EXPECT_EQ(frame.number("oxlv1.total_length"), body.size() + 12);
-        EXPECT_EQ(frame["oxlv1.length_check"], hex32(~(body.size() + 12)));
+        EXPECT_EQ(frame.number("oxlv1.length_check"), ~(body.size() + 12) & 0xFFFFFFFFul);
         EXPECT_EQ(frame["oxlv1.marker"], "32");
         EXPECT_EQ(frame["oxlv1.version"], "0x31");
         EXPECT_EQ(frame["oxlv1.reserved"], "0x00");

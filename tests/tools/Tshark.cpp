@@ -1,7 +1,6 @@
 #include "Tshark.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -36,7 +35,9 @@ void flatten(const ptree& node, std::vector<std::pair<std::string, std::string>>
     }
 }
 
-unsigned toNumber(const std::string& text) {
+// The value of `field` (a path in tshark's JSON) in `layer`, as a number.
+unsigned numberIn(const ptree& layer, const char* field, const char* absent = "0") {
+    const std::string text = layer.get<std::string>(ptree::path_type(field, '/'), absent);
     return static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 0));
 }
 
@@ -68,91 +69,6 @@ std::vector<std::string> DissectedFrame::experts() const {
     return names;
 }
 
-std::string FindTshark() {
-    const char* path = std::getenv("PATH");
-    std::istringstream folders(path != nullptr ? path : "/usr/bin:/bin");
-    std::string folder;
-    while (std::getline(folders, folder, ':')) {
-        const std::string candidate = folder + "/tshark";
-        if (!folder.empty() && ::access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
-        }
-    }
-    return "";
-}
-
-TsharkResult RunTshark(const std::string& tshark, const std::string& workDir,
-                       const std::vector<std::string>& arguments) {
-    const std::string config = workDir + "/wireshark-config";
-    (void)::mkdir(config.c_str(), 0700);  // it may exist from an earlier run
-    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, tshark, "-X",
-                                  std::string("lua_script:") + VEL_DISSECTOR_PATH};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    ChildProcess child(argv);
-    child.closeInput();
-    TsharkResult result;
-    result.status = child.wait(std::chrono::seconds(30));
-    EXPECT_NE(result.status, -1) << "tshark still runs after 30 s: killed";
-    result.output = child.output();
-    result.errors = child.errors();
-    return result;
-}
-
-std::vector<DissectedFrame> Dissect(const std::string& tshark, const std::string& workDir,
-                                    const std::string& capture,
-                                    const std::vector<std::string>& options) {
-    std::vector<std::string> arguments{"-r", capture, "-T", "json"};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    const TsharkResult run = RunTshark(tshark, workDir, arguments);
-    std::vector<DissectedFrame> frames;
-    if (run.status != 0 || run.errors.find("Lua") != std::string::npos) {
-        ADD_FAILURE() << "tshark exited with " << run.status << ":\n" << run.errors;
-        return frames;
-    }
-    ptree packets;
-    try {
-        std::istringstream json(run.output);
-        boost::property_tree::read_json(json, packets);
-    } catch (const boost::property_tree::json_parser_error& error) {
-        ADD_FAILURE() << "tshark's output is not JSON: " << error.what();
-        return frames;
-    }
-    for (const auto& packet : packets) {
-        const ptree& layers = packet.second.get_child("_source.layers");
-        unsigned packetNumber = 0;
-        unsigned stream = 0;
-        unsigned sourcePort = 0;
-        unsigned segments = 1;
-        for (const auto& layer : layers) {
-            if (layer.first == "frame") {
-                packetNumber = toNumber(
-                        layer.second.get<std::string>(ptree::path_type("frame.number", '/'), "0"));
-            } else if (layer.first == "tcp") {
-                stream = toNumber(
-                        layer.second.get<std::string>(ptree::path_type("tcp.stream", '/'), "0"));
-                sourcePort = toNumber(
-                        layer.second.get<std::string>(ptree::path_type("tcp.srcport", '/'), "0"));
-            } else if (layer.first == "tcp.segments") {
-                segments = toNumber(layer.second.get<std::string>(
-                        ptree::path_type("tcp.segment.count", '/'), "1"));
-            }
-            for (const char* protocol : kProtocols) {
-                if (layer.first == protocol) {
-                    DissectedFrame frame;
-                    frame.protocol = protocol;
-                    frame.packet = packetNumber;
-                    frame.stream = stream;
-                    frame.sourcePort = sourcePort;
-                    frame.segments = segments;
-                    flatten(layer.second, frame.fields);
-                    frames.push_back(std::move(frame));
-                }
-            }
-        }
-    }
-    return frames;
-}
-
 std::string ShownBytes(const std::string& bytes) {
     std::string text;
     char pair[4];
@@ -174,8 +90,7 @@ std::vector<DissectedFrame> OfStream(const std::vector<DissectedFrame>& frames, 
 }
 
 void DissectorTest::SetUp() {
-    _tshark = FindTshark();
-    if (_tshark.empty()) {
+    if (RunCommand({"sh", "-c", "command -v tshark"}) != 0) {
         GTEST_SKIP() << "tshark is not installed (apt-get install tshark): the Wireshark "
                         "dissector is not checked";
     }
@@ -200,11 +115,60 @@ std::vector<DissectedFrame> DissectorTest::dissect(const CaptureFile& capture,
                                                    const std::vector<std::string>& options,
                                                    std::size_t skip) {
     EXPECT_TRUE(capture.save(capturePath(), skip));
-    return Dissect(_tshark, _work, capturePath(), options);
+    std::vector<std::string> arguments{"-r", capturePath(), "-T", "json"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const TsharkResult result = run(arguments);
+    std::vector<DissectedFrame> frames;
+    if (result.status != 0 || result.errors.find("Lua") != std::string::npos) {
+        ADD_FAILURE() << "tshark exited with " << result.status << ":\n" << result.errors;
+        return frames;
+    }
+    ptree packets;
+    try {
+        std::istringstream json(result.output);
+        boost::property_tree::read_json(json, packets);
+    } catch (const boost::property_tree::json_parser_error& error) {
+        ADD_FAILURE() << "tshark's output is not JSON: " << error.what();
+        return frames;
+    }
+    for (const auto& packet : packets) {
+        DissectedFrame shown;  // the packet's numbers, copied into each vel frame it shows
+        for (const auto& layer : packet.second.get_child("_source.layers")) {
+            if (layer.first == "frame") {
+                shown.packet = numberIn(layer.second, "frame.number");
+            } else if (layer.first == "tcp") {
+                shown.stream = numberIn(layer.second, "tcp.stream");
+                shown.sourcePort = numberIn(layer.second, "tcp.srcport");
+            } else if (layer.first == "tcp.segments") {
+                shown.segments = numberIn(layer.second, "tcp.segment.count", "1");
+            }
+            for (const char* protocol : kProtocols) {
+                if (layer.first == protocol) {
+                    DissectedFrame frame = shown;
+                    frame.protocol = protocol;
+                    flatten(layer.second, frame.fields);
+                    frames.push_back(std::move(frame));
+                }
+            }
+        }
+    }
+    return frames;
 }
 
 TsharkResult DissectorTest::run(const std::vector<std::string>& arguments) {
-    return RunTshark(_tshark, _work, arguments);
+    const std::string config = _work + "/wireshark-config";
+    (void)::mkdir(config.c_str(), 0700);  // it may exist from an earlier run
+    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, "tshark", "-X",
+                                  std::string("lua_script:") + VEL_DISSECTOR_PATH};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    ChildProcess child(argv);
+    child.closeInput();
+    TsharkResult result;
+    result.status = child.wait(std::chrono::seconds(30));
+    EXPECT_NE(result.status, -1) << "tshark still runs after 30 s: killed";
+    result.output = child.output();
+    result.errors = child.errors();
+    return result;
 }
 
 }  // namespace veltest

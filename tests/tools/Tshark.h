@@ -41,21 +41,6 @@ struct TsharkResult {
     std::string errors;
 };
 
-// The tshark program on the PATH, "" when it is not installed.
-std::string FindTshark();
-
-// Runs `tshark` with the dissector loaded, `arguments` after it, and an empty configuration
-// directory under `workDir` (so that no personal preference changes what it shows). Bounded to
-// 30 s, after which it is killed.
-TsharkResult RunTshark(const std::string& tshark, const std::string& workDir,
-                       const std::vector<std::string>& arguments);
-
-// The vel frames of `capture` dissected with `options` (-o, -d ...), in capture order; fails
-// the calling test when tshark fails or prints something that is not JSON.
-std::vector<DissectedFrame> Dissect(const std::string& tshark, const std::string& workDir,
-                                    const std::string& capture,
-                                    const std::vector<std::string>& options);
-
 // Bytes as tshark's JSON shows them: lowercase hex pairs joined by colons.
 std::string ShownBytes(const std::string& bytes);
 
@@ -68,15 +53,19 @@ class DissectorTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-    // Saves `capture` (without its first `skip` packets) and dissects it with `options`.
+    // Saves `capture` (without its first `skip` packets) and returns its vel frames dissected
+    // with `options` (-o, -d ...), in capture order; fails the calling test when tshark fails or
+    // prints something that is not JSON.
     std::vector<DissectedFrame> dissect(const CaptureFile& capture,
                                         const std::vector<std::string>& options,
                                         std::size_t skip = 0);
+    // Runs tshark with the dissector loaded, `arguments` after it, and an empty configuration
+    // directory (so that no personal preference changes what it shows). Bounded to 30 s, after
+    // which it is killed.
     TsharkResult run(const std::vector<std::string>& arguments);
     std::string capturePath() const { return _work + "/capture.pcap"; }
 
 private:
-    std::string _tshark;
     std::string _work;
 };
 

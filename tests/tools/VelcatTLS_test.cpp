@@ -33,50 +33,42 @@ Strings operator+(Strings left, const Strings& right) {
     return left;
 }
 
-// The client and the pipe client (in both modes) against s_server: a line goes out as a frame,
-// and two frames that s_server writes at once (one record: the second is decrypted with the
-// first, and its descriptor has nothing more to report) are both printed at once.
-TEST(VelcatTLSTest, ClientAndPipeExchangeFramesWithOpensslServer) {
+// The client and the pipe client (in both modes) against s_server, and an insecure client against
+// an untrusted one (with a warning): a line goes out as a frame, and two frames that s_server
+// writes at once (one record: the second is decrypted with the first, and its descriptor has
+// nothing more to report) are both printed at once.
+TEST(VelcatTLSTest, ClientsExchangeFramesWithOpensslServer) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
-    for (const Strings& mode : {Strings{}, Strings{"--pipe"}, Strings{"--failover", "--pipe"}}) {
-        SCOPED_TRACE(mode.empty() ? "client" : mode.front());
-        OpensslServer server(files.serverCert, files.serverKey);
+    const Strings trusting = {"--ca", files.caCert};
+    const struct {
+        Strings options;
+        std::string cert, key;
+    } modes[] = {{trusting, files.serverCert, files.serverKey},
+                 {trusting + Strings{"--pipe"}, files.serverCert, files.serverKey},
+                 {trusting + Strings{"--failover", "--pipe"}, files.serverCert, files.serverKey},
+                 {{"--insecure"}, files.selfSignedCert, files.selfSignedKey}};
+    for (const auto& mode : modes) {
+        SCOPED_TRACE(mode.options.back());
+        OpensslServer server(mode.cert, mode.key);
         ASSERT_NE(server.port, 0) << server.process().errors();
         const std::string port = std::to_string(server.port);
-        const Strings target =
-                mode.empty() ? Strings{"localhost", port} : mode + Strings{"localhost:" + port};
-        VelcatProcess velcat(Strings{"--tls", "--ca", files.caCert, "-c", "2"} + target);
+        const Strings target = mode.options.back() == "--pipe" ? Strings{"localhost:" + port}
+                                                               : Strings{"localhost", port};
+        VelcatProcess velcat(Strings{"--tls", "-c", "2"} + mode.options + target);
         ASSERT_TRUE(velcat.write("hello over tls\n"));
         EXPECT_TRUE(server.process().waitForOutput(kHello)) << server.process().output();
         ASSERT_TRUE(server.process().write(kReply + kSecond));
         EXPECT_EQ(velcat.readOutput(13), "reply\nsecond\n");
         EXPECT_EQ(velcat.wait(), 0) << velcat.errors();  // -c 2: done, input still open
+        EXPECT_EQ(velcat.errors().find("warning: --insecure") != std::string::npos,
+                  mode.options.back() == "--insecure");
     }
 }
 
-// The listener (-e) and s_client: a frame each way.
-TEST(VelcatTLSTest, ListenerExchangesFramesWithOpensslClient) {
-    const TLSFiles& files = TLSFiles::Get();
-    ASSERT_TRUE(files.made);
-    VelcatProcess listener({"--tls", "--cert", files.serverCert, "--key", files.serverKey, "-l",
-                            "-e", "-s", "127.0.0.1", "0"});
-    const unsigned short port = listener.listeningPort();
-    ASSERT_NE(port, 0) << listener.errors();
-    EXPECT_NE(listener.errors().find("(oxl1 over TLS, epoll)"), std::string::npos);
-    const std::unique_ptr<ChildProcess> peer = veltest::OpensslClient(port);
-    ASSERT_TRUE(peer->write(kHello));
-    EXPECT_TRUE(peer->waitForOutput(kHello)) << peer->errors();
-    listener.terminate();
-    EXPECT_EQ(listener.wait(), 0);
-    EXPECT_NE(listener.errors().find("stopped: 1 connections, 1 messages, 0 closed on errors"),
-              std::string::npos)
-            << listener.errors();
-}
-
 // A listener that requires client certificates (--ca), and the peers it must refuse: each one's
-// handshake fails with its status and reason, said on stderr, and a good client is served after
-// them all by the same listener.
+// handshake fails with its status and reason, said on stderr, and good clients (s_client and
+// velcat) are served after them all by the same listener.
 TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
@@ -84,6 +76,7 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
                             files.caCert, "-l", "-e", "-s", "127.0.0.1", "0"});
     const unsigned short port = listener.listeningPort();
     ASSERT_NE(port, 0) << listener.errors();
+    EXPECT_NE(listener.errors().find("(oxl1 over TLS, epoll)"), std::string::npos);
     const Strings certified = {"-cert", files.clientCert, "-key", files.clientKey};
     using Kept = std::shared_ptr<void>;
     const auto openssl = [port](const Strings& options) {
@@ -127,6 +120,9 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
                 << listener.errors();
         EXPECT_TRUE(listener.waitForError("> closed: " + bad.said)) << listener.errors();
     }
+    const std::unique_ptr<ChildProcess> peer = veltest::OpensslClient(port, certified);
+    ASSERT_TRUE(peer->write(kHello));
+    EXPECT_TRUE(peer->waitForOutput(kHello)) << peer->errors();
     VelcatProcess good({"--tls", "--ca", files.caCert, "--cert", files.clientCert, "--key",
                         files.clientKey, "-c", "1", "127.0.0.1", std::to_string(port)});
     ASSERT_TRUE(good.write("still served\n"));
@@ -134,20 +130,23 @@ TEST(VelcatTLSTest, ListenerRefusesBadPeersClearlyAndServesTheOthers) {
     EXPECT_EQ(good.wait(), 0) << good.errors();
     listener.terminate();
     EXPECT_EQ(listener.wait(), 0);
-    EXPECT_NE(listener.errors().find("stopped: 7 connections, 1 messages, 6 closed on errors"),
+    EXPECT_NE(listener.errors().find("stopped: 8 connections, 2 messages, 6 closed on errors"),
               std::string::npos)
             << listener.errors();
 }
 
-// The servers the client must refuse, the mistakes on its command line, and what velcat says.
-struct Refusal {
-    const char* name;
-    std::function<std::unique_ptr<OpensslServer>()> server;  // null: none needed
-    Strings options;                                         // before HOST PORT, or "--pipe"
-    int status;
-    Strings said;  // parts of standard error
-};
+// velcat with `args` after --tls, its input closed: it exits with `status` and says each of `said`.
+void expectExit(const Strings& args, int status, const Strings& said) {
+    VelcatProcess velcat(Strings{"--tls"} + args);
+    velcat.closeInput();
+    EXPECT_EQ(velcat.wait(), status);
+    for (const std::string& part : said) {
+        EXPECT_NE(velcat.errors().find(part), std::string::npos) << velcat.errors();
+    }
+}
 
+// The servers the client must refuse (it exits 1 and says why), then the mistakes on its command
+// line.
 TEST(VelcatTLSTest, ClientRefusalsAndMistakesAreSaidClearly) {
     const TLSFiles& files = TLSFiles::Get();
     ASSERT_TRUE(files.made);
@@ -155,92 +154,53 @@ TEST(VelcatTLSTest, ClientRefusalsAndMistakesAreSaidClearly) {
                             const Strings& extra = {}) {
         return [cert, key, extra] { return std::make_unique<OpensslServer>(cert, key, extra); };
     };
-    const Strings trusting = {"--ca", files.caCert};
-    const Refusal cases[] = {
+    const struct {
+        const char* name;
+        std::function<std::unique_ptr<OpensslServer>()> server;
+        bool pipe;
+        Strings said;  // parts of standard error
+    } refusals[] = {
             {"expired",
              serving(files.expiredCert, files.serverKey),
-             trusting,
-             1,
+             false,
              {"cannot connect to localhost port ",
               ": TLS certificate refused {0} [402] (certificate verify failed: certificate has "
               "expired)"}},
             {"untrusted",
              serving(files.selfSignedCert, files.selfSignedKey),
-             trusting,
-             1,
+             false,
              {"TLS certificate refused {0} [402] (certificate verify failed: self-signed "
               "certificate)"}},
             {"wrong host name",
              serving(files.otherNameCert, files.serverKey),
-             trusting,
-             1,
+             false,
              {"TLS certificate refused {0} [402] (certificate verify failed: hostname mismatch)"}},
             {"TLS 1.0 offered",
              serving(files.serverCert, files.serverKey, veltest::kOfferTLS10Only),
-             trusting,
-             1,
+             false,
              {"TLS handshake failed {0} [401] (", "protocol version)"}},
             {"pipe to an untrusted server",
              serving(files.selfSignedCert, files.selfSignedKey),
-             trusting + Strings{"--pipe"},
-             1,
+             true,
              {"no endpoint of the pipe answers: No connection available within the pipe",
               "; the last attempt: TLS certificate refused {0} [402] (certificate verify "
               "failed: self-signed certificate)"}},
-            {"unreadable CA file",
-             nullptr,
-             {"--ca", files.dir + "/absent.pem"},
-             1,
-             {"cannot use " + files.dir + "/absent.pem: Cannot open file"}},
-            {"key without certificate",
-             nullptr,
-             {"--key", files.clientKey},
-             2,
-             {"--cert and --key go together"}},
-            {"listener without certificate",
-             nullptr,
-             {"-l"},
-             2,
-             {"a TLS listener needs --cert and --key"}},
-            {"insecure listener",
-             nullptr,
-             {"-l", "--insecure", "--cert", files.serverCert, "--key", files.serverKey},
-             2,
-             {"--insecure is for clients"}},
     };
-    for (const Refusal& c : cases) {
+    for (const auto& c : refusals) {
         SCOPED_TRACE(c.name);
-        const std::unique_ptr<OpensslServer> server = c.server ? c.server() : nullptr;
-        ASSERT_TRUE(!server || server->port != 0) << server->process().errors();
-        const std::string port = server ? std::to_string(server->port) : "1";
-        Strings args = Strings{"--tls"} + c.options;
-        if (c.options.back() == "--pipe") {
-            args.push_back("localhost:" + port);
-        } else if (c.options.front() == "-l") {
-            args.push_back("0");
-        } else {
-            args.insert(args.end(), {"localhost", port});
-        }
-        VelcatProcess velcat(args);
-        velcat.closeInput();
-        EXPECT_EQ(velcat.wait(), c.status);
-        for (const std::string& part : c.said) {
-            EXPECT_NE(velcat.errors().find(part), std::string::npos) << velcat.errors();
-        }
+        const std::unique_ptr<OpensslServer> server = c.server();
+        ASSERT_NE(server->port, 0) << server->process().errors();
+        const std::string port = std::to_string(server->port);
+        expectExit(Strings{"--ca", files.caCert} + (c.pipe ? Strings{"--pipe", "localhost:" + port}
+                                                           : Strings{"localhost", port}),
+                   1, c.said);
     }
-}
-
-TEST(VelcatTLSTest, InsecureClientWarnsAndTalksToAnyServer) {
-    const TLSFiles& files = TLSFiles::Get();
-    ASSERT_TRUE(files.made);
-    OpensslServer server(files.selfSignedCert, files.selfSignedKey);
-    ASSERT_NE(server.port, 0) << server.process().errors();
-    VelcatProcess velcat({"--tls", "--insecure", "127.0.0.1", std::to_string(server.port)});
-    ASSERT_TRUE(velcat.write("x\n"));
-    EXPECT_TRUE(server.process().waitForOutput(Hex("0000000D FFFFFFF2 0020 31 00") + "x"));
-    EXPECT_TRUE(velcat.waitForError("warning: --insecure"));
-    velcat.closeInput();
-    EXPECT_EQ(velcat.wait(), 0) << velcat.errors();
+    expectExit({"--ca", files.dir + "/absent.pem", "localhost", "1"}, 1,
+               {"cannot use " + files.dir + "/absent.pem: Cannot open file"});
+    expectExit({"--key", files.clientKey, "localhost", "1"}, 2, {"--cert and --key go together"});
+    expectExit({"-l", "0"}, 2, {"a TLS listener needs --cert and --key"});
+    expectExit({"-l", "--insecure", "--cert", files.serverCert, "--key", files.serverKey, "0"}, 2,
+               {"--insecure is for clients"});
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <iterator>
@@ -13,9 +11,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "MemorySocket.h"
+#include "ReactorSupport.h"
 #include "SocketSupport.h"
 #include "TLSSupport.h"
 #include "TestSupport.h"
@@ -25,15 +23,12 @@
 
 namespace {
 
+using veltest::Be16;
 using veltest::Be32;
 using veltest::VelcatProcess;
 using Strings = std::vector<std::string>;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-std::string be16(std::uint32_t value) {
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
 
 // Words of `line`, split at blanks: a command line.
 Strings words(const std::string& line) {
@@ -44,39 +39,26 @@ Strings words(const std::string& line) {
 // An OXLv1 ('1', flag word 32) or uncompressed OXLv2 ('2', flag word 4) frame.
 std::string oxlFrame(char version, const std::string& body) {
     const auto total = static_cast<std::uint32_t>(body.size() + 12);
-    return Be32(total) + Be32(~total) + be16(version == '1' ? 32 : 4) + version +
+    return Be32(total) + Be32(~total) + Be16(version == '1' ? 32 : 4) + version +
            std::string(1, '\0') + body;
 }
 
 std::string oxl5Frame(const std::string& body) {
-    return be16(static_cast<std::uint32_t>(body.size())) + body;
+    return Be16(static_cast<std::uint16_t>(body.size())) + body;
 }
 
-// A plain HOLM frame: magic, version, lengths, the check word that makes the first seven words
-// XOR to 0, and nothing else set.
+// A plain HOLM frame: magic, version, lengths, the check word and nothing else set.
 std::string holmFrame(const std::string& body) {
     const auto size = static_cast<std::uint32_t>(body.size());
-    const std::string words = be16(0x484F) + be16(0x0100) + Be32(28 + size) + Be32(size);
-    std::uint32_t check = 0;
-    for (std::size_t i = 0; i < words.size(); i += 2) {
-        check ^= static_cast<unsigned char>(words[i]) << 8 |
-                 static_cast<unsigned char>(words[i + 1]);
-    }
-    return words + be16(check) + std::string(14, '\0') + body;
+    return veltest::WithHOLMCheck(Be16(0x484F) + Be16(0x0100) + Be32(28 + size) + Be32(size) +
+                                  std::string(16, '\0')) +
+           body;
 }
 
-// A compressed OXLv2 frame: the 'C' flag, the record 02 00 00 00 + plain length, then the body
-// compressed by zlib at level 2, as the compressing protocols do.
+// A compressed OXLv2 frame whose body zlib compressed at level 2, as the compressing protocols do.
 std::string oxl2CompressedFrame(const std::string& body) {
-    std::string stream(compressBound(body.size()), '\0');
-    uLongf length = stream.size();
-    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
-                        reinterpret_cast<const Bytef*>(body.data()), body.size(), 2),
-              Z_OK);
-    stream.resize(length);
-    const auto total = static_cast<std::uint32_t>(stream.size() + 20);
-    return Be32(total) + Be32(~total) + be16(4) + "2C" + Be32(0x02000000) +
-           Be32(static_cast<std::uint32_t>(body.size())) + stream;
+    return veltest::CompressedOXLv2("", static_cast<std::uint32_t>(body.size()),
+                                    veltest::Deflated(body, 2));
 }
 
 // A body that compresses well.
@@ -91,15 +73,25 @@ std::string statusText(VELErr_t code) {
 // True once the peer has closed `fd` (end of stream or reset) within 10 s; what arrives before
 // is read away.
 bool closedByPeer(int fd) {
-    const auto deadline = std::chrono::steady_clock::now() + seconds(10);
-    char chunk[4096];
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, 50) == 1 && ::recv(fd, chunk, sizeof(chunk), 0) <= 0) {
-            return true;
-        }
+    return veltest::WaitFor([fd] { return !veltest::Drain(fd); });
+}
+
+// How many times `part` occurs in `text`.
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
+        ++found;
     }
-    return false;
+    return found;
+}
+
+// The next connection to `acceptor`, waited for at most 10 s (empty when none came).
+std::unique_ptr<VEL_Socket> acceptOne(VEL_TCPAcceptor& acceptor) {
+    const basis::TimeValue limit(10, 0);
+    VEL_Socket* accepted = nullptr;
+    EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
+    EXPECT_EQ(acceptor.accept(accepted), kVELErr_Ok);
+    return std::unique_ptr<VEL_Socket>(accepted);
 }
 
 // A listener on 127.0.0.1 with `options`, on the given port or one chosen by the system.
@@ -198,11 +190,8 @@ TEST(VelcatTest, ClientSendsAndReadsFramesAsBuiltByHand) {
                                    " 127.0.0.1 " +
                                    std::to_string(acceptor.getLocalAddr().getPort())));
         ASSERT_TRUE(client.write(kLine + "\n"));
-        const basis::TimeValue limit(10, 0);
-        VEL_Socket* accepted = nullptr;
-        ASSERT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok) << client.errors();
-        ASSERT_EQ(acceptor.accept(accepted), kVELErr_Ok);
-        std::unique_ptr<VEL_Socket> peer(accepted);
+        const std::unique_ptr<VEL_Socket> peer = acceptOne(acceptor);
+        ASSERT_TRUE(peer) << client.errors();
         const std::string sent = veltest::ReadExactly(veltest::Fd(*peer), each.sent.size());
         EXPECT_TRUE(each.reply.empty() ? sent.compare(0, 4, each.sent, 0, 4) == 0 &&
                                                  sent.compare(16, 8, each.sent, 16, 8) == 0
@@ -234,13 +223,13 @@ TEST(VelcatTest, BadPeersAreClosedWhileAnotherClientIsServed) {
         bool cut;  // the peer closes after its bytes; otherwise it waits to be closed
         VELErr_t traced;
     } cases[] = {
-            {"bad marker", header + be16(33) + "1" + std::string(1, '\0'), false,
+            {"bad marker", header + Be16(33) + "1" + std::string(1, '\0'), false,
              kVELErr_BadStreamHeader},
-            {"bad check", Be32(16) + Be32(16) + be16(32) + "1" + std::string(5, '\0'), false,
+            {"bad check", Be32(16) + Be32(16) + Be16(32) + "1" + std::string(5, '\0'), false,
              kVELErr_BadStreamHeader},
             {"body above -m", oxlFrame('1', std::string(1001, 'x')), false, kVELErr_MessageTooBig},
             {"total below the header",
-             Be32(11) + Be32(~11u) + be16(32) + "1" + std::string(1, '\0'), false,
+             Be32(11) + Be32(~11u) + Be16(32) + "1" + std::string(1, '\0'), false,
              kVELErr_MessageTooBig},
             {"cut mid-frame", oxlFrame('1', std::string(100, 'c')).substr(0, 40), true,
              kVELErr_SockHalfClosed},
@@ -282,12 +271,10 @@ TEST(VelcatTest, StopsAtOnceOnSIGTERMWhateverItsPeersDo) {
     veltest::RawFd stalled = veltest::RawConnect(port);
     ASSERT_TRUE(veltest::WriteAll(stalled.get(), frame.substr(0, 20)));
     veltest::RawFd dripping = veltest::RawConnect(port);
-    std::atomic<bool> stop{false};
-    std::thread dripper([&] {
-        for (std::size_t at = 0; !stop.load() && at < frame.size(); ++at) {
-            (void)::send(dripping.get(), &frame[at], 1, MSG_NOSIGNAL);
-            std::this_thread::sleep_for(milliseconds(50));
-        }
+    std::size_t dripped = 0;  // one byte every 50 ms until the listener stops
+    veltest::Paced dripper(milliseconds(50), seconds(60), [&] {
+        return ::send(dripping.get(), &frame[dripped], 1, MSG_NOSIGNAL) == 1 &&
+               ++dripped < frame.size();
     });
     veltest::RawFd deaf = veltest::RawConnect(port);
     const std::string large = oxlFrame('1', std::string(8 << 20, 'z'));
@@ -304,8 +291,6 @@ TEST(VelcatTest, StopsAtOnceOnSIGTERMWhateverItsPeersDo) {
     EXPECT_LE(took, milliseconds(1500));
     EXPECT_NE(listener->errors().find("velcat: stopped: 5 connections, "), std::string::npos)
             << listener->errors();
-    stop = true;
-    dripper.join();
     (void)::shutdown(deaf.get(), SHUT_RDWR);
     deafWriter.join();
 }
@@ -329,12 +314,8 @@ TEST(VelcatTest, AFullSelectListenerSaysItRefusesConnections) {
         EXPECT_EQ(veltest::ReadExactly(clients[i].get(), 16), oxlFrame('1', "held"));
     }
     const std::string errors = listener->errors();
-    std::size_t lines = 0;
-    for (std::size_t at = 0; (at = errors.find("refused a connection", at)) != std::string::npos;
-         ++at) {
-        ++lines;
-    }
-    EXPECT_LT(lines, 20u) << "one line per refusal: " << errors;
+    EXPECT_LT(occurrences(errors, "refused a connection"), 20u)
+            << "one line per refusal: " << errors;
     EXPECT_NE(errors.find("select back end holds 2048 handlers, its own 2 sockets included"),
               std::string::npos)
             << errors;
@@ -371,14 +352,7 @@ TEST(VelcatTest, PipeModeMovesBetweenListenersAtOnce) {
             return client.waitForError("Discard a connection = 127.0.0.1:" +
                                        std::to_string(port)) &&
                    (!failover || veltest::WaitFor([&] {
-                       std::size_t found = 0;
-                       const std::string errors = client.errors();
-                       for (std::size_t at = 0;
-                            (at = errors.find("New connection = ", at)) != std::string::npos;
-                            ++at) {
-                           ++found;
-                       }
-                       return found >= count;
+                       return occurrences(client.errors(), "New connection = ") >= count;
                    }));
         };
         ASSERT_TRUE(client.write("one\n"));
@@ -471,15 +445,8 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
     VEL_TCPAcceptor acceptor(0, "127.0.0.1");
     ASSERT_EQ(acceptor.open(), kVELErr_Ok);
     const std::string port = std::to_string(acceptor.getLocalAddr().getPort());
-    const auto acceptClient = [&acceptor] {
-        const basis::TimeValue limit(10, 0);
-        VEL_Socket* accepted = nullptr;
-        EXPECT_EQ(acceptor.waitForRead(&limit), kVELErr_Ok);
-        EXPECT_EQ(acceptor.accept(accepted), kVELErr_Ok);
-        return std::unique_ptr<VEL_Socket>(accepted);
-    };
     VelcatProcess tooBig(words("-p oxl5 -m 1000 -c 1 127.0.0.1 " + port));
-    std::unique_ptr<VEL_Socket> peer = acceptClient();
+    std::unique_ptr<VEL_Socket> peer = acceptOne(acceptor);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(veltest::WriteAll(veltest::Fd(*peer), oxl5Frame(std::string(2000, 'b'))));
     EXPECT_EQ(tooBig.wait(), 1);
@@ -487,7 +454,7 @@ TEST(VelcatTest, CommandLineErrorsExitTwoAndRuntimeFailuresOne) {
               std::string::npos)
             << tooBig.errors();
     VelcatProcess unanswered(words("-w 1 -c 2 127.0.0.1 " + port));
-    peer = acceptClient();
+    peer = acceptOne(acceptor);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(unanswered.write("one\n"));
     EXPECT_EQ(veltest::ReadExactly(veltest::Fd(*peer), 15), oxlFrame('1', "one"));

@@ -53,7 +53,12 @@ std::uint16_t checksum(const std::string& bytes, std::uint32_t sum = 0) {
     return static_cast<std::uint16_t>(~sum);
 }
 
-Endpoint endpointOf(const sockaddr_in& address) {
+// The local end of a connected descriptor, or its peer's (zeros on failure).
+Endpoint endpointOf(int fd, bool peer) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    (void)(peer ? ::getpeername : ::getsockname)(fd, reinterpret_cast<sockaddr*>(&address),
+                                                 &length);
     return Endpoint{ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
@@ -63,20 +68,6 @@ void noDelay(int fd) {
 }
 
 }  // namespace
-
-Endpoint LocalEndpoint(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    (void)::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);  // zeros on failure
-    return endpointOf(address);
-}
-
-Endpoint PeerEndpoint(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    (void)::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length);  // zeros on failure
-    return endpointOf(address);
-}
 
 std::size_t CaptureFile::open(Endpoint client, Endpoint server) {
     std::lock_guard<std::mutex> hold(_lock);
@@ -97,14 +88,9 @@ void CaptureFile::segment(std::size_t connection, bool fromClient, const std::st
     frame(_connections.at(connection), fromClient, kPsh | kAck, bytes);
 }
 
-void CaptureFile::finish(std::size_t connection, bool fromClient) {
+void CaptureFile::end(std::size_t connection, bool fromClient, bool abort) {
     std::lock_guard<std::mutex> hold(_lock);
-    frame(_connections.at(connection), fromClient, kFin | kAck, "");
-}
-
-void CaptureFile::reset(std::size_t connection, bool fromClient) {
-    std::lock_guard<std::mutex> hold(_lock);
-    frame(_connections.at(connection), fromClient, kRst | kAck, "");
+    frame(_connections.at(connection), fromClient, (abort ? kRst : kFin) | kAck, "");
 }
 
 void CaptureFile::frame(Connection& connection, bool fromClient, std::uint8_t flags,
@@ -176,17 +162,11 @@ struct RecordingRelay::Link {
 
 RecordingRelay::RecordingRelay(CaptureFile& capture, std::uint16_t serverPort)
     : _capture(capture), _serverPort(serverPort) {
-    _listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (_listener < 0 ||
-        ::bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(_listener, 16) != 0 || ::pipe2(_wake, O_CLOEXEC) != 0) {
+    _listener = RawListener(&_port).release();
+    if (_listener < 0 || ::pipe2(_wake, O_CLOEXEC) != 0) {
         ADD_FAILURE() << "relay: cannot listen, errno " << errno;
         return;
     }
-    _port = LocalEndpoint(_listener).port;
     _thread = std::thread([this] { run(); });
 }
 
@@ -261,18 +241,9 @@ void RecordingRelay::accept() {
     if (client < 0) {
         return;
     }
-    const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(_serverPort);
-    if (server < 0 ||
-        ::connect(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        ADD_FAILURE() << "relay: cannot reach the server, errno " << errno;
+    const int server = RawConnect(_serverPort).release();
+    if (server < 0) {
         ::close(client);
-        if (server >= 0) {
-            ::close(server);
-        }
         return;
     }
     noDelay(client);
@@ -285,7 +256,7 @@ void RecordingRelay::accept() {
         link->cutting[0] = _cutting[0];
         link->cutting[1] = _cutting[1];
     }
-    link->connection = _capture.open(LocalEndpoint(server), PeerEndpoint(server));
+    link->connection = _capture.open(endpointOf(server, false), endpointOf(server, true));
     _links.push_back(link);
 }
 
@@ -303,7 +274,7 @@ bool RecordingRelay::pass(Link& link, bool fromClient) {
     if (got < 0) {
         // An abort (typically a receiver that closed with bytes unread): the other side gets
         // an end of stream when the link is closed.
-        _capture.reset(link.connection, fromClient);
+        _capture.end(link.connection, fromClient, true);
         endLink(link);
         return false;
     }
@@ -313,7 +284,7 @@ bool RecordingRelay::pass(Link& link, bool fromClient) {
         link.cutting[from] = Cutting();
         forward(link, fromClient, rest);
     }
-    _capture.finish(link.connection, fromClient);
+    _capture.end(link.connection, fromClient, false);
     link.sending[from] = false;
     (void)::shutdown(link.fd[1 - from], SHUT_WR);  // the peer may be gone already
     if (!link.sending[1 - from]) {

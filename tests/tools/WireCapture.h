@@ -30,10 +30,6 @@ struct Endpoint {
     std::uint16_t port = 0;
 };
 
-// The local and peer endpoints of a connected TCP descriptor.
-Endpoint LocalEndpoint(int fd);
-Endpoint PeerEndpoint(int fd);
-
 // Thread safety: every member may be called from any thread (one lock).
 class CaptureFile {
 public:
@@ -42,8 +38,7 @@ public:
     // One segment carrying `bytes` from one side.
     void segment(std::size_t connection, bool fromClient, const std::string& bytes);
     // The end of one side's stream (FIN), or an abort (RST).
-    void finish(std::size_t connection, bool fromClient);
-    void reset(std::size_t connection, bool fromClient);
+    void end(std::size_t connection, bool fromClient, bool abort);
     // Writes the pcap file (Ethernet link type), without its first `skip` packets (a capture
     // started late); false when it cannot be written.
     bool save(const std::string& path, std::size_t skip = 0) const;
