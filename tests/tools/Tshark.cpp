@@ -158,7 +158,13 @@ std::vector<DissectedFrame> DissectorTest::dissect(const CaptureFile& capture,
 TsharkResult DissectorTest::run(const std::vector<std::string>& arguments) {
     const std::string config = _work + "/wireshark-config";
     (void)::mkdir(config.c_str(), 0700);  // it may exist from an earlier run
-    std::vector<std::string> argv{"env", "WIRESHARK_CONFIG_DIR=" + config, "tshark", "-X",
+    // A home of its own: a copy of the dissector among the user's personal plugins would be
+    // loaded beside the one under test and refuse to register the same protocols again.
+    std::vector<std::string> argv{"env",
+                                  "HOME=" + _work,
+                                  "WIRESHARK_CONFIG_DIR=" + config,
+                                  "tshark",
+                                  "-X",
                                   std::string("lua_script:") + VEL_DISSECTOR_PATH};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     ChildProcess child(argv);
